@@ -1,0 +1,130 @@
+// The host API of the emulated NT machine. Tests and the tervane command use
+// only this and the Nt* services.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <nt/ntifs.h>
+
+namespace tervane::emu {
+
+class Process;  // an EPROCESS of the machine (opaque to users)
+
+// Pool usage of one tag, like a poolmon line.
+struct PoolTagUsage {
+    std::string tag;  // four characters as they read in memory order
+    uint64_t allocs = 0;
+    uint64_t frees = 0;
+    uint64_t outstandingBlocks = 0;
+    uint64_t outstandingBytes = 0;
+};
+
+// What the verifier found at shutdown (or at any time through Snapshot()).
+struct VerifierReport {
+    std::vector<PoolTagUsage> pool;       // tags with outstanding blocks only
+    std::vector<std::string> handles;     // one line per handle still open: "pid handle type name"
+    std::vector<std::string> fileObjects; // one line per file object still referenced
+    std::vector<std::string> violations;  // misuse seen during the run, in order
+    bool Clean() const { return pool.empty() && handles.empty() && fileObjects.empty() && violations.empty(); }
+    std::string ToString() const;
+};
+
+struct MachineOptions {
+    bool echoLog = false;           // also write every DbgPrint to stderr
+    uint16_t buildNumber = 2600;    // NtBuildNumber low word
+};
+
+class Machine {
+public:
+    explicit Machine(MachineOptions options = {});
+    ~Machine();  // shuts down if Shutdown was not called
+    Machine(const Machine&) = delete;
+    Machine& operator=(const Machine&) = delete;
+
+    // The one machine alive in this host process, or nullptr.
+    static Machine* Current();
+
+    // Volumes. MountVolume creates the volume device of the emulated file
+    // system over HOSTDIR (made if missing) and links "\??\X:" to it.
+    NTSTATUS MountVolume(char letter, const std::string& hostDir);
+    // Gives the volume of EXISTING a second drive letter.
+    NTSTATUS AliasVolume(char letter, char existing);
+    // Links "\??\X:" to an arbitrary device name (tests with their own devices).
+    NTSTATUS LinkDrive(char letter, const std::u16string& deviceName);
+
+    // Registry: sets a REG_SZ value, creating the key path as needed. KEY is
+    // a full name such as "\\Registry\\Machine\\SOFTWARE\\...".
+    void SetRegistryString(const std::string& key, const std::string& name, const std::string& value);
+    void SetBuildNumber(uint16_t build);
+
+    // Processes. The System process (id 4, image "System") always exists.
+    Process* CreateProcess(uint32_t pid, const std::string& imageName);
+    Process* SystemProcess();
+    Process* FindProcess(uint32_t pid);
+    // Ends a process: closes its handle table (cleanup/close as NT does).
+    void TerminateProcess(Process* process);
+
+    // Runs FN on a thread of PROCESS and waits for it. Kernel services called
+    // inside see that process as current.
+    void Run(Process* process, const std::function<void()>& fn);
+    // Starts FN on a new thread of PROCESS; Join() waits for it.
+    class Thread {
+    public:
+        ~Thread();
+        void Join();
+        struct Impl;
+        std::unique_ptr<Impl> impl;
+    };
+    std::unique_ptr<Thread> StartThread(Process* process, const std::function<void()>& fn);
+
+    // Loads a driver: creates its driver object "\Driver\NAME" and calls
+    // ENTRY in the System process. Returns DriverEntry's status.
+    NTSTATUS LoadDriver(const std::u16string& name, PDRIVER_INITIALIZE entry, PDRIVER_OBJECT* driverObject = nullptr);
+
+    // Kernel debug log: every DbgPrint line and assertion report, in order.
+    std::vector<std::string> LogLines() const;
+    // The log text since the previous call to TakeNewLog.
+    std::string TakeNewLog();
+
+    // Verifier.
+    std::vector<PoolTagUsage> PoolUsage() const;  // every tag ever used
+    VerifierReport Snapshot() const;              // what is outstanding now
+    // Fault injection: fail the Nth pool allocation from now (1 = the next),
+    // or every allocation with TAG (4 characters); Clear removes both.
+    void FailNthAllocation(uint64_t n);
+    void FailAllocationsWithTag(const std::string& tag);
+    void ClearFaultInjection();
+    std::vector<std::string> HandleLines(uint32_t pid = 0) const;  // 0 = every process
+
+    // Closes every process's handles, dismounts volumes, and reports.
+    VerifierReport Shutdown();
+
+    struct Impl;
+    Impl& impl() { return *impl_; }
+
+private:
+    std::unique_ptr<Impl> impl_;
+};
+
+// Text helpers for host code (the machine's strings are UTF-16).
+std::u16string Utf8ToUtf16(const std::string& s);
+std::string Utf16ToUtf8(const std::u16string& s);
+std::string Utf16ToUtf8(const UNICODE_STRING& s);
+std::string StatusName(NTSTATUS status);   // "STATUS_SUCCESS", or "0x..." when unknown
+bool StatusFromName(const std::string& name, NTSTATUS* status);
+
+// A UNICODE_STRING over a u16string the caller keeps alive.
+inline UNICODE_STRING MakeUnicodeString(const std::u16string& s) {
+    UNICODE_STRING u;
+    u.Length = static_cast<USHORT>(s.size() * 2);
+    u.MaximumLength = u.Length;
+    u.Buffer = reinterpret_cast<PWSTR>(const_cast<char16_t*>(s.data()));
+    return u;
+}
+
+}  // namespace tervane::emu

@@ -1,0 +1,17 @@
+// The emulated machine's kernel API, as a driver sees it through <ntifs.h>.
+#pragma once
+#include "ntdef.h"
+#include "ntstatus.h"
+#include "ke.h"
+#include "ex.h"
+#include "ps.h"
+#include "ob.h"
+#include "se.h"
+#include "rtl.h"
+#include "dbg.h"
+#include "fileinfo.h"
+#include "fsrtl.h"
+#include "io.h"
+#include "zw.h"
+#include "cm.h"
+#include "mm.h"

@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# Builds the driver for 32-bit Windows as tervane.sys and checks the image: a
+# native-subsystem PE that imports from ntoskrnl.exe and hal.dll only.
+set -euo pipefail
+root="$(cd "$(dirname "$0")/.." && pwd)"
+build="${SYS_BUILD_DIR:-$root/build-sys}"
+cmake -S "$root" -B "$build" -DCMAKE_TOOLCHAIN_FILE="$root/cmake/mingw-i686.cmake" -DCMAKE_BUILD_TYPE=Release >/dev/null
+cmake --build "$build" -j"$(nproc)"
+sys="$build/driver/tervane.sys"
+dump="$(i686-w64-mingw32-objdump -p "$sys")"
+grep -q "Subsystem.*00000001" <<<"$dump" || { echo "build-sys: $sys is not a native-subsystem image"; exit 1; }
+dlls="$(grep "DLL Name" <<<"$dump" | awk '{print $3}' | sort -u)"
+for dll in $dlls; do
+  case "$dll" in
+    ntoskrnl.exe|hal.dll) ;;
+    *) echo "build-sys: $sys imports from $dll"; exit 1 ;;
+  esac
+done
+echo "build-sys: $sys is a native driver importing only from: $(echo $dlls)"
