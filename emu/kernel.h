@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include <emu/machine.h>
 #include <nt/ntifs.h>
@@ -64,6 +65,58 @@ void BindCurrentThread(_ETHREAD* thread);  // null unbinds
 
 // The live machine's internals.
 Machine::Impl& CurrentMachine();
+
+// ---- Object manager internals (ob/) --------------------------------------
+// An object type: DeleteProcedure runs when the last reference goes,
+// CloseProcedure each time a handle to the object is closed (with the number
+// of handles the process still has to it).
+struct ObjectTypeInit {
+    const char* name;                 // "File", "Device", "Key", "Section", ...
+    GENERIC_MAPPING mapping;
+    ACCESS_MASK validAccess;
+    void (*deleteProcedure)(PVOID object);
+    void (*closeProcedure)(_EPROCESS* process, PVOID object, ACCESS_MASK grantedAccess, ULONG handleCount);
+};
+POBJECT_TYPE ObCreateObjectType(const ObjectTypeInit& init);
+const char* ObTypeName(POBJECT_TYPE type);
+// Allocates a zeroed object body with a header; reference count 1.
+NTSTATUS ObCreateObject(POBJECT_TYPE type, ULONG bodySize, PVOID* object);
+POBJECT_TYPE ObGetObjectType(PVOID object);
+LONG ObPointerCount(PVOID object);
+LONG ObHandleCount(PVOID object);
+// Gives OBJECT a handle in the current process's table, or in the kernel
+// table when ATTRIBUTES has OBJ_KERNEL_HANDLE (kernel-mode callers only).
+// Takes its own reference.
+NTSTATUS ObInsertHandle(PVOID object, ACCESS_MASK grantedAccess, ULONG attributes, PHANDLE handle);
+// Names an object in the namespace ("\Device\Tervane"); takes a reference.
+NTSTATUS ObInsertNamedObject(PVOID object, PCUNICODE_STRING name);
+NTSTATUS ObRemoveNamedObject(PCUNICODE_STRING name);
+// Resolves a full name through directories and symbolic links. Returns the
+// object found (referenced) and the part of the name that is left over when
+// the walk stops at an object that parses its own names (a device).
+NTSTATUS ObLookupName(PCUNICODE_STRING name, BOOLEAN caseInsensitive, PVOID* object, std::u16string* remaining);
+NTSTATUS ObCreateSymbolicLinkInternal(const std::u16string& linkName, const std::u16string& target);
+HandleTable* ObCreateHandleTable();
+void ObCloseAllHandles(_EPROCESS* process);   // process exit, machine shutdown
+void ObDestroyHandleTable(HandleTable* table);
+std::vector<std::string> ObDescribeHandles(uint32_t pid);  // 0 = all; "pid 0xHANDLE Type name"
+void ObStartup();   // namespace root, \Device, \Driver, \FileSystem, \??, \DosDevices -> \??, \Registry
+void ObShutdown();
+
+// ---- I/O manager internals (io/) -------------------------------------------
+void IoStartup();
+// Creates "\Driver\NAME" (or a full "\FileSystem\NAME") and calls ENTRY;
+// the caller runs it on a thread of the System process.
+NTSTATUS IoLoadDriver(const std::u16string& name, PDRIVER_INITIALIZE entry, PDRIVER_OBJECT* driverObject);
+std::vector<std::string> IoDescribeFileObjects();  // file objects still alive
+void IoShutdown();
+
+// ---- File system (fs/) ----------------------------------------------------
+// Mounts HOSTDIR as a new volume: a named storage device
+// "\Device\HarddiskVolumeN" whose VPB points at the file system's volume
+// device. Returns the storage device's name for the drive-letter link.
+NTSTATUS FsMountVolume(const std::string& hostDir, std::u16string* deviceName);
+void FsShutdown();
 
 // Misuse seen by the verifier ("IRP completed twice", ...): recorded in the
 // report and written to the debug log.
