@@ -12,6 +12,10 @@
 extern "C" ULONG* TervaneImportedNtBuildNumber __asm__("__imp__NtBuildNumber@0");
 #define NtBuildNumber (*TervaneImportedNtBuildNumber)
 
+// ntoskrnl exports the bounded wide formatter; the DDK headers do not declare it.
+#include <stdarg.h>
+extern "C" int __cdecl _vsnwprintf(wchar_t* Buffer, size_t Count, const wchar_t* Format, va_list Args);
+
 #else
 
 #include <nt/ntifs.h>

@@ -4,7 +4,7 @@
 
 #include "platform/platform.h"
 
-#define TERVANE_CTL_CODE(function) CTL_CODE(0x8400, (function), METHOD_BUFFERED, FILE_ANY_ACCESS)
+#define TERVANE_CTL_CODE(function) ((ULONG)CTL_CODE(0x8400UL, (function), METHOD_BUFFERED, FILE_ANY_ACCESS))
 
 #define IOCTL_ADD_PROCESS TERVANE_CTL_CODE(0x700)           // 0x84001C00
 #define IOCTL_REMOVE_PROCESS TERVANE_CTL_CODE(0x701)        // 0x84001C04

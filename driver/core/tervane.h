@@ -46,7 +46,7 @@ extern FAST_IO_DISPATCH g_FastIoDispatch;                       // the table ins
 
 // ---- Start-up ------------------------------------------------------------------
 
-extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
+extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
 ULONG FindProcessNameOffset();
 
 // ---- Volume attachment ---------------------------------------------------------
@@ -57,16 +57,26 @@ ULONG HookDriveSet(ULONG ulDriveMask, PDRIVER_OBJECT DriverObject);
 
 // ---- Routing -------------------------------------------------------------------
 
-NTSTATUS TervaneDispatch(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+NTSTATUS NTAPI TervaneDispatch(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 NTSTATUS TervaneDeviceRoutine(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 NTSTATUS TervaneHookRoutine(PDEVICE_OBJECT DeviceObject, PIRP Irp);
-NTSTATUS TervanePassThroughCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context);
+NTSTATUS NTAPI TervanePassThroughCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context);
 
 // Passes Irp down to the filter device's lower device: copies the stack
 // location, registers the pass-through completion and calls the lower driver.
 // Request handlers use it for requests they do not serve themselves.
 NTSTATUS TervanePassThrough(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 
-BOOLEAN TervaneFastIoDeviceControl(PFILE_OBJECT FileObject, BOOLEAN Wait, PVOID InputBuffer,
-                                   ULONG InputBufferLength, PVOID OutputBuffer, ULONG OutputBufferLength,
-                                   ULONG IoControlCode, PIO_STATUS_BLOCK IoStatus, PDEVICE_OBJECT DeviceObject);
+BOOLEAN NTAPI TervaneFastIoDeviceControl(PFILE_OBJECT FileObject, BOOLEAN Wait, PVOID InputBuffer,
+                                         ULONG InputBufferLength, PVOID OutputBuffer, ULONG OutputBufferLength,
+                                         ULONG IoControlCode, PIO_STATUS_BLOCK IoStatus,
+                                         PDEVICE_OBJECT DeviceObject);
+
+#if !defined(_WIN32)
+// The emulated machine only: gives back everything the driver holds (lists,
+// indexes, pools, locks, devices, link) and resets the global state, so that
+// a machine can shut down with nothing outstanding and the next one can load
+// the driver afresh. Runs on a thread of the machine. The real driver, which
+// has no unload, never does this.
+VOID ReleaseDriverState();
+#endif

@@ -1,0 +1,106 @@
+// Request routing: one dispatch entry for every device of the driver. The
+// control device serves the control protocol; a filter device passes every
+// request down unless it belongs to an open served from a filter directory.
+#include "core/log.h"
+#include "core/tervane.h"
+
+#include "control/process_list.h"
+
+struct FileHandleEntry;
+
+// A handler of requests on a redirected open. It owns the request from then
+// on: it completes it or passes it down itself.
+typedef NTSTATUS (*PTERVANE_REQUEST_HANDLER)(PDEVICE_OBJECT DeviceObject, PIRP Irp, FileHandleEntry* Entry);
+
+// Handlers by major function for file objects that have an entry in the
+// open-file table; a null slot is logged as not implemented and passed down.
+// The slots are filled as the request handlers arrive: close, read, write,
+// query and set information, flush, volume query, directory control,
+// file-system control, lock control, cleanup, query and set security.
+static const PTERVANE_REQUEST_HANDLER s_RoutingTable[IRP_MJ_MAXIMUM_FUNCTION + 1] = {};
+
+// The entry of a redirected open. The open-file table is not part of the
+// driver yet, so no file object has one and everything is passed down.
+static FileHandleEntry* LookupRedirectedOpen(PFILE_OBJECT FileObject) {
+    UNREFERENCED_PARAMETER(FileObject);
+    return NULL;
+}
+
+NTSTATUS NTAPI TervanePassThroughCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context) {
+    UNREFERENCED_PARAMETER(DeviceObject);
+    UNREFERENCED_PARAMETER(Context);
+    if (Irp->PendingReturned) {
+        IoMarkIrpPending(Irp);
+    }
+    return Irp->IoStatus.Status;
+}
+
+NTSTATUS TervanePassThrough(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+    PTervaneDeviceExtension pExtension = (PTervaneDeviceExtension)DeviceObject->DeviceExtension;
+    IoCopyCurrentIrpStackLocationToNext(Irp);
+    IoSetCompletionRoutine(Irp, TervanePassThroughCompletion, NULL, TRUE, TRUE, TRUE);
+    return IoCallDriver(pExtension->m_pLowerDevice, Irp);
+}
+
+NTSTATUS TervaneDeviceRoutine(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+    Irp->IoStatus.Status = STATUS_SUCCESS;
+    Irp->IoStatus.Information = 0;
+
+    PIO_STACK_LOCATION pStack = IoGetCurrentIrpStackLocation(Irp);
+    if (pStack->MajorFunction == IRP_MJ_DEVICE_CONTROL) {
+        TRVN_LOG("TervaneDeviceRoutine", 702, "IRP_MJ_DEVICE_CONTROL\n");
+        PVOID pInput = Irp->AssociatedIrp.SystemBuffer;
+        PVOID pOutput = Irp->AssociatedIrp.SystemBuffer;
+        if (Irp->MdlAddress != NULL) {
+            pOutput = MmGetSystemAddressForMdlSafe(Irp->MdlAddress, NormalPagePriority);
+        }
+        TervaneFastIoDeviceControl(pStack->FileObject, TRUE, pInput,
+                                   pStack->Parameters.DeviceIoControl.InputBufferLength, pOutput,
+                                   pStack->Parameters.DeviceIoControl.OutputBufferLength,
+                                   pStack->Parameters.DeviceIoControl.IoControlCode, &Irp->IoStatus, DeviceObject);
+    }
+
+    IoCompleteRequest(Irp, IO_NO_INCREMENT);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS TervaneHookRoutine(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+    PTervaneDeviceExtension pExtension = (PTervaneDeviceExtension)DeviceObject->DeviceExtension;
+    PIO_STACK_LOCATION pStack = IoGetCurrentIrpStackLocation(Irp);
+
+    if (!g_bFilteringEnabled || !pExtension->m_bHooked) {
+        return TervanePassThrough(DeviceObject, Irp);
+    }
+    if (pStack->MajorFunction == IRP_MJ_CREATE) {
+        // Opens are decided by the create handler, which is not part of the
+        // driver yet.
+        return TervanePassThrough(DeviceObject, Irp);
+    }
+
+    FileHandleEntry* pEntry = LookupRedirectedOpen(pStack->FileObject);
+    if (pEntry == NULL) {
+        return TervanePassThrough(DeviceObject, Irp);
+    }
+
+    // Name the sender in the log heads; the routing does not depend on it.
+    if (!IsMonitoredProcess((ULONG)(ULONG_PTR)PsGetCurrentProcessId(), &g_ustrCurrentProcessName) &&
+        !GetCurrentProcessName(&g_ustrCurrentProcessName)) {
+        g_ustrCurrentProcessName.Length = 0;
+    }
+
+    PTERVANE_REQUEST_HANDLER pHandler = s_RoutingTable[pStack->MajorFunction];
+    if (pHandler != NULL) {
+        return pHandler(DeviceObject, Irp, pEntry);
+    }
+    TRVN_LOG("TervaneHookRoutine", 588, "## Not Implemented IRP: MJFunc [0x%x], MNFunc[0x%x]\r\n",
+             (ULONG)pStack->MajorFunction, (ULONG)pStack->MinorFunction);
+    return TervanePassThrough(DeviceObject, Irp);
+}
+
+NTSTATUS NTAPI TervaneDispatch(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+    PTervaneDeviceExtension pExtension = (PTervaneDeviceExtension)DeviceObject->DeviceExtension;
+    if (pExtension->m_ulIsHookDevice == 0) {
+        return TervaneDeviceRoutine(DeviceObject, Irp);
+    }
+    return TervaneHookRoutine(DeviceObject, Irp);
+}
