@@ -1,0 +1,215 @@
+// Building an index pair: paths added one at a time, exactly as the driver
+// inserts them, and whole host directory trees.
+#include <algorithm>
+#include <system_error>
+#include <unordered_map>
+
+#include "format.h"
+#include "indexfile.h"
+
+namespace tervane::indexfile {
+
+using detail::EntryPosition;
+using detail::ReadEntry;
+using detail::WriteEntry;
+
+struct IndexBuilder::Impl {
+    IndexFiles files;
+    // Children by parent offset and upper-cased name, so that adding to a
+    // directory of many entries does not walk its child list.
+    std::unordered_map<std::u16string, uint32_t> children;
+
+    static std::u16string Key(uint32_t parent, std::u16string_view name) {
+        std::u16string key;
+        key.push_back(char16_t(parent >> 16));
+        key.push_back(char16_t(parent & 0xFFFF));
+        key += detail::Upcase(name);
+        return key;
+    }
+
+    uint32_t Count() const { return uint32_t((files.node.size() - kNodeFileExtra) / kEntrySize); }
+    uint32_t NameBytes() const { return uint32_t(files.name.size() - kNameFileExtra); }
+
+    Entry At(uint32_t offset) const { return ReadEntry(files.node.data() + EntryPosition(offset)); }
+    void Put(const Entry& e) { WriteEntry(files.node.data() + EntryPosition(e.offset), e); }
+
+    std::optional<uint32_t> Find(uint32_t parent, std::u16string_view name) const {
+        auto it = children.find(Key(parent, name));
+        if (it == children.end()) return std::nullopt;
+        return it->second;
+    }
+
+    // Stores a new child at the head of PARENT's list; the caller checked
+    // that the name is free.
+    bool AddChild(uint32_t parent, std::u16string_view name, uint32_t type, std::string* error) {
+        if (name.size() > 32767) {
+            *error = "a name is longer than 32767 characters";
+            return false;
+        }
+        if (Count() + 1 > kMaxEntries) {
+            *error = "the tree does not fit an index: more than " + std::to_string(kMaxEntries - 1) +
+                     " entries (the node file must fit its 5 MB area)";
+            return false;
+        }
+        uint64_t nameBytes = name.size() * 2;
+        if (NameBytes() + nameBytes > kMaxNameBytes) {
+            *error = "the tree does not fit an index: its names take more than " + std::to_string(kMaxNameBytes) +
+                     " bytes (the name file must fit its 5 MB area)";
+            return false;
+        }
+        Entry e;
+        e.type = type;
+        e.nameOffset = NameBytes();
+        e.nameLength = uint32_t(nameBytes);
+        e.offset = Count() * kEntrySize;
+        e.parentOffset = parent;
+        Entry p = At(parent);
+        e.nextSiblingOffset = p.firstChildOffset;
+
+        std::vector<uint8_t> nameData(nameBytes);
+        for (size_t i = 0; i < name.size(); i++) {
+            nameData[2 * i] = uint8_t(name[i]);
+            nameData[2 * i + 1] = uint8_t(name[i] >> 8);
+        }
+        files.name.insert(files.name.end() - 6, nameData.begin(), nameData.end());
+        files.node.insert(files.node.end() - 4, kEntrySize, uint8_t(0));
+        Put(e);
+        if (p.firstChildOffset != 0) {
+            Entry first = At(p.firstChildOffset);
+            first.prevSiblingOffset = e.offset;
+            Put(first);
+        }
+        p.firstChildOffset = e.offset;
+        Put(p);
+        children.emplace(Key(parent, name), e.offset);
+        return true;
+    }
+};
+
+IndexBuilder::IndexBuilder() : impl_(new Impl) {
+    impl_->files.node.assign(kNodeFileExtra + kEntrySize, 0);
+    impl_->files.name.assign(kNameFileExtra, 0);
+    Entry root;
+    root.type = kTypeDirectory;
+    impl_->Put(root);
+}
+
+IndexBuilder::~IndexBuilder() { delete impl_; }
+
+uint32_t IndexBuilder::EntryCount() const { return impl_->Count(); }
+
+const IndexFiles& IndexBuilder::Files() const { return impl_->files; }
+
+bool IndexBuilder::Add(std::u16string_view path, uint32_t type, std::string* error) {
+    std::u16string rel = detail::RelativePart(path);
+    if (!rel.empty() && rel.back() == u'\\') rel.pop_back();
+    std::vector<std::u16string_view> parts;
+    std::u16string_view rest(rel);
+    for (;;) {
+        size_t slash = rest.find(u'\\');
+        parts.push_back(rest.substr(0, slash));
+        if (slash == std::u16string_view::npos) break;
+        rest.remove_prefix(slash + 1);
+    }
+    uint32_t current = 0;
+    for (size_t i = 0; i + 1 < parts.size(); i++) {
+        if (parts[i].empty()) continue;  // "a\\b" names a\b
+        auto found = impl_->Find(current, parts[i]);
+        if (found && impl_->At(*found).type != kTypeDirectory) {
+            *error = "the path passes through a file";
+            return false;
+        }
+        if (!found) {
+            if (!impl_->AddChild(current, parts[i], kTypeDirectory, error)) return false;
+            found = impl_->Find(current, parts[i]);
+        }
+        current = *found;
+    }
+    if (parts.back().empty()) {
+        *error = "the path has an empty last component";
+        return false;
+    }
+    if (impl_->Find(current, parts.back())) {
+        *error = "the path is already in the index";
+        return false;
+    }
+    return impl_->AddChild(current, parts.back(), type, error);
+}
+
+namespace {
+
+struct TreeWalk {
+    IndexBuilder& builder;
+    std::string* error;
+    const ProgressCallback& progress;
+    uint64_t interval;
+    uint64_t added = 0;
+
+    void Report(const std::filesystem::path& current) {
+        if (progress) {
+            const IndexFiles& files = builder.Files();
+            BuildProgress p{added, files.name.size() - kNameFileExtra, &current};
+            progress(p);
+        }
+    }
+
+    // Adds the entries of host directory DIR, whose index path is PREFIX.
+    bool AddDirectory(const std::filesystem::path& dir, const std::u16string& prefix) {
+        std::error_code ec;
+        std::vector<std::filesystem::directory_entry> entries;
+        for (std::filesystem::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
+            entries.push_back(*it);
+        }
+        if (ec) {
+            *error = "cannot list " + dir.string() + ": " + ec.message();
+            return false;
+        }
+        std::sort(entries.begin(), entries.end(), [](const auto& a, const auto& b) {
+            return a.path().filename().native() < b.path().filename().native();
+        });
+        std::unordered_map<std::u16string, std::string> seen;  // upper-cased name -> host name
+        for (const auto& entry : entries) {
+            std::string hostName = entry.path().filename().native();
+            std::u16string name;
+            if (!Utf8ToUtf16(hostName, &name)) {
+                *error = "a name is not valid UTF-8: " + entry.path().string();
+                return false;
+            }
+            auto [it, inserted] = seen.emplace(detail::Upcase(name), hostName);
+            if (!inserted) {
+                *error = "two names differ only in case: " + (dir / it->second).string() + " and " +
+                         entry.path().string();
+                return false;
+            }
+            std::filesystem::file_status status = entry.symlink_status(ec);
+            bool isDirectory = !ec && std::filesystem::is_directory(status);
+            std::u16string path = prefix + u"\\" + name;
+            if (!builder.Add(path, isDirectory ? kTypeDirectory : kTypeFile, error)) {
+                *error += " (at " + entry.path().string() + ")";
+                return false;
+            }
+            if (++added % interval == 0) Report(entry.path());
+            if (isDirectory && !AddDirectory(entry.path(), path)) return false;
+        }
+        return true;
+    }
+};
+
+}  // namespace
+
+bool BuildIndex(const std::filesystem::path& hostDir, IndexFiles* out, std::string* error,
+                const ProgressCallback& progress, uint64_t progressInterval) {
+    std::error_code ec;
+    if (!std::filesystem::is_directory(hostDir, ec)) {
+        *error = hostDir.string() + " is not a directory";
+        return false;
+    }
+    IndexBuilder builder;
+    TreeWalk walk{builder, error, progress, progressInterval == 0 ? 1 : progressInterval};
+    if (!walk.AddDirectory(hostDir, u"")) return false;
+    walk.Report(hostDir);
+    *out = builder.Files();
+    return true;
+}
+
+}  // namespace tervane::indexfile
