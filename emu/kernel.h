@@ -21,6 +21,7 @@ class Registry;        // cm/
 class PoolTracker;     // ex/pool
 class DebugLog;        // dbg/
 class FileSystem;      // fs/
+class Process;         // ps/process.h
 
 // Size of a process object; the image name lives inside its first 12288 bytes.
 constexpr size_t kProcessObjectSize = 0x3000;
@@ -40,6 +41,7 @@ struct _EPROCESS {
     tervane::emu::HandleTable* Handles;
     tervane::emu::Machine* Owner;
     std::atomic<int> ThreadCount;
+    tervane::emu::Process* Host;  // the host-side record (worker thread, lifetime)
 };
 
 // A thread object: a real host thread bound to a process.
@@ -121,5 +123,28 @@ void FsShutdown();
 // Misuse seen by the verifier ("IRP completed twice", ...): recorded in the
 // report and written to the debug log.
 void VerifierViolation(const std::string& what);
+
+// ---- Kernel, executive and machine internals (ke/ ex/ ps/ cm/ mm/ machine/) -
+// Critical-region balance around a driver callback: take the depth before
+// calling (EmuKeGetCriticalRegionDepth), then call this afterwards. A changed
+// depth is a violation naming WHAT ("IRP_MJ_CREATE dispatch of \Driver\X");
+// the depth is restored so that one fault is reported once.
+void VerifierCheckCriticalRegion(LONG depthBefore, const std::string& what);
+// The System process (id 4), which owns kernel handles and driver loading.
+_EPROCESS* PsSystemProcess();
+_EPROCESS* PsLookupProcess(uint32_t pid);  // no reference taken; null if none
+// Image name of a process as the host sees it ("System").
+std::string PsImageName(const _EPROCESS* process);
+// Writes to the kernel debug log (text already formatted, ANSI/UTF-8).
+void DbgLogWrite(const std::string& text);
+// Registry (cm/): created by the machine after ObStartup, torn down before
+// ObShutdown.
+void CmStartup();
+void CmShutdown();
+// Sections (mm/): views still mapped, one line each ("view 0x... of section
+// 0x... (N bytes)"); MmShutdown unmaps what is left.
+void MmStartup();
+std::vector<std::string> MmDescribeViews();
+void MmShutdown();
 
 }  // namespace tervane::emu

@@ -29,8 +29,11 @@ struct VerifierReport {
     std::vector<PoolTagUsage> pool;       // tags with outstanding blocks only
     std::vector<std::string> handles;     // one line per handle still open: "pid handle type name"
     std::vector<std::string> fileObjects; // one line per file object still referenced
+    std::vector<std::string> views;       // one line per section view still mapped
     std::vector<std::string> violations;  // misuse seen during the run, in order
-    bool Clean() const { return pool.empty() && handles.empty() && fileObjects.empty() && violations.empty(); }
+    bool Clean() const {
+        return pool.empty() && handles.empty() && fileObjects.empty() && views.empty() && violations.empty();
+    }
     std::string ToString() const;
 };
 

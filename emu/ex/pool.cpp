@@ -1,0 +1,131 @@
+// Non-paged pool: every block is a host allocation of its own (so that the
+// address sanitizer sees overruns) recorded with its tag and size.
+#include "ex/pool.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "kernel.h"
+#include "machine/machine_impl.h"
+
+namespace tervane::emu {
+
+// Fresh pool is not zeroed on NT; fill it with a pattern so that code which
+// forgets to initialise a field fails here as it would there.
+constexpr unsigned char kFreshPoolFill = 0xA5;
+
+std::string PoolTagText(ULONG tag) {
+    std::string text(4, ' ');
+    for (int i = 0; i < 4; ++i) text[i] = static_cast<char>((tag >> (8 * i)) & 0xFF);
+    return text;
+}
+
+ULONG PoolTagFromText(const std::string& text) {
+    ULONG tag = 0;
+    for (size_t i = 0; i < 4; ++i) {
+        unsigned char c = i < text.size() ? static_cast<unsigned char>(text[i]) : ' ';
+        tag |= static_cast<ULONG>(c) << (8 * i);
+    }
+    return tag;
+}
+
+PoolTracker::~PoolTracker() {
+    for (auto& [block, info] : live_) std::free(const_cast<void*>(block));
+}
+
+void* PoolTracker::Allocate(SIZE_T bytes, ULONG tag) {
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        bool fail = failTagSet_ && tag == failTag_;
+        if (failCountdown_ != 0 && --failCountdown_ == 0) fail = true;
+        if (fail) return nullptr;
+    }
+    void* block = std::malloc(bytes == 0 ? 1 : bytes);
+    if (!block) return nullptr;
+    std::memset(block, kFreshPoolFill, bytes);
+    std::lock_guard<std::mutex> guard(lock_);
+    live_[block] = Block{bytes, tag};
+    Counters& c = tags_[tag];
+    c.allocs++;
+    c.blocks++;
+    c.bytes += bytes;
+    return block;
+}
+
+void PoolTracker::Free(void* block, ULONG tag, bool checkTag) {
+    std::string problem;
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        auto it = live_.find(block);
+        if (it == live_.end()) {
+            char text[96];
+            std::snprintf(text, sizeof(text), "pool block %p freed that is not allocated (double free?)", block);
+            problem = text;
+        } else {
+            if (checkTag && it->second.tag != tag) {
+                problem = "pool block tagged \"" + PoolTagText(it->second.tag) + "\" freed with tag \"" +
+                          PoolTagText(tag) + "\"";
+            }
+            Counters& c = tags_[it->second.tag];
+            c.frees++;
+            c.blocks--;
+            c.bytes -= it->second.bytes;
+            live_.erase(it);
+            std::free(block);
+        }
+    }
+    if (!problem.empty()) VerifierViolation(problem);
+}
+
+bool PoolTracker::Lookup(const void* block, SIZE_T* bytes, ULONG* tag) const {
+    std::lock_guard<std::mutex> guard(lock_);
+    auto it = live_.find(block);
+    if (it == live_.end()) return false;
+    if (bytes) *bytes = it->second.bytes;
+    if (tag) *tag = it->second.tag;
+    return true;
+}
+
+std::vector<PoolTagUsage> PoolTracker::Usage(bool outstandingOnly) const {
+    std::lock_guard<std::mutex> guard(lock_);
+    std::vector<PoolTagUsage> usage;
+    for (const auto& [tag, c] : tags_) {
+        if (outstandingOnly && c.blocks == 0) continue;
+        usage.push_back(PoolTagUsage{PoolTagText(tag), c.allocs, c.frees, c.blocks, c.bytes});
+    }
+    return usage;
+}
+
+void PoolTracker::FailNth(uint64_t n) {
+    std::lock_guard<std::mutex> guard(lock_);
+    failCountdown_ = n;
+}
+
+void PoolTracker::FailTag(ULONG tag) {
+    std::lock_guard<std::mutex> guard(lock_);
+    failTagSet_ = true;
+    failTag_ = tag;
+}
+
+void PoolTracker::ClearFaults() {
+    std::lock_guard<std::mutex> guard(lock_);
+    failCountdown_ = 0;
+    failTagSet_ = false;
+}
+
+}  // namespace tervane::emu
+
+using namespace tervane::emu;
+
+extern "C" PVOID ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag) {
+    return CurrentMachine().pool.Allocate(NumberOfBytes, Tag);
+}
+
+// Untagged allocations carry the tag NT gives them, "None".
+extern "C" PVOID ExAllocatePool(POOL_TYPE PoolType, SIZE_T NumberOfBytes) {
+    return ExAllocatePoolWithTag(PoolType, NumberOfBytes, 0x656E6F4E);
+}
+
+extern "C" VOID ExFreePoolWithTag(PVOID P, ULONG Tag) { CurrentMachine().pool.Free(P, Tag, true); }
+
+extern "C" VOID ExFreePool(PVOID P) { CurrentMachine().pool.Free(P, 0, false); }

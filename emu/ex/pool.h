@@ -1,0 +1,50 @@
+// Non-paged pool with per-tag accounting (poolmon-like) and fault injection.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include <emu/machine.h>
+
+namespace tervane::emu {
+
+std::string PoolTagText(ULONG tag);   // the four characters in memory order
+ULONG PoolTagFromText(const std::string& text);
+
+class PoolTracker {
+public:
+    ~PoolTracker();
+    // Null when the allocation is refused by fault injection.
+    void* Allocate(SIZE_T bytes, ULONG tag);
+    // CHECKTAG: the caller named a tag (ExFreePoolWithTag) that must match.
+    void Free(void* block, ULONG tag, bool checkTag);
+    // Size of the live block that holds ADDRESS, 0 when none (used by the
+    // verifier to look for live objects inside a block being freed).
+    bool Lookup(const void* block, SIZE_T* bytes, ULONG* tag) const;
+    std::vector<PoolTagUsage> Usage(bool outstandingOnly) const;
+
+    void FailNth(uint64_t n);
+    void FailTag(ULONG tag);
+    void ClearFaults();
+
+private:
+    struct Block {
+        SIZE_T bytes;
+        ULONG tag;
+    };
+    struct Counters {
+        uint64_t allocs = 0, frees = 0, blocks = 0, bytes = 0;
+    };
+    mutable std::mutex lock_;
+    std::unordered_map<const void*, Block> live_;
+    std::map<ULONG, Counters> tags_;
+    uint64_t failCountdown_ = 0;  // 0: off
+    bool failTagSet_ = false;
+    ULONG failTag_ = 0;
+};
+
+}  // namespace tervane::emu

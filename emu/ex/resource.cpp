@@ -1,0 +1,275 @@
+// Executive resources: many shared owners or one exclusive owner, both
+// recursive for their owner. A shared request by the exclusive owner is
+// granted as a further exclusive acquire, as on NT. A shared request waits
+// while exclusive waiters queue (unless the thread already owns the resource
+// shared). When the exclusive owner lets go, the shared waiters are granted
+// first; when the last shared owner lets go, the first exclusive waiter is.
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <mutex>
+#include <set>
+
+#include "machine/machine_impl.h"
+#include "machine/services.h"
+#include "ps/process.h"
+
+namespace tervane::emu {
+
+namespace {
+
+constexpr USHORT kResourceOwnedExclusive = 0x80;
+
+struct Waiter {
+    _ETHREAD* thread;
+    bool exclusive;
+    bool granted = false;
+};
+
+struct ResourceState {
+    std::mutex lock;
+    std::condition_variable granted;
+    _ETHREAD* exclusiveOwner = nullptr;
+    ULONG exclusiveCount = 0;
+    std::vector<std::pair<_ETHREAD*, ULONG>> shared;  // owner, recursion count
+    std::deque<Waiter*> waiters;
+};
+
+std::mutex gRegistryLock;
+std::set<ResourceState*> gResources;
+
+ResourceState* StateOf(PERESOURCE resource, const char* service) {
+    auto* state = static_cast<ResourceState*>(resource->Impl);
+    bool known;
+    {
+        std::lock_guard<std::mutex> guard(gRegistryLock);
+        known = state && gResources.count(state);
+    }
+    if (!known) {
+        VerifierViolation(std::string(service) + " on a resource that is not initialised");
+        return nullptr;
+    }
+    return state;
+}
+
+std::pair<_ETHREAD*, ULONG>* SharedEntry(ResourceState* s, _ETHREAD* thread) {
+    for (auto& entry : s->shared)
+        if (entry.first == thread) return &entry;
+    return nullptr;
+}
+
+// Mirrors the state into the fields of the record that drivers may look at.
+void Publish(PERESOURCE resource, ResourceState* s) {
+    resource->ActiveCount = static_cast<SHORT>(s->exclusiveOwner ? 1 : s->shared.size());
+    resource->Flag = s->exclusiveOwner ? kResourceOwnedExclusive : 0;
+    ULONG sharedWaiters = 0, exclusiveWaiters = 0;
+    for (Waiter* w : s->waiters) (w->exclusive ? exclusiveWaiters : sharedWaiters)++;
+    resource->NumberOfSharedWaiters = sharedWaiters;
+    resource->NumberOfExclusiveWaiters = exclusiveWaiters;
+}
+
+bool HasExclusiveWaiter(ResourceState* s) {
+    for (Waiter* w : s->waiters)
+        if (w->exclusive) return true;
+    return false;
+}
+
+// The resource has just become free: hand it to the waiters whose turn it is.
+void GrantWaiters(ResourceState* s, bool afterExclusive) {
+    bool anyShared = false;
+    for (Waiter* w : s->waiters) anyShared |= !w->exclusive;
+    if (anyShared && (afterExclusive || !HasExclusiveWaiter(s))) {
+        for (auto it = s->waiters.begin(); it != s->waiters.end();) {
+            if ((*it)->exclusive) {
+                ++it;
+                continue;
+            }
+            (*it)->granted = true;
+            s->shared.emplace_back((*it)->thread, 1);
+            it = s->waiters.erase(it);
+        }
+    } else {
+        for (auto it = s->waiters.begin(); it != s->waiters.end(); ++it) {
+            if (!(*it)->exclusive) continue;
+            (*it)->granted = true;
+            s->exclusiveOwner = (*it)->thread;
+            s->exclusiveCount = 1;
+            s->waiters.erase(it);
+            break;
+        }
+    }
+    s->granted.notify_all();
+}
+
+BOOLEAN WaitForGrant(PERESOURCE resource, ResourceState* s, std::unique_lock<std::mutex>& guard, _ETHREAD* self,
+                     bool exclusive) {
+    Waiter waiter{self, exclusive};
+    s->waiters.push_back(&waiter);
+    Publish(resource, s);
+    s->granted.wait(guard, [&] { return waiter.granted; });
+    Publish(resource, s);
+    return TRUE;
+}
+
+bool Release(PERESOURCE resource, _ETHREAD* thread) {
+    ResourceState* s = StateOf(resource, "ExReleaseResourceLite");
+    if (!s) return true;
+    std::lock_guard<std::mutex> guard(s->lock);
+    if (s->exclusiveOwner == thread && thread) {
+        if (--s->exclusiveCount == 0) {
+            s->exclusiveOwner = nullptr;
+            GrantWaiters(s, true);
+        }
+    } else if (auto* entry = SharedEntry(s, thread)) {
+        if (--entry->second == 0) {
+            s->shared.erase(s->shared.begin() + (entry - s->shared.data()));
+            if (s->shared.empty()) GrantWaiters(s, false);
+        }
+    } else {
+        return false;
+    }
+    Publish(resource, s);
+    return true;
+}
+
+}  // namespace
+
+void ResourceFreeAll() {
+    std::lock_guard<std::mutex> guard(gRegistryLock);
+    for (ResourceState* s : gResources) delete s;
+    gResources.clear();
+}
+
+}  // namespace tervane::emu
+
+using namespace tervane::emu;
+
+extern "C" NTSTATUS ExInitializeResourceLite(PERESOURCE Resource) {
+    auto* old = static_cast<ResourceState*>(Resource->Impl);
+    {
+        std::lock_guard<std::mutex> guard(gRegistryLock);
+        if (old && gResources.count(old)) {  // initialised again: the old state goes
+            gResources.erase(old);
+            delete old;
+        }
+    }
+    std::memset(Resource, 0, sizeof(*Resource));
+    auto* state = new ResourceState();
+    Resource->Impl = state;
+    Resource->Address = reinterpret_cast<ULONG_PTR>(Resource);
+    InitializeListHead(&Resource->SystemResourcesList);
+    std::lock_guard<std::mutex> guard(gRegistryLock);
+    gResources.insert(state);
+    return STATUS_SUCCESS;
+}
+
+extern "C" NTSTATUS ExDeleteResourceLite(PERESOURCE Resource) {
+    ResourceState* s = StateOf(Resource, "ExDeleteResourceLite");
+    if (!s) return STATUS_SUCCESS;
+    bool busy;
+    {
+        std::lock_guard<std::mutex> guard(s->lock);
+        busy = s->exclusiveOwner || !s->shared.empty() || !s->waiters.empty();
+    }
+    if (busy) {
+        VerifierViolation("ExDeleteResourceLite on a resource that is owned or waited for");
+        return STATUS_SUCCESS;  // its state stays until the machine goes
+    }
+    {
+        std::lock_guard<std::mutex> guard(gRegistryLock);
+        gResources.erase(s);
+    }
+    delete s;
+    Resource->Impl = nullptr;
+    return STATUS_SUCCESS;
+}
+
+extern "C" BOOLEAN ExAcquireResourceExclusiveLite(PERESOURCE Resource, BOOLEAN Wait) {
+    _ETHREAD* self = RequireCurrentThread("ExAcquireResourceExclusiveLite");
+    ResourceState* s = StateOf(Resource, "ExAcquireResourceExclusiveLite");
+    if (!s) return FALSE;
+    std::unique_lock<std::mutex> guard(s->lock);
+    if (s->exclusiveOwner == self) {
+        s->exclusiveCount++;
+        return TRUE;
+    }
+    if (!s->exclusiveOwner && s->shared.empty()) {
+        s->exclusiveOwner = self;
+        s->exclusiveCount = 1;
+        Publish(Resource, s);
+        return TRUE;
+    }
+    if (SharedEntry(s, self)) {
+        // On NT this thread would wait for itself forever.
+        guard.unlock();
+        VerifierViolation("ExAcquireResourceExclusiveLite by a thread that owns the resource shared (deadlock)");
+        return FALSE;
+    }
+    if (!Wait) return FALSE;
+    return WaitForGrant(Resource, s, guard, self, true);
+}
+
+extern "C" BOOLEAN ExAcquireResourceSharedLite(PERESOURCE Resource, BOOLEAN Wait) {
+    _ETHREAD* self = RequireCurrentThread("ExAcquireResourceSharedLite");
+    ResourceState* s = StateOf(Resource, "ExAcquireResourceSharedLite");
+    if (!s) return FALSE;
+    std::unique_lock<std::mutex> guard(s->lock);
+    if (s->exclusiveOwner == self) {
+        s->exclusiveCount++;
+        return TRUE;
+    }
+    if (auto* entry = SharedEntry(s, self)) {
+        entry->second++;
+        return TRUE;
+    }
+    if (!s->exclusiveOwner && !HasExclusiveWaiter(s)) {
+        s->shared.emplace_back(self, 1);
+        Publish(Resource, s);
+        return TRUE;
+    }
+    if (!Wait) return FALSE;
+    return WaitForGrant(Resource, s, guard, self, false);
+}
+
+extern "C" VOID FASTCALL ExReleaseResourceLite(PERESOURCE Resource) {
+    _ETHREAD* self = RequireCurrentThread("ExReleaseResourceLite");
+    if (!Release(Resource, self))
+        VerifierViolation("ExReleaseResourceLite: resource released by a thread that does not own it");
+}
+
+extern "C" VOID ExReleaseResourceForThreadLite(PERESOURCE Resource, ERESOURCE_THREAD ResourceThreadId) {
+    if (!Release(Resource, reinterpret_cast<_ETHREAD*>(ResourceThreadId)))
+        VerifierViolation("ExReleaseResourceForThreadLite: resource released for a thread that does not own it");
+}
+
+extern "C" BOOLEAN ExIsResourceAcquiredExclusiveLite(PERESOURCE Resource) {
+    ResourceState* s = StateOf(Resource, "ExIsResourceAcquiredExclusiveLite");
+    if (!s) return FALSE;
+    std::lock_guard<std::mutex> guard(s->lock);
+    return s->exclusiveOwner && s->exclusiveOwner == CurrentThread();
+}
+
+// How many times the current thread holds the resource, shared or exclusive.
+extern "C" ULONG ExIsResourceAcquiredSharedLite(PERESOURCE Resource) {
+    ResourceState* s = StateOf(Resource, "ExIsResourceAcquiredSharedLite");
+    if (!s) return 0;
+    _ETHREAD* self = CurrentThread();
+    std::lock_guard<std::mutex> guard(s->lock);
+    if (self && s->exclusiveOwner == self) return s->exclusiveCount;
+    auto* entry = SharedEntry(s, self);
+    return entry ? entry->second : 0;
+}
+
+extern "C" ULONG ExGetExclusiveWaiterCount(PERESOURCE Resource) {
+    ResourceState* s = StateOf(Resource, "ExGetExclusiveWaiterCount");
+    if (!s) return 0;
+    std::lock_guard<std::mutex> guard(s->lock);
+    return Resource->NumberOfExclusiveWaiters;
+}
+
+extern "C" ULONG ExGetSharedWaiterCount(PERESOURCE Resource) {
+    ResourceState* s = StateOf(Resource, "ExGetSharedWaiterCount");
+    if (!s) return 0;
+    std::lock_guard<std::mutex> guard(s->lock);
+    return Resource->NumberOfSharedWaiters;
+}

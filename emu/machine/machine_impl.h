@@ -1,0 +1,60 @@
+// The live machine's state, shared by the emulator's services through
+// CurrentMachine().
+#pragma once
+
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "dbg/debug_log.h"
+#include "ex/pool.h"
+#include "kernel.h"
+
+namespace tervane::emu {
+
+class Verifier {
+public:
+    void Violation(const std::string& what);
+    std::vector<std::string> Violations() const;
+
+private:
+    mutable std::mutex lock_;
+    std::vector<std::string> violations_;
+};
+
+struct Machine::Impl {
+    explicit Impl(Machine* self, const MachineOptions& options)
+        : self(self), options(options), log(options.echoLog) {}
+
+    Machine* self;
+    MachineOptions options;
+    DebugLog log;
+    PoolTracker pool;
+    Verifier verifier;
+
+    // Processes by id; terminated ones stay in `ended` until the machine goes
+    // so that Process pointers held by callers never dangle.
+    mutable std::mutex processLock;
+    std::map<uint32_t, Process*> processes;
+    std::vector<Process*> ended;
+    Process* system = nullptr;
+
+    // Lookaside lists still initialised (drained at shutdown) and executive
+    // resources still alive (their host state is freed with the machine).
+    std::mutex registryLock;
+    std::set<void*> lookasideLists;
+
+    // Slots for the other services' state, set by their startup routines.
+    ObjectManager* ob = nullptr;
+    IoManager* io = nullptr;
+    Registry* registry = nullptr;
+    FileSystem* fs = nullptr;
+
+    std::mutex shutdownLock;
+    bool shutDown = false;
+    VerifierReport finalReport;
+};
+
+}  // namespace tervane::emu

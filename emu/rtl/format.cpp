@@ -1,0 +1,295 @@
+// The one printf engine behind DbgPrint, _vsnprintf and _vsnwprintf, with the
+// conversions and flags of ntoskrnl's C run-time:
+//   %c %C %s %S %Z %wZ %ws %ls %hs %wc %lc %hc  characters, strings, counted strings
+//   %d %i %u %o %x %X %p                         integers (h, l, I, I32, I64, ll sizes)
+//   flags - + space # 0, width and precision (both may be *).
+// In the narrow engine %s/%c are narrow and %S/%C wide; in the wide engine the
+// other way round. Wide text written by the narrow engine is converted to the
+// ANSI code page. A null string pointer (or a counted string without buffer)
+// prints "(null)". An unknown conversion character prints itself.
+#include <cstdarg>
+#include <cstdint>
+
+#include "rtl/codepage.h"
+#include <nt/rtl.h>
+
+namespace tervane::emu {
+
+namespace {
+
+enum Size { kDefault, kShort, kLong, kWide, k64, kPointer };
+
+template <typename CharT>
+class Formatter {
+public:
+    Formatter(CharT* buffer, size_t count) : buffer_(buffer), count_(count) {}
+
+    // Returns what _vsnprintf returns: characters written, or -1 when COUNT
+    // was exceeded (then the buffer holds COUNT characters, unterminated).
+    int Run(const CharT* format, va_list args) {
+        va_copy(args_, args);
+        while (*format) {
+            CharT c = *format++;
+            if (c != '%') {
+                Put(c);
+                continue;
+            }
+            format = Conversion(format);
+        }
+        va_end(args_);
+        if (total_ > count_) return -1;
+        if (total_ < count_) buffer_[total_] = 0;
+        return static_cast<int>(total_);
+    }
+
+private:
+    struct Spec {
+        bool left = false, plus = false, space = false, alt = false, zero = false;
+        int width = 0;
+        int precision = -1;
+        Size size = kDefault;
+    };
+
+    void Put(CharT c) {
+        if (total_ < count_) buffer_[total_] = c;
+        ++total_;
+    }
+    void Pad(int n, CharT c) {
+        for (; n > 0; --n) Put(c);
+    }
+    // One character of the other width, converted to this engine's width.
+    static CharT FromWide(WCHAR w) {
+        if constexpr (sizeof(CharT) == 1) return UnicodeToAnsiChar(w);
+        else return w;
+    }
+    static CharT FromNarrow(char a) {
+        if constexpr (sizeof(CharT) == 1) return a;
+        else return AnsiToUnicodeChar(static_cast<unsigned char>(a));
+    }
+
+    // Writes PREFIX and TEXT (LENGTH units, narrow or wide) padded to the width.
+    template <typename TextT>
+    void Emit(const Spec& spec, const char* prefix, const TextT* text, int length) {
+        int prefixLength = 0;
+        while (prefix[prefixLength]) ++prefixLength;
+        int padding = spec.width - prefixLength - length;
+        if (!spec.left && !spec.zero) Pad(padding, ' ');
+        for (int i = 0; i < prefixLength; ++i) Put(static_cast<CharT>(prefix[i]));
+        if (!spec.left && spec.zero) Pad(padding, '0');
+        for (int i = 0; i < length; ++i) {
+            if constexpr (sizeof(TextT) == 1) Put(FromNarrow(text[i]));
+            else Put(FromWide(text[i]));
+        }
+        if (spec.left) Pad(padding, ' ');
+    }
+
+    template <typename TextT>
+    void EmitString(const Spec& spec, const TextT* text) {
+        if (!text) {
+            EmitString(spec, "(null)");
+            return;
+        }
+        int length = 0;
+        int limit = spec.precision < 0 ? INT32_MAX : spec.precision;
+        while (length < limit && text[length]) ++length;
+        Emit(spec, "", text, length);
+    }
+
+    void EmitCounted(const Spec& spec, const void* counted, bool wide) {
+        if (wide) {
+            auto* s = static_cast<const UNICODE_STRING*>(counted);
+            if (!s || !s->Buffer) return EmitString<char>(spec, nullptr);
+            Emit(spec, "", s->Buffer, s->Length / 2);
+        } else {
+            auto* s = static_cast<const ANSI_STRING*>(counted);
+            if (!s || !s->Buffer) return EmitString<char>(spec, nullptr);
+            Emit(spec, "", s->Buffer, s->Length);
+        }
+    }
+
+    void EmitInteger(Spec spec, uint64_t magnitude, bool negative, unsigned base, bool upper, bool hexPrefix) {
+        char digits[80];
+        int n = 0;
+        const char* set = upper ? "0123456789ABCDEF" : "0123456789abcdef";
+        // Precision gives the minimum number of digits and turns off zero
+        // padding; a zero printed with precision 0 prints no digits.
+        if (spec.precision < 0) spec.precision = 1;
+        else spec.zero = false;
+        uint64_t v = magnitude;
+        while (v != 0) {
+            digits[n++] = set[v % base];
+            v /= base;
+        }
+        if (spec.precision > 64) spec.precision = 64;
+        while (n < spec.precision) digits[n++] = '0';
+        if (base == 8 && spec.alt && (n == 0 || digits[n - 1] != '0')) digits[n++] = '0';
+        char text[80];
+        for (int i = 0; i < n; ++i) text[i] = digits[n - 1 - i];
+        const char* prefix = "";
+        if (negative) prefix = "-";
+        else if (spec.plus) prefix = "+";
+        else if (spec.space) prefix = " ";
+        if (hexPrefix && spec.alt && magnitude != 0) prefix = upper ? "0X" : "0x";
+        Emit(spec, prefix, text, n);
+    }
+
+    const CharT* Conversion(const CharT* f) {
+        Spec spec;
+        for (;; ++f) {
+            if (*f == '-') spec.left = true;
+            else if (*f == '+') spec.plus = true;
+            else if (*f == ' ') spec.space = true;
+            else if (*f == '#') spec.alt = true;
+            else if (*f == '0') spec.zero = true;
+            else break;
+        }
+        if (*f == '*') {
+            spec.width = va_arg(args_, int);
+            if (spec.width < 0) {
+                spec.left = true;
+                spec.width = -spec.width;
+            }
+            ++f;
+        } else {
+            while (*f >= '0' && *f <= '9') spec.width = spec.width * 10 + (*f++ - '0');
+        }
+        if (*f == '.') {
+            ++f;
+            spec.precision = 0;
+            if (*f == '*') {
+                spec.precision = va_arg(args_, int);
+                if (spec.precision < 0) spec.precision = -1;
+                ++f;
+            } else {
+                while (*f >= '0' && *f <= '9') spec.precision = spec.precision * 10 + (*f++ - '0');
+            }
+        }
+        if (spec.left) spec.zero = false;
+        // Size prefixes.
+        if (*f == 'h') { spec.size = kShort; ++f; }
+        else if (*f == 'l' && f[1] == 'l') { spec.size = k64; f += 2; }
+        else if (*f == 'l') { spec.size = kLong; ++f; }
+        else if (*f == 'w') { spec.size = kWide; ++f; }
+        else if (*f == 'L') { ++f; }
+        else if (*f == 'I') {
+            if (f[1] == '6' && f[2] == '4') { spec.size = k64; f += 3; }
+            else if (f[1] == '3' && f[2] == '2') { spec.size = kDefault; f += 3; }
+            else { spec.size = kPointer; ++f; }
+        }
+        CharT type = *f;
+        if (type == 0) return f;  // a lone '%' at the end prints nothing
+        ++f;
+        const bool narrowEngine = sizeof(CharT) == 1;
+        const bool sizeWide = spec.size == kLong || spec.size == kWide;
+        switch (type) {
+        case 'c':
+        case 'C': {
+            // Which width the character argument has.
+            bool wide = type == 'c' ? (narrowEngine ? sizeWide : spec.size != kShort)
+                                    : (narrowEngine ? spec.size != kShort : sizeWide);
+            int value = va_arg(args_, int);
+            if (wide) {
+                WCHAR w = static_cast<WCHAR>(value);
+                Emit(spec, "", &w, 1);
+            } else {
+                char a = static_cast<char>(value);
+                Emit(spec, "", &a, 1);
+            }
+            break;
+        }
+        case 's':
+        case 'S': {
+            bool wide = type == 's' ? (narrowEngine ? sizeWide : spec.size != kShort)
+                                    : (narrowEngine ? spec.size != kShort : sizeWide);
+            if (wide) EmitString(spec, va_arg(args_, const WCHAR*));
+            else EmitString(spec, va_arg(args_, const char*));
+            break;
+        }
+        case 'Z':
+            EmitCounted(spec, va_arg(args_, const void*), sizeWide);
+            break;
+        case 'd':
+        case 'i': {
+            int64_t v;
+            if (spec.size == k64) v = va_arg(args_, int64_t);
+            else if (spec.size == kPointer) v = va_arg(args_, intptr_t);
+            else if (spec.size == kShort) v = static_cast<short>(va_arg(args_, int));
+            else v = va_arg(args_, int);
+            uint64_t magnitude = v < 0 ? 0 - static_cast<uint64_t>(v) : static_cast<uint64_t>(v);
+            EmitInteger(spec, magnitude, v < 0, 10, false, false);
+            break;
+        }
+        case 'u':
+        case 'o':
+        case 'x':
+        case 'X': {
+            uint64_t v;
+            if (spec.size == k64) v = va_arg(args_, uint64_t);
+            else if (spec.size == kPointer) v = va_arg(args_, uintptr_t);
+            else if (spec.size == kShort) v = static_cast<unsigned short>(va_arg(args_, unsigned));
+            else v = va_arg(args_, unsigned);
+            unsigned base = type == 'u' ? 10 : type == 'o' ? 8 : 16;
+            EmitInteger(spec, v, false, base, type == 'X', base == 16);
+            break;
+        }
+        case 'p': {
+            // Upper-case hex padded to the pointer width: 8 digits on 32-bit
+            // NT, 16 in this 64-bit build of the machine.
+            uintptr_t v = reinterpret_cast<uintptr_t>(va_arg(args_, void*));
+            spec.precision = 2 * sizeof(void*);
+            spec.alt = false;
+            EmitInteger(spec, v, false, 16, true, true);
+            break;
+        }
+        case 'n':
+            (void)va_arg(args_, void*);  // never written through: nothing is stored
+            break;
+        default:
+            Put(type);
+            break;
+        }
+        return f;
+    }
+
+    CharT* buffer_;
+    size_t count_;
+    va_list args_;
+    size_t total_ = 0;
+};
+
+}  // namespace
+}  // namespace tervane::emu
+
+using tervane::emu::Formatter;
+
+extern "C" int _vsnprintf(char* Buffer, size_t Count, const char* Format, va_list Args) {
+    va_list copy;
+    va_copy(copy, Args);
+    int n = Formatter<char>(Buffer, Count).Run(Format, copy);
+    va_end(copy);
+    return n;
+}
+
+extern "C" int _snprintf(char* Buffer, size_t Count, const char* Format, ...) {
+    va_list args;
+    va_start(args, Format);
+    int n = _vsnprintf(Buffer, Count, Format, args);
+    va_end(args);
+    return n;
+}
+
+extern "C" int _vsnwprintf(WCHAR* Buffer, size_t Count, const WCHAR* Format, va_list Args) {
+    va_list copy;
+    va_copy(copy, Args);
+    int n = Formatter<WCHAR>(Buffer, Count).Run(Format, copy);
+    va_end(copy);
+    return n;
+}
+
+extern "C" int _snwprintf(WCHAR* Buffer, size_t Count, const WCHAR* Format, ...) {
+    va_list args;
+    va_start(args, Format);
+    int n = _vsnwprintf(Buffer, Count, Format, args);
+    va_end(args);
+    return n;
+}
