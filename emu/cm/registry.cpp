@@ -46,7 +46,8 @@ CmKey* Registry::Walk(CmKey* from, const std::vector<std::u16string>& components
 void Registry::SetValue(CmKey* key, const std::u16string& name, ULONG type, const void* data, size_t size) {
     CmValue* value = key->FindValue(name);
     if (!value) {
-        key->values.push_back(CmValue{name});
+        key->values.emplace_back();
+        key->values.back().name = name;
         value = &key->values.back();
     }
     value->type = type;
