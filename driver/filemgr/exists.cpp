@@ -1,0 +1,112 @@
+// Existence across filter directories: in which of them a drive path names an
+// object that can be opened. Filter directory 0 is always probed on disk; the
+// others only when the path is not hidden and their file index (if any)
+// lists it, so most lower probes cost a lookup in memory instead of an open.
+#include "control/filter_directory.h"
+#include "core/log.h"
+#include "core/tervane.h"
+#include "filemgr/file_manager.h"
+#include "filemgr/filemgr_scoped.h"
+#include "index/file_index.h"
+
+using filemgr::ScopedPool;
+
+// "\DosDevices\" in bytes, without a terminator.
+#define DOS_DEVICES_PREFIX L"\\DosDevices\\"
+#define DOS_DEVICES_PREFIX_BYTES (sizeof(DOS_DEVICES_PREFIX) - sizeof(WCHAR))
+
+NTSTATUS CheckFileExists(PCUNICODE_STRING pustrRealPath) {
+    // The message buffer holds "\DosDevices\", the path and a terminator. A
+    // path so long that this cannot be counted in 16 bits is refused.
+    if (pustrRealPath == NULL || (ULONG)pustrRealPath->Length + DOS_DEVICES_PREFIX_BYTES + sizeof(WCHAR) > 0xFFFE) {
+        return STATUS_OBJECT_NAME_INVALID;
+    }
+    USHORT usMessageSize = (USHORT)(pustrRealPath->Length + DOS_DEVICES_PREFIX_BYTES + sizeof(WCHAR));
+    ScopedPool message(usMessageSize, TRVN_TAG_GENERAL);
+    if (message.Get() == NULL) {
+        TRVN_LOG("CheckFileExists", __LINE__, "Fail allocation");
+        return STATUS_UNSUCCESSFUL;
+    }
+    UNICODE_STRING ustrMessage;
+    ustrMessage.Buffer = message.As<WCHAR>();
+    ustrMessage.Length = 0;
+    ustrMessage.MaximumLength = usMessageSize;
+    CopyStringToCounted(&ustrMessage, DOS_DEVICES_PREFIX);
+    AppendCountedString(&ustrMessage, pustrRealPath);
+
+    HANDLE hFile = NULL;
+    IO_STATUS_BLOCK IoStatus;
+    NTSTATUS nStatus = FiltCreateFile(0, FALSE, &hFile, GENERIC_READ, (PUNICODE_STRING)pustrRealPath, FALSE, FALSE,
+                                      &IoStatus, NULL, 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                      FILE_OPEN, 0, NULL, 0);
+    if (NT_SUCCESS(nStatus) && hFile != NULL) {
+        ZwClose(hFile);
+    }
+    if (!NT_SUCCESS(nStatus) && nStatus != STATUS_OBJECT_NAME_NOT_FOUND && nStatus != STATUS_OBJECT_PATH_NOT_FOUND) {
+        TRVN_LOG("CheckFileExists", __LINE__, "unknown err[%d] for [%wZ]\r\n", nStatus, &ustrMessage);
+    }
+    return nStatus;
+}
+
+// Moves the status of the existence probes up the ranking: success, then
+// "name not found" (a parent exists somewhere), then "path not found".
+static VOID RefineExistenceStatus(PNTSTATUS pnStatus, NTSTATUS nFilterStatus) {
+    if (*pnStatus == STATUS_OBJECT_NAME_NOT_FOUND && nFilterStatus == STATUS_SUCCESS) {
+        *pnStatus = STATUS_SUCCESS;
+    } else if (*pnStatus == STATUS_OBJECT_PATH_NOT_FOUND &&
+               (nFilterStatus == STATUS_SUCCESS || nFilterStatus == STATUS_OBJECT_NAME_NOT_FOUND)) {
+        *pnStatus = nFilterStatus;
+    }
+}
+
+ULONG FiltCheckFileExists(PCUNICODE_STRING pustrPath, ULONG ulFilterMask, PNTSTATUS pnStatus) {
+    ScopedPool working(PATH_BUFFER_SIZE, TRVN_TAG_GENERAL);
+    if (working.Get() == NULL) {
+        TRVN_LOG("FiltCheckFileExists", __LINE__, "alloc fail\r\n");
+        return 0;
+    }
+    UNICODE_STRING ustrReal;
+    ustrReal.Buffer = working.As<WCHAR>();
+    ustrReal.Length = 0;
+    ustrReal.MaximumLength = PATH_BUFFER_SIZE;
+
+    ULONG ulResult = 0;
+    if ((ulFilterMask & 1) != 0 && GetRealFilePathForFilter(pustrPath, &ustrReal, 1, FALSE)) {
+        NTSTATUS nStatus = CheckFileExists(&ustrReal);
+        if (NT_SUCCESS(nStatus)) {
+            ulResult |= 1;
+        }
+        if (pnStatus != NULL) {
+            *pnStatus = nStatus;
+        }
+    }
+    if (IsPathHidden(pustrPath)) {
+        return ulResult;
+    }
+
+    const ULONG ulAll = GetFilterMask();
+    for (ULONG ulFlag = 2; ulFlag != 0 && ulFlag <= ulAll; ulFlag <<= 1) {
+        if ((ulFilterMask & ulFlag) == 0) {
+            continue;
+        }
+        PFilterDirectoryEntry pFilter = GetFilterDirectory(ulFlag);
+        if (pFilter == NULL) {
+            continue;
+        }
+        if (!LookupFilterIndex(pFilter->m_ppIndexHolder, pustrPath)) {
+            continue;
+        }
+        ustrReal.Length = 0;
+        if (!GetRealFilePathForFilter(pustrPath, &ustrReal, ulFlag, FALSE)) {
+            continue;
+        }
+        NTSTATUS nStatus = CheckFileExists(&ustrReal);
+        if (NT_SUCCESS(nStatus)) {
+            ulResult |= ulFlag;
+        }
+        if (pnStatus != NULL) {
+            RefineExistenceStatus(pnStatus, nStatus);
+        }
+    }
+    return ulResult;
+}

@@ -1,0 +1,136 @@
+// The layered open: every open the driver makes of its own (volume roots at
+// hook time aside) maps its path into one filter directory, marks the name
+// with the bypass suffix so that the driver's own filter lets it through, and
+// creates missing parents in filter directory 0 when asked.
+#include "control/filter_directory.h"
+#include "control/strings.h"
+#include "core/log.h"
+#include "core/tervane.h"
+#include "filemgr/file_manager.h"
+
+namespace {
+
+// A path buffer from the general path pool, given back when the scope ends.
+class ScopedPathBuffer {
+public:
+    ScopedPathBuffer() {
+        m_ustr.Length = 0;
+        m_ustr.MaximumLength = 0;
+        m_ustr.Buffer = NULL;
+        m_bHave = AllocatePathBuffer(&m_ustr);
+    }
+    ~ScopedPathBuffer() { FreePathBuffer(&m_ustr); }
+    ScopedPathBuffer(const ScopedPathBuffer&) = delete;
+    ScopedPathBuffer& operator=(const ScopedPathBuffer&) = delete;
+
+    BOOLEAN Have() const { return m_bHave; }
+    PUNICODE_STRING Get() { return &m_ustr; }
+
+private:
+    UNICODE_STRING m_ustr;
+    BOOLEAN m_bHave;
+};
+
+BOOLEAN DispositionCreates(ULONG CreateDisposition) {
+    return CreateDisposition == FILE_SUPERSEDE || CreateDisposition == FILE_CREATE ||
+           CreateDisposition == FILE_OPEN_IF || CreateDisposition == FILE_OVERWRITE_IF;
+}
+
+}  // namespace
+
+NTSTATUS FiltCreateFile(ULONG ulFilterMask, BOOLEAN bCreateParents, PHANDLE phFile, ACCESS_MASK DesiredAccess,
+                        PUNICODE_STRING pustrPath, BOOLEAN bCaseSensitive, BOOLEAN bForceAccessCheck,
+                        PIO_STATUS_BLOCK IoStatusBlock, PLARGE_INTEGER AllocationSize, ULONG FileAttributes,
+                        ULONG ShareAccess, ULONG CreateDisposition, ULONG CreateOptions, PVOID EaBuffer,
+                        ULONG EaLength) {
+    ScopedPathBuffer realPath;
+    ScopedPathBuffer objectPath;
+    if (!realPath.Have() || !objectPath.Have()) {
+        TRVN_LOG("FiltCreateFile", __LINE__, "cannot allocate buffer\r\n");
+        return STATUS_UNSUCCESSFUL;
+    }
+    if (!GetRealFilePathForFilter(pustrPath, realPath.Get(), ulFilterMask, FALSE)) {
+        TRVN_LOG("FiltCreateFile", __LINE__, "cannot get real file path");
+        return STATUS_NOT_FOUND;
+    }
+    CopyStringToCounted(objectPath.Get(), L"\\??\\");
+    AppendCountedString(objectPath.Get(), realPath.Get());
+
+    if (bCreateParents && (ulFilterMask & 1) != 0 && DispositionCreates(CreateDisposition)) {
+        // A failure shows as the failure of the open itself.
+        CreateDirectoryRecursive(realPath.Get());
+    }
+    if (IsFilterIndexLoaded()) {
+        AppendStringToCounted(objectPath.Get(), BYPASS_SUFFIX);
+    }
+
+    ULONG ulAttributes = OBJ_KERNEL_HANDLE;
+    if (!bCaseSensitive) {
+        ulAttributes |= OBJ_CASE_INSENSITIVE;
+    }
+    if (bForceAccessCheck) {
+        ulAttributes |= OBJ_FORCE_ACCESS_CHECK;
+    }
+    OBJECT_ATTRIBUTES ObjectAttributes;
+    InitializeObjectAttributes(&ObjectAttributes, objectPath.Get(), ulAttributes, NULL, NULL);
+    return ZwCreateFile(phFile, DesiredAccess, &ObjectAttributes, IoStatusBlock, AllocationSize, FileAttributes,
+                        ShareAccess, CreateDisposition, CreateOptions, EaBuffer, EaLength);
+}
+
+BOOLEAN CreateDirectoryRecursive(PCUNICODE_STRING pustrRealPath) {
+    if (pustrRealPath == NULL || (pustrRealPath->Length != 0 && pustrRealPath->Buffer == NULL)) {
+        return FALSE;
+    }
+    USHORT usLength = pustrRealPath->Length & ~1;
+    // A zero-byte request is not made of the pool: an empty path gets one character of room.
+    PWSTR pwcWork = (PWSTR)ExAllocatePoolWithTag(NonPagedPool, usLength != 0 ? usLength : sizeof(WCHAR),
+                                               TRVN_TAG_GENERAL);
+    if (pwcWork == NULL) {
+        TRVN_LOG("CreateDirectoryRecursive", __LINE__, "alloc fail\r\n");
+        return FALSE;
+    }
+    RtlCopyMemory(pwcWork, pustrRealPath->Buffer, usLength);
+    ULONG ulChars = usLength / sizeof(WCHAR);
+    if (ulChars < 3 || pwcWork[2] != L'\\') {
+        ExFreePoolWithTag(pwcWork, TRVN_TAG_GENERAL);
+        TRVN_LOG("CreateDirectoryRecursive", __LINE__, "wrong path[%wZ]\r\n", pustrRealPath);
+        return FALSE;
+    }
+    BOOLEAN bAll = TRUE;
+    for (ULONG i = 3; i + 1 < ulChars; i++) {
+        if (pwcWork[i] != L'\\') {
+            continue;
+        }
+        UNICODE_STRING ustrPrefix;
+        ustrPrefix.Length = (USHORT)(i * sizeof(WCHAR));
+        ustrPrefix.MaximumLength = ustrPrefix.Length;
+        ustrPrefix.Buffer = pwcWork;
+        HANDLE hDirectory = NULL;
+        IO_STATUS_BLOCK IoStatus;
+        NTSTATUS status = FiltCreateFile(0, FALSE, &hDirectory, SYNCHRONIZE, &ustrPrefix, FALSE, FALSE, &IoStatus,
+                                         NULL, 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                         FILE_OPEN_IF, FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT, NULL, 0);
+        if (!NT_SUCCESS(status)) {
+            bAll = FALSE;
+            break;
+        }
+        ZwClose(hDirectory);
+    }
+    ExFreePoolWithTag(pwcWork, TRVN_TAG_GENERAL);
+    return bAll;
+}
+
+BOOLEAN IsDirectoryFile(HANDLE hFile) {
+    FILE_STANDARD_INFORMATION StandardInfo;
+    IO_STATUS_BLOCK IoStatus;
+    IoStatus.Status = STATUS_SUCCESS;
+    IoStatus.Information = 0;
+    NTSTATUS status =
+        ZwQueryInformationFile(hFile, &IoStatus, &StandardInfo, sizeof(StandardInfo), FileStandardInformation);
+    if (!NT_SUCCESS(status)) {
+        TRVN_LOG("IsDirectoryFile", __LINE__, "ZwQueryInformationFile failed /w Err[%d] IoStatus.Status[%d]",
+                 status, IoStatus.Status);
+        return FALSE;
+    }
+    return StandardInfo.Directory;
+}

@@ -1,0 +1,184 @@
+// Index files: a node file and a name file whose bytes become the initial
+// contents of the two areas of a FileIndex, used in place.
+//
+// The files are not trusted. A file that would overrun its area or leave the
+// stored-room counters pointing into existing data is refused with
+// STATUS_FILE_CORRUPT_ERROR: larger than its area, a node file shorter than
+// header + root + 4 bytes or whose length minus 72 is not a multiple of 48, a
+// name file shorter than 14 bytes or whose names region has an odd length.
+// Links inside the areas are checked on every access (index_internal.h).
+#include "control/filter_directory.h"
+#include "core/locks.h"
+#include "filemgr/file_manager.h"
+#include "index/index_internal.h"
+
+static BOOLEAN IsNodeFileSizeValid(ULONG ulSize, ULONG ulAreaSize) {
+    return ulSize <= ulAreaSize && ulSize >= FILE_INDEX_NODE_FILE_EXTRA + FILE_INDEX_ENTRY_SIZE &&
+           (ulSize - FILE_INDEX_NODE_FILE_EXTRA) % FILE_INDEX_ENTRY_SIZE == 0;
+}
+
+static BOOLEAN IsNameFileSizeValid(ULONG ulSize, ULONG ulAreaSize) {
+    return ulSize <= ulAreaSize && ulSize >= FILE_INDEX_NAME_FILE_EXTRA &&
+           ((ulSize - FILE_INDEX_NAME_FILE_EXTRA) & 1) == 0;
+}
+
+// Releases what MapIndexFile acquired, in the reverse order: view, section
+// reference, file handle.
+VOID ReleaseIndexFile(HANDLE hFile, PIndexFileMapping pMapping) {
+    if (pMapping->m_pView != NULL) {
+        MmUnmapViewInSystemSpace(pMapping->m_pView);
+        pMapping->m_pView = NULL;
+    }
+    if (pMapping->m_pSection != NULL) {
+        ObDereferenceObject(pMapping->m_pSection);
+        pMapping->m_pSection = NULL;
+    }
+    if (hFile != NULL) {
+        ZwClose(hFile);
+    }
+}
+
+NTSTATUS MapIndexFile(ULONG ulAreaSize, PCUNICODE_STRING pustrFilePath, PHANDLE phFile,
+                      PIndexFileMapping pMapping, PVOID* ppArea, PULONG pulFileSize) {
+    *phFile = NULL;
+    pMapping->m_pSection = NULL;
+    pMapping->m_pView = NULL;
+    *ppArea = NULL;
+    *pulFileSize = 0;
+
+    IO_STATUS_BLOCK IoStatus;
+    NTSTATUS status = FiltCreateFile(0, FALSE, phFile, SYNCHRONIZE, (PUNICODE_STRING)pustrFilePath, FALSE, FALSE,
+                                     &IoStatus, NULL, 0, FILE_SHARE_READ, FILE_OPEN,
+                                     FILE_WRITE_THROUGH | FILE_SYNCHRONOUS_IO_NONALERT, NULL, 0);
+    if (!NT_SUCCESS(status)) {
+        *phFile = NULL;
+        return status;
+    }
+
+    OBJECT_ATTRIBUTES SectionAttributes;
+    InitializeObjectAttributes(&SectionAttributes, NULL, OBJ_KERNEL_HANDLE, NULL, NULL);
+    LARGE_INTEGER MaximumSize;
+    MaximumSize.QuadPart = ulAreaSize;
+    HANDLE hSection = NULL;
+    status = ZwCreateSection(&hSection, SECTION_ALL_ACCESS, &SectionAttributes, &MaximumSize, PAGE_READWRITE,
+                             SEC_COMMIT, NULL);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+
+    // The handle was made just above by ZwCreateSection: no type check is needed.
+    PVOID pSection = NULL;
+    status = ObReferenceObjectByHandle(hSection, SECTION_ALL_ACCESS, NULL, KernelMode, &pSection, NULL);
+    if (NT_SUCCESS(status)) {
+        pMapping->m_pSection = pSection;
+        PVOID pView = NULL;
+        SIZE_T ViewSize = ulAreaSize;
+        status = MmMapViewInSystemSpace(pSection, &pView, &ViewSize);
+        if (NT_SUCCESS(status)) {
+            pMapping->m_pView = pView;
+            *ppArea = pView;
+            FILE_STANDARD_INFORMATION StandardInfo;
+            status = ZwQueryInformationFile(*phFile, &IoStatus, &StandardInfo, sizeof(StandardInfo),
+                                            FileStandardInformation);
+            if (NT_SUCCESS(status)) {
+                *pulFileSize = StandardInfo.EndOfFile.LowPart;
+                if (StandardInfo.EndOfFile.HighPart != 0 || StandardInfo.EndOfFile.LowPart > ulAreaSize) {
+                    status = STATUS_FILE_CORRUPT_ERROR;  // it would overrun the area
+                } else {
+                    LARGE_INTEGER ByteOffset;
+                    ByteOffset.QuadPart = 0;
+                    status = ZwReadFile(*phFile, NULL, NULL, NULL, &IoStatus, pView, *pulFileSize, &ByteOffset,
+                                        NULL);
+                    if (NT_SUCCESS(status) && IoStatus.Information != *pulFileSize) {
+                        status = STATUS_FILE_CORRUPT_ERROR;  // the file shrank under us
+                    }
+                }
+            }
+        }
+    }
+    ZwClose(hSection);
+    return status;
+}
+
+PFileIndex LoadFileIndex(PCUNICODE_STRING pustrNodeFile, ULONG ulNodeAreaSize, PCUNICODE_STRING pustrNameFile,
+                         ULONG ulNameAreaSize) {
+    HANDLE hNodeFile = NULL;
+    HANDLE hNameFile = NULL;
+    IndexFileMapping NodeMapping;
+    IndexFileMapping NameMapping;
+    PVOID pNodeArea = NULL;
+    PVOID pNameArea = NULL;
+    ULONG ulNodeFileSize = 0;
+    ULONG ulNameFileSize = 0;
+
+    NTSTATUS status =
+        MapIndexFile(ulNodeAreaSize, pustrNodeFile, &hNodeFile, &NodeMapping, &pNodeArea, &ulNodeFileSize);
+    if (!NT_SUCCESS(status) || !IsNodeFileSizeValid(ulNodeFileSize, ulNodeAreaSize)) {
+        ReleaseIndexFile(hNodeFile, &NodeMapping);
+        return NULL;
+    }
+    status = MapIndexFile(ulNameAreaSize, pustrNameFile, &hNameFile, &NameMapping, &pNameArea, &ulNameFileSize);
+    if (!NT_SUCCESS(status) || !IsNameFileSizeValid(ulNameFileSize, ulNameAreaSize)) {
+        ReleaseIndexFile(hNameFile, &NameMapping);
+        ReleaseIndexFile(hNodeFile, &NodeMapping);
+        return NULL;
+    }
+    PFileIndex pIndex = InitFileIndex(pNodeArea, ulNodeAreaSize, &NodeMapping, hNodeFile, pNameArea,
+                                      ulNameAreaSize, &NameMapping, hNameFile);
+    if (pIndex == NULL) {
+        ReleaseIndexFile(hNameFile, &NameMapping);
+        ReleaseIndexFile(hNodeFile, &NodeMapping);
+        return NULL;
+    }
+    pIndex->m_ulNodeUsed = ulNodeFileSize - FILE_INDEX_NODE_FILE_EXTRA;
+    pIndex->m_ulNameUsed = ulNameFileSize - FILE_INDEX_NAME_FILE_EXTRA;
+    return pIndex;
+}
+
+// A counted string over a path slot of the index record: the characters
+// before the zero. FALSE when the slot holds no zero (an unterminated slot).
+static BOOLEAN SlotToCountedString(PWSTR pwcSlot, PUNICODE_STRING pustr) {
+    for (ULONG i = 0; i < PATH_SLOT_CHARS; i++) {
+        if (pwcSlot[i] == L'\0') {
+            pustr->Length = (USHORT)(i * sizeof(WCHAR));
+            pustr->MaximumLength = pustr->Length;
+            pustr->Buffer = pwcSlot;
+            return TRUE;
+        }
+    }
+    return FALSE;
+}
+
+BOOLEAN LoadFilterIndex(ULONG ulFilterFlag, PVOID pIndexRecord) {
+    if (pIndexRecord == NULL) {
+        return FALSE;
+    }
+    ResourceLock lock(&g_FilterDirectoryListLock, TRUE);
+    PFilterDirectoryEntry pEntry = GetFilterDirectory(ulFilterFlag);
+    if (pEntry == NULL) {
+        return FALSE;
+    }
+    if (pEntry->m_ppIndexHolder != NULL && *pEntry->m_ppIndexHolder != NULL) {
+        return FALSE;
+    }
+    UNICODE_STRING ustrNodeFile;
+    UNICODE_STRING ustrNameFile;
+    PWSTR pwcRecord = (PWSTR)pIndexRecord;
+    if (!SlotToCountedString(pwcRecord, &ustrNodeFile) ||
+        !SlotToCountedString(pwcRecord + PATH_SLOT_CHARS, &ustrNameFile)) {
+        return FALSE;
+    }
+    if (pEntry->m_ppIndexHolder == NULL) {
+        // Without a cell there is nowhere to keep an index: the load fails.
+        FileIndex** ppCell = (FileIndex**)ExAllocatePoolWithTag(NonPagedPool, sizeof(FileIndex*), TRVN_TAG_GENERAL);
+        if (ppCell == NULL) {
+            return FALSE;
+        }
+        *ppCell = NULL;
+        InterlockedExchangePointer((PVOID volatile*)&pEntry->m_ppIndexHolder, ppCell);
+    }
+    PFileIndex pIndex =
+        LoadFileIndex(&ustrNodeFile, FILTER_INDEX_AREA_SIZE, &ustrNameFile, FILTER_INDEX_AREA_SIZE);
+    InterlockedExchangePointer((PVOID volatile*)pEntry->m_ppIndexHolder, pIndex);
+    return pIndex != NULL;
+}
