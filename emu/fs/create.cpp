@@ -1,0 +1,421 @@
+// IRP_MJ_CREATE of the emulated NTFS driver: name resolution, the six
+// dispositions, directory/non-directory checks, the read-only attribute,
+// share access, delete-on-close, opens by file id, volume opens and
+// SL_OPEN_TARGET_DIRECTORY.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "fs/fsstruc.h"
+#include "fs/names.h"
+
+namespace tervane::emu::fs {
+
+namespace {
+
+struct HostFd {
+    int fd = -1;
+    HostFd() = default;
+    explicit HostFd(int f) : fd(f) {}
+    HostFd(const HostFd&) = delete;
+    HostFd& operator=(const HostFd&) = delete;
+    ~HostFd() {
+        if (fd >= 0) close(fd);
+    }
+    void reset(int f) {
+        if (fd >= 0) close(fd);
+        fd = f;
+    }
+};
+
+constexpr ACCESS_MASK kWriteLike = FILE_WRITE_DATA | FILE_APPEND_DATA;
+
+ACCESS_MASK MapGenericAccess(ACCESS_MASK access) {
+    if (access & GENERIC_READ) access |= FILE_GENERIC_READ;
+    if (access & GENERIC_WRITE) access |= FILE_GENERIC_WRITE;
+    if (access & GENERIC_EXECUTE) access |= FILE_GENERIC_EXECUTE;
+    if (access & (GENERIC_ALL | MAXIMUM_ALLOWED)) access |= FILE_ALL_ACCESS;
+    return access & ~(GENERIC_READ | GENERIC_WRITE | GENERIC_EXECUTE | GENERIC_ALL | MAXIMUM_ALLOWED);
+}
+
+struct CreateRequest {
+    Vcb* vcb;
+    PFILE_OBJECT fo;
+    ULONG options;
+    ULONG disposition;
+    ACCESS_MASK access;
+    ACCESS_MASK requestedAccess;  // before MAXIMUM_ALLOWED was resolved
+    ULONG share;
+    ULONG attributes;
+    UCHAR flags;
+};
+
+void ReleaseIfUnused(Vcb* vcb, Fcb* fcb) {
+    if (!fcb || fcb->referenceCount != 0) return;
+    UnlinkFcb(vcb, fcb);
+    DeleteFcb(fcb);
+}
+
+void SetSizes(Fcb* fcb, const struct stat& st) {
+    int64_t size = fcb->isDirectory ? 0 : st.st_size;
+    fcb->Header.FileSize.QuadPart = size;
+    fcb->Header.ValidDataLength.QuadPart = size;
+    fcb->Header.AllocationSize.QuadPart = (size + kClusterSize - 1) / kClusterSize * kClusterSize;
+}
+
+// The control block of an existing host file, shared by every open of it.
+NTSTATUS GetFcb(Vcb* vcb, int parentFd, const Lookup& lk, const std::u16string& fullName,
+                const std::string& hostPath, Fcb** out) {
+    auto it = vcb->fcbs.find(lk.st.st_ino);
+    if (it != vcb->fcbs.end()) {
+        *out = it->second;
+        return STATUS_SUCCESS;
+    }
+    bool directory = S_ISDIR(lk.st.st_mode);
+    bool writable = false;
+    int fd = hostPath.empty() ? openat(vcb->rootFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)
+                              : OpenHostChild(parentFd, lk.hostName, directory, &writable);
+    if (fd < 0) return StatusFromErrno(errno);
+    Fcb* fcb = CreateFcb(vcb, lk.st.st_ino);
+    if (!fcb) {
+        close(fd);
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    fcb->fd = fd;
+    fcb->fdWritable = writable;
+    fcb->isDirectory = directory;
+    fcb->fullName = fullName;
+    fcb->hostPath = hostPath;
+    LoadMeta(vcb, fd, lk.st.st_ino, &fcb->meta);
+    SetSizes(fcb, lk.st);
+    vcb->fcbs[fcb->ino] = fcb;
+    *out = fcb;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS AttachToFileObject(CreateRequest& rq, Fcb* fcb) {
+    Ccb* ccb = CreateCcb();
+    if (!ccb) return STATUS_INSUFFICIENT_RESOURCES;
+    if (fcb->openCount == 0) {
+        IoSetShareAccess(rq.access, rq.share, rq.fo, &fcb->ShareAccess);
+    } else {
+        NTSTATUS status = IoCheckShareAccess(rq.access, rq.share, rq.fo, &fcb->ShareAccess, TRUE);
+        if (!NT_SUCCESS(status)) {
+            DeleteCcb(ccb);
+            return status;
+        }
+    }
+    ccb->grantedAccess = rq.access;
+    ccb->deleteOnClose = (rq.options & FILE_DELETE_ON_CLOSE) != 0;
+    fcb->openCount++;
+    fcb->referenceCount++;
+    PFILE_OBJECT fo = rq.fo;
+    fo->FsContext = fcb;
+    fo->FsContext2 = ccb;
+    fo->SectionObjectPointer = &fcb->SectionObjects;
+    fo->Vpb = rq.vcb->vpb;
+    if (rq.options & FILE_WRITE_THROUGH) fo->Flags |= FO_WRITE_THROUGH;
+    if (rq.options & FILE_SEQUENTIAL_ONLY) fo->Flags |= FO_SEQUENTIAL_ONLY;
+    if (rq.options & FILE_NO_INTERMEDIATE_BUFFERING) fo->Flags |= FO_NO_INTERMEDIATE_BUFFERING;
+    if (rq.options & FILE_RANDOM_ACCESS) fo->Flags |= FO_RANDOM_ACCESS;
+    if (rq.options & FILE_DELETE_ON_CLOSE) fo->Flags |= FO_DELETE_ON_CLOSE;
+    if (!fcb->isVolume) rq.vcb->idPaths[fcb->ino] = fcb->fullName;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS OpenVolume(CreateRequest& rq, ULONG_PTR* info) {
+    Vcb* vcb = rq.vcb;
+    if (rq.options & FILE_DIRECTORY_FILE) return STATUS_NOT_A_DIRECTORY;
+    if (rq.disposition != FILE_OPEN && rq.disposition != FILE_OPEN_IF) return STATUS_ACCESS_DENIED;
+    if (!vcb->volumeFcb) {
+        vcb->volumeFcb = CreateFcb(vcb, 0);
+        if (!vcb->volumeFcb) return STATUS_INSUFFICIENT_RESOURCES;
+        vcb->volumeFcb->isVolume = true;
+        vcb->volumeFcb->fullName = u"";
+    }
+    NTSTATUS status = AttachToFileObject(rq, vcb->volumeFcb);
+    if (!NT_SUCCESS(status)) {
+        ReleaseIfUnused(vcb, vcb->volumeFcb);
+        return status;
+    }
+    *info = FILE_OPENED;
+    return STATUS_SUCCESS;
+}
+
+// Checks that apply to an existing file, in the order NTFS makes them.
+NTSTATUS CheckExisting(CreateRequest& rq, Fcb* fcb, bool trailingBackslash) {
+    if (fcb->deletePending) return STATUS_DELETE_PENDING;
+    if (rq.disposition == FILE_CREATE) return STATUS_OBJECT_NAME_COLLISION;
+    if (fcb->isDirectory) {
+        if (rq.options & FILE_NON_DIRECTORY_FILE) return STATUS_FILE_IS_A_DIRECTORY;
+        if (rq.disposition == FILE_SUPERSEDE || rq.disposition == FILE_OVERWRITE ||
+            rq.disposition == FILE_OVERWRITE_IF)
+            return STATUS_FILE_IS_A_DIRECTORY;
+        return STATUS_SUCCESS;
+    }
+    if (rq.options & FILE_DIRECTORY_FILE) return STATUS_NOT_A_DIRECTORY;
+    if (trailingBackslash) return STATUS_OBJECT_NAME_INVALID;
+    ULONG attrs = ReportedAttributes(fcb->meta, false);
+    bool overwrite = rq.disposition == FILE_SUPERSEDE || rq.disposition == FILE_OVERWRITE ||
+                     rq.disposition == FILE_OVERWRITE_IF;
+    if (attrs & FILE_ATTRIBUTE_READONLY) {
+        if (rq.requestedAccess & MAXIMUM_ALLOWED) rq.access &= ~(kWriteLike | FILE_DELETE_CHILD);
+        if (rq.options & FILE_DELETE_ON_CLOSE) return STATUS_CANNOT_DELETE;
+        if ((rq.access & (kWriteLike | FILE_DELETE_CHILD)) || overwrite) return STATUS_ACCESS_DENIED;
+    }
+    if (overwrite) {
+        // Overwriting a hidden or system file must restate those attributes.
+        ULONG keep = attrs & (FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM);
+        if ((rq.attributes & keep) != keep) return STATUS_ACCESS_DENIED;
+    }
+    if ((rq.access & kWriteLike || overwrite) && !fcb->fdWritable) return STATUS_ACCESS_DENIED;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS Overwrite(CreateRequest& rq, Fcb* fcb, std::vector<PIRP>* done) {
+    if (ftruncate(fcb->fd, 0) != 0) return StatusFromErrno(errno);
+    fcb->Header.FileSize.QuadPart = 0;
+    fcb->Header.ValidDataLength.QuadPart = 0;
+    fcb->Header.AllocationSize.QuadPart = 0;
+    ULONG attrs = (rq.attributes & FILE_ATTRIBUTE_VALID_SET_FLAGS & ~FILE_ATTRIBUTE_NORMAL) | FILE_ATTRIBUTE_ARCHIVE;
+    fcb->meta.attributes = attrs;
+    fcb->meta.changeTime = NtTimeNow();
+    fcb->meta.present |= FileMeta::kHasAttributes | FileMeta::kHasChangeTime;
+    rq.vcb->store->Save(fcb->fd, fcb->ino, fcb->meta);
+    ReportChange(rq.vcb, fcb->fullName, FILE_NOTIFY_CHANGE_SIZE | FILE_NOTIFY_CHANGE_LAST_WRITE |
+                 FILE_NOTIFY_CHANGE_ATTRIBUTES, FILE_ACTION_MODIFIED, done);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS CreateNew(CreateRequest& rq, int dirFd, const std::u16string& dirName, const std::string& dirHost,
+                   const std::u16string& name, std::vector<PIRP>* done, Fcb** out) {
+    Vcb* vcb = rq.vcb;
+    bool directory = (rq.options & FILE_DIRECTORY_FILE) != 0;
+    ULONG attrs = rq.attributes & FILE_ATTRIBUTE_VALID_SET_FLAGS & ~FILE_ATTRIBUTE_NORMAL;
+    if (!directory) attrs |= FILE_ATTRIBUTE_ARCHIVE;
+    if ((attrs & FILE_ATTRIBUTE_READONLY) && (rq.options & FILE_DELETE_ON_CLOSE)) return STATUS_CANNOT_DELETE;
+    std::string host;
+    if (!NtNameToHost(name, &host)) return STATUS_OBJECT_NAME_INVALID;
+    std::u16string shortName = GenerateShortName(vcb, dirFd, name);
+    int fd;
+    if (directory) {
+        if (mkdirat(dirFd, host.c_str(), 0777) != 0) return StatusFromErrno(errno);
+        fd = OpenHostChild(dirFd, host, true, nullptr);
+    } else {
+        fd = openat(dirFd, host.c_str(), O_CREAT | O_EXCL | O_RDWR | O_NOFOLLOW | O_CLOEXEC, 0666);
+    }
+    if (fd < 0) return StatusFromErrno(errno);
+    struct stat st;
+    fstat(fd, &st);
+    Fcb* fcb = CreateFcb(vcb, st.st_ino);
+    if (!fcb) {
+        close(fd);
+        if (directory) unlinkat(dirFd, host.c_str(), AT_REMOVEDIR);
+        else unlinkat(dirFd, host.c_str(), 0);
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    fcb->fd = fd;
+    fcb->fdWritable = !directory;
+    fcb->isDirectory = directory;
+    fcb->fullName = JoinNt(dirName, name);
+    fcb->hostPath = JoinHost(dirHost, host);
+    int64_t now = NtTimeNow();
+    fcb->meta.present = FileMeta::kHasAttributes | FileMeta::kHasCreationTime | FileMeta::kHasChangeTime |
+                        FileMeta::kHasShortName;
+    fcb->meta.attributes = attrs;
+    fcb->meta.creationTime = now;
+    fcb->meta.changeTime = now;
+    fcb->meta.shortName = shortName;
+    vcb->store->Save(fd, st.st_ino, fcb->meta);
+    vcb->store->SaveSecurity(fd, st.st_ino, DefaultSecurityDescriptor(directory));
+    SetSizes(fcb, st);
+    vcb->fcbs[fcb->ino] = fcb;
+    DirCacheAdd(vcb, dirFd, DirEntry{host, name, shortName});
+    ReportChange(vcb, fcb->fullName, directory ? FILE_NOTIFY_CHANGE_DIR_NAME : FILE_NOTIFY_CHANGE_FILE_NAME,
+                 FILE_ACTION_ADDED, done);
+    *out = fcb;
+    return STATUS_SUCCESS;
+}
+
+// Replaces FileObject->FileName by its last component, as NTFS leaves it
+// for the I/O manager after an open of the target directory.
+void CutToLastComponent(PFILE_OBJECT fo, const std::u16string& last) {
+    if (!fo->FileName.Buffer || last.size() * 2 > fo->FileName.MaximumLength) return;
+    memmove(fo->FileName.Buffer, last.data(), last.size() * 2);
+    fo->FileName.Length = static_cast<USHORT>(last.size() * 2);
+}
+
+NTSTATUS CommonCreate(Vcb* vcb, PIRP irp, ULONG_PTR* info, std::vector<PIRP>* done) {
+    PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
+    CreateRequest rq{};
+    rq.vcb = vcb;
+    rq.fo = sp->FileObject;
+    rq.options = sp->Parameters.Create.Options & FILE_VALID_OPTION_FLAGS;
+    rq.disposition = (sp->Parameters.Create.Options >> 24) & 0xFF;
+    rq.requestedAccess = sp->Parameters.Create.SecurityContext ? sp->Parameters.Create.SecurityContext->DesiredAccess : 0;
+    rq.access = MapGenericAccess(rq.requestedAccess);
+    rq.share = sp->Parameters.Create.ShareAccess & FILE_SHARE_VALID_FLAGS;
+    rq.attributes = sp->Parameters.Create.FileAttributes;
+    rq.flags = sp->Flags;
+    PFILE_OBJECT fo = rq.fo;
+    if (!fo) return STATUS_INVALID_PARAMETER;
+
+    if (rq.disposition > FILE_MAXIMUM_DISPOSITION) return STATUS_INVALID_PARAMETER;
+    if ((rq.options & FILE_DIRECTORY_FILE) && (rq.options & FILE_NON_DIRECTORY_FILE)) return STATUS_INVALID_PARAMETER;
+    if ((rq.options & FILE_DIRECTORY_FILE) && rq.disposition != FILE_CREATE && rq.disposition != FILE_OPEN &&
+        rq.disposition != FILE_OPEN_IF)
+        return STATUS_INVALID_PARAMETER;
+    if ((rq.options & FILE_DELETE_ON_CLOSE) && !(rq.access & DELETE)) return STATUS_INVALID_PARAMETER;
+
+    std::u16string_view given(reinterpret_cast<const char16_t*>(fo->FileName.Buffer), fo->FileName.Length / 2);
+    if (fo->FileName.Length % 2) return STATUS_OBJECT_NAME_INVALID;
+    Fcb* related = fo->RelatedFileObject ? FcbOf(fo->RelatedFileObject) : nullptr;
+    if (fo->RelatedFileObject && !related) return STATUS_INVALID_PARAMETER;
+
+    std::u16string full;
+    if (rq.options & FILE_OPEN_BY_FILE_ID) {
+        // The name is the 8-byte file reference; a 16-byte object id is not
+        // supported. An unknown reference is STATUS_INVALID_PARAMETER, as
+        // NTFS answers for a reference to no file.
+        if (fo->FileName.Length != sizeof(uint64_t)) return STATUS_INVALID_PARAMETER;
+        uint64_t id;
+        memcpy(&id, fo->FileName.Buffer, sizeof id);
+        std::string hostPath;
+        if (!FindPathById(vcb, id, &full, &hostPath)) return STATUS_INVALID_PARAMETER;
+    } else if (related) {
+        if (!given.empty() && given[0] == u'\\') {
+            if (!related->isVolume) return STATUS_OBJECT_NAME_INVALID;
+            full = std::u16string(given);
+        } else if (related->isVolume) {
+            if (given.empty()) return OpenVolume(rq, info);
+            full = u"\\" + std::u16string(given);
+        } else if (given.empty()) {
+            full = related->fullName;
+        } else {
+            // A name relative to a file that is no directory names nothing.
+            if (!related->isDirectory) return STATUS_INVALID_PARAMETER;
+            full = JoinNt(related->fullName, std::u16string(given));
+        }
+    } else {
+        if (given.empty()) return OpenVolume(rq, info);
+        if (given[0] != u'\\') return STATUS_OBJECT_NAME_INVALID;
+        full = std::u16string(given);
+    }
+
+    std::vector<std::u16string> comps;
+    bool trailing = false;
+    NTSTATUS status = SplitPath(full, &comps, &trailing);
+    if (!NT_SUCCESS(status)) return status;
+    bool targetDir = (rq.flags & SL_OPEN_TARGET_DIRECTORY) != 0;
+
+    // Walk to the parent of the last component.
+    HostFd dir(OpenHostDir(vcb, ""));
+    if (dir.fd < 0) return StatusFromErrno(errno);
+    std::u16string dirName = u"\\";
+    std::string dirHost;
+    size_t walk = comps.empty() ? 0 : comps.size() - 1;
+    for (size_t i = 0; i < walk; ++i) {
+        Lookup lk;
+        status = LookupChild(vcb, dir.fd, comps[i], &lk);
+        if (!NT_SUCCESS(status)) return status;
+        if (!lk.found || !S_ISDIR(lk.st.st_mode)) return STATUS_OBJECT_PATH_NOT_FOUND;
+        int next = openat(dir.fd, lk.hostName.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        if (next < 0) return errno == ENOENT || errno == ENOTDIR || errno == ELOOP ? STATUS_OBJECT_PATH_NOT_FOUND
+                                                                                     : StatusFromErrno(errno);
+        dir.reset(next);
+        dirName = JoinNt(dirName, lk.name);
+        dirHost = JoinHost(dirHost, lk.hostName);
+    }
+
+    Fcb* fcb = nullptr;
+    if (comps.empty()) {
+        // The root directory.
+        if (targetDir) return STATUS_INVALID_PARAMETER;
+        Lookup lk;
+        lk.found = true;
+        fstat(dir.fd, &lk.st);
+        status = GetFcb(vcb, -1, lk, u"\\", "", &fcb);
+        if (!NT_SUCCESS(status)) return status;
+        status = CheckExisting(rq, fcb, false);
+        *info = FILE_OPENED;
+    } else if (targetDir) {
+        Lookup lk;
+        status = LookupChild(vcb, dir.fd, comps.back(), &lk);
+        if (!NT_SUCCESS(status)) return status;
+        ULONG_PTR exists = lk.found ? FILE_EXISTS : FILE_DOES_NOT_EXIST;
+        Lookup parent;
+        parent.found = true;
+        fstat(dir.fd, &parent.st);
+        size_t slash = dirHost.rfind('/');
+        if (dirHost.empty()) {
+            status = GetFcb(vcb, -1, parent, u"\\", "", &fcb);
+        } else {
+            HostFd grand(OpenHostDir(vcb, slash == std::string::npos ? "" : dirHost.substr(0, slash)));
+            if (grand.fd < 0) return StatusFromErrno(errno);
+            parent.hostName = slash == std::string::npos ? dirHost : dirHost.substr(slash + 1);
+            status = GetFcb(vcb, grand.fd, parent, dirName, dirHost, &fcb);
+        }
+        if (!NT_SUCCESS(status)) return status;
+        rq.options = (rq.options | FILE_DIRECTORY_FILE) & ~FILE_NON_DIRECTORY_FILE;
+        rq.disposition = FILE_OPEN;
+        status = CheckExisting(rq, fcb, false);
+        if (NT_SUCCESS(status)) {
+            CutToLastComponent(fo, comps.back());
+            *info = exists;
+        }
+    } else {
+        Lookup lk;
+        status = LookupChild(vcb, dir.fd, comps.back(), &lk);
+        if (!NT_SUCCESS(status)) return status;
+        if (lk.found) {
+            status = GetFcb(vcb, dir.fd, lk, JoinNt(dirName, lk.name), JoinHost(dirHost, lk.hostName), &fcb);
+            if (!NT_SUCCESS(status)) return status;
+            status = CheckExisting(rq, fcb, trailing);
+            if (NT_SUCCESS(status) && fcb->openCount > 0) {
+                // Share access before anything is changed.
+                status = IoCheckShareAccess(rq.access, rq.share, fo, &fcb->ShareAccess, FALSE);
+            }
+            *info = FILE_OPENED;
+            if (NT_SUCCESS(status) && (rq.disposition == FILE_SUPERSEDE || rq.disposition == FILE_OVERWRITE ||
+                                       rq.disposition == FILE_OVERWRITE_IF)) {
+                status = Overwrite(rq, fcb, done);
+                *info = rq.disposition == FILE_SUPERSEDE ? FILE_SUPERSEDED : FILE_OVERWRITTEN;
+            }
+        } else if (rq.disposition == FILE_OPEN || rq.disposition == FILE_OVERWRITE) {
+            return STATUS_OBJECT_NAME_NOT_FOUND;
+        } else if (lk.hidden) {
+            return STATUS_ACCESS_DENIED;
+        } else if (trailing && !(rq.options & FILE_DIRECTORY_FILE)) {
+            return STATUS_OBJECT_NAME_INVALID;
+        } else {
+            status = CreateNew(rq, dir.fd, dirName, dirHost, comps.back(), done, &fcb);
+            if (!NT_SUCCESS(status)) return status;
+            *info = FILE_CREATED;
+        }
+    }
+    if (NT_SUCCESS(status)) status = AttachToFileObject(rq, fcb);
+    if (!NT_SUCCESS(status)) {
+        *info = 0;
+        ReleaseIfUnused(vcb, fcb);
+    }
+    return status;
+}
+
+}  // namespace
+
+NTSTATUS FsdCreate(PDEVICE_OBJECT device, PIRP irp) {
+    Vcb* vcb = VcbOf(device);
+    if (!vcb) return CompleteRequest(irp, STATUS_INVALID_DEVICE_REQUEST, 0);
+    ULONG_PTR info = 0;
+    std::vector<PIRP> done;
+    NTSTATUS status;
+    {
+        std::lock_guard<std::mutex> lock(vcb->mutex);
+        status = CommonCreate(vcb, irp, &info, &done);
+    }
+    CompleteAll(done);
+    return CompleteRequest(irp, status, info);
+}
+
+}  // namespace tervane::emu::fs

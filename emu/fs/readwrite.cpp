@@ -1,0 +1,138 @@
+// IRP_MJ_READ and IRP_MJ_WRITE of the emulated NTFS driver. Data goes
+// straight to the host file (no cache of our own, so paging and non-cached
+// requests are served the same way); byte-range locks are checked for
+// every request that is not paging I/O.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "fs/fsstruc.h"
+
+namespace tervane::emu::fs {
+
+namespace {
+
+bool UsesFilePointer(const LARGE_INTEGER& offset) {
+    return offset.HighPart == -1 && offset.LowPart == FILE_USE_FILE_POINTER_POSITION;
+}
+
+NTSTATUS ReadLocked(Fcb* fcb, PFILE_OBJECT fo, PIRP irp, PVOID buffer, uint64_t start, ULONG length, bool paging,
+                    size_t* got) {
+    PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
+    uint64_t size = static_cast<uint64_t>(fcb->Header.FileSize.QuadPart);
+    if (start >= size) return STATUS_END_OF_FILE;
+    if (!paging && !CheckLockForRead(fcb, start, length, sp->Parameters.Read.Key, fo, IoGetRequestorProcess(irp)))
+        return STATUS_FILE_LOCK_CONFLICT;
+    size_t want = static_cast<size_t>(std::min<uint64_t>(length, size - start));
+    while (*got < want) {
+        ssize_t n = pread(fcb->fd, static_cast<char*>(buffer) + *got, want - *got, static_cast<off_t>(start + *got));
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return StatusFromErrno(errno);
+        if (n == 0) break;  // shortened on the host behind our back
+        *got += static_cast<size_t>(n);
+    }
+    if ((fo->Flags & FO_SYNCHRONOUS_IO) && !paging) fo->CurrentByteOffset.QuadPart = static_cast<LONGLONG>(start + *got);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS WriteLocked(Vcb* vcb, Fcb* fcb, PFILE_OBJECT fo, PIRP irp, LARGE_INTEGER offset, ULONG length, bool paging,
+                     size_t* put, std::vector<PIRP>* done) {
+    PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
+    uint64_t size = static_cast<uint64_t>(fcb->Header.FileSize.QuadPart);
+    bool toEnd = offset.HighPart == -1 && offset.LowPart == FILE_WRITE_TO_END_OF_FILE;
+    if (toEnd) offset.QuadPart = static_cast<LONGLONG>(size);
+    else if (UsesFilePointer(offset)) offset = fo->CurrentByteOffset;
+    if (offset.QuadPart < 0) return STATUS_INVALID_PARAMETER;
+    uint64_t start = static_cast<uint64_t>(offset.QuadPart);
+    size_t want = length;
+    // Paging writes never extend a file.
+    if (paging) want = start >= size ? 0 : static_cast<size_t>(std::min<uint64_t>(want, size - start));
+    if (want == 0) return STATUS_SUCCESS;
+    PVOID buffer = RequestBuffer(irp);
+    if (!buffer) return STATUS_INVALID_USER_BUFFER;
+    if (!fcb->fdWritable) return STATUS_ACCESS_DENIED;
+    if (!paging && !CheckLockForWrite(fcb, start, want, sp->Parameters.Write.Key, fo, IoGetRequestorProcess(irp)))
+        return STATUS_FILE_LOCK_CONFLICT;
+    while (*put < want) {
+        ssize_t n = pwrite(fcb->fd, static_cast<const char*>(buffer) + *put, want - *put, static_cast<off_t>(start + *put));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            if (*put == 0) return StatusFromErrno(errno);
+            break;
+        }
+        *put += static_cast<size_t>(n);
+    }
+    uint64_t end = start + *put;
+    if (end > size) {
+        fcb->Header.FileSize.QuadPart = static_cast<LONGLONG>(end);
+        fcb->Header.ValidDataLength.QuadPart = static_cast<LONGLONG>(end);
+        int64_t alloc = static_cast<int64_t>((end + kClusterSize - 1) / kClusterSize * kClusterSize);
+        if (alloc > fcb->Header.AllocationSize.QuadPart) fcb->Header.AllocationSize.QuadPart = alloc;
+    }
+    if (*put > 0) {
+        fcb->meta.changeTime = NtTimeNow();
+        fcb->meta.present |= FileMeta::kHasChangeTime;
+        if (!(fcb->meta.present & FileMeta::kHasAttributes)) {
+            fcb->meta.attributes = FILE_ATTRIBUTE_ARCHIVE;
+            fcb->meta.present |= FileMeta::kHasAttributes;
+        }
+        fcb->meta.attributes |= FILE_ATTRIBUTE_ARCHIVE;
+        fcb->metaDirty = true;
+        fo->Flags |= FO_FILE_MODIFIED;
+        ReportChange(vcb, fcb->fullName, FILE_NOTIFY_CHANGE_LAST_WRITE | (end > size ? FILE_NOTIFY_CHANGE_SIZE : 0),
+                     FILE_ACTION_MODIFIED, done);
+    }
+    if ((fo->Flags & FO_SYNCHRONOUS_IO) && !paging) fo->CurrentByteOffset.QuadPart = static_cast<LONGLONG>(end);
+    return STATUS_SUCCESS;
+}
+
+}  // namespace
+
+NTSTATUS FsdRead(PDEVICE_OBJECT device, PIRP irp) {
+    Vcb* vcb = VcbOf(device);
+    PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
+    PFILE_OBJECT fo = sp->FileObject;
+    Fcb* fcb = FcbOf(fo);
+    if (!vcb || !fcb) return CompleteRequest(irp, STATUS_INVALID_PARAMETER, 0);
+    if (fcb->isDirectory || fcb->isVolume) return CompleteRequest(irp, STATUS_INVALID_DEVICE_REQUEST, 0);
+    ULONG length = sp->Parameters.Read.Length;
+    LARGE_INTEGER offset = sp->Parameters.Read.ByteOffset;
+    bool paging = (irp->Flags & IRP_PAGING_IO) != 0;
+    if (UsesFilePointer(offset)) offset = fo->CurrentByteOffset;
+    if (offset.QuadPart < 0) return CompleteRequest(irp, STATUS_INVALID_PARAMETER, 0);
+    if (length == 0) return CompleteRequest(irp, STATUS_SUCCESS, 0);
+    PVOID buffer = RequestBuffer(irp);
+    if (!buffer) return CompleteRequest(irp, STATUS_INVALID_USER_BUFFER, 0);
+
+    NTSTATUS status = STATUS_SUCCESS;
+    size_t got = 0;
+    {
+        std::lock_guard<std::mutex> lock(vcb->mutex);
+        status = ReadLocked(fcb, fo, irp, buffer, static_cast<uint64_t>(offset.QuadPart), length, paging, &got);
+    }
+    return CompleteRequest(irp, status, got);
+}
+
+NTSTATUS FsdWrite(PDEVICE_OBJECT device, PIRP irp) {
+    Vcb* vcb = VcbOf(device);
+    PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
+    PFILE_OBJECT fo = sp->FileObject;
+    Fcb* fcb = FcbOf(fo);
+    if (!vcb || !fcb) return CompleteRequest(irp, STATUS_INVALID_PARAMETER, 0);
+    if (fcb->isDirectory || fcb->isVolume) return CompleteRequest(irp, STATUS_INVALID_DEVICE_REQUEST, 0);
+    ULONG length = sp->Parameters.Write.Length;
+    LARGE_INTEGER offset = sp->Parameters.Write.ByteOffset;
+    bool paging = (irp->Flags & IRP_PAGING_IO) != 0;
+    std::vector<PIRP> done;
+    NTSTATUS status;
+    size_t put = 0;
+    {
+        std::lock_guard<std::mutex> lock(vcb->mutex);
+        status = WriteLocked(vcb, fcb, fo, irp, offset, length, paging, &put, &done);
+    }
+    CompleteAll(done);
+    return CompleteRequest(irp, status, put);
+}
+
+}  // namespace tervane::emu::fs
