@@ -10,10 +10,11 @@ namespace {
 constexpr ULONG kTagA = 0x6D767254;  // "Trvm" in memory
 constexpr ULONG kTagB = 0x66767254;  // "Trvf"
 
-const PoolTagUsage* Find(const std::vector<PoolTagUsage>& usage, const std::string& tag) {
+// The usage line of TAG (all counters 0 when the tag was never used).
+PoolTagUsage Find(const std::vector<PoolTagUsage>& usage, const std::string& tag) {
     for (const PoolTagUsage& u : usage)
-        if (u.tag == tag) return &u;
-    return nullptr;
+        if (u.tag == tag) return u;
+    return PoolTagUsage{tag};
 }
 }  // namespace
 
@@ -24,18 +25,17 @@ TEST(Pool, CountsBlocksAndBytesPerTag) {
         PVOID b = ExAllocatePoolWithTag(NonPagedPool, 28, kTagA);
         PVOID c = ExAllocatePoolWithTag(NonPagedPool, 7, kTagB);
         ASSERT_TRUE(a && b && c);
-        const PoolTagUsage* u = Find(machine.PoolUsage(), "Trvm");
-        ASSERT_NE(u, nullptr);
-        EXPECT_EQ(u->allocs, 2u);
-        EXPECT_EQ(u->outstandingBlocks, 2u);
-        EXPECT_EQ(u->outstandingBytes, 128u);
+        PoolTagUsage u = Find(machine.PoolUsage(), "Trvm");
+        EXPECT_EQ(u.allocs, 2u);
+        EXPECT_EQ(u.outstandingBlocks, 2u);
+        EXPECT_EQ(u.outstandingBytes, 128u);
         ExFreePoolWithTag(a, kTagA);
         ExFreePool(b);
         ExFreePoolWithTag(c, kTagB);
         u = Find(machine.PoolUsage(), "Trvm");
-        EXPECT_EQ(u->frees, 2u);
-        EXPECT_EQ(u->outstandingBlocks, 0u);
-        EXPECT_EQ(u->outstandingBytes, 0u);
+        EXPECT_EQ(u.frees, 2u);
+        EXPECT_EQ(u.outstandingBlocks, 0u);
+        EXPECT_EQ(u.outstandingBytes, 0u);
     });
     EXPECT_TRUE(machine.Shutdown().Clean());
 }
@@ -79,13 +79,13 @@ TEST(Lookaside, CachesUpToItsDepthAndKeepsTheCounters) {
         for (PVOID b : blocks) ExFreeToNPagedLookasideList(&list, b);
         EXPECT_EQ(list.L.TotalFrees, 3u);
         EXPECT_EQ(list.L.FreeMisses, 1u) << "the third block goes back to pool";
-        EXPECT_EQ(Find(machine.PoolUsage(), "Trvm")->outstandingBlocks, 2u) << "two stay cached";
+        EXPECT_EQ(Find(machine.PoolUsage(), "Trvm").outstandingBlocks, 2u) << "two stay cached";
         PVOID reused = ExAllocateFromNPagedLookasideList(&list);
         EXPECT_TRUE(reused == blocks[0] || reused == blocks[1]);
         EXPECT_EQ(list.L.AllocateMisses, 3u);
         ExFreeToNPagedLookasideList(&list, reused);
         ExDeleteNPagedLookasideList(&list);
-        EXPECT_EQ(Find(machine.PoolUsage(), "Trvm")->outstandingBlocks, 0u);
+        EXPECT_EQ(Find(machine.PoolUsage(), "Trvm").outstandingBlocks, 0u);
     });
     EXPECT_TRUE(machine.Shutdown().Clean());
 }
