@@ -167,7 +167,6 @@ static std::u16string DriveLinkName(char letter) {
 
 NTSTATUS Machine::MountVolume(char letter, const std::string& hostDir) {
     if (!std::isalpha(static_cast<unsigned char>(letter))) return STATUS_OBJECT_NAME_INVALID;
-    if (!FsMountVolume) return STATUS_NOT_IMPLEMENTED;
     NTSTATUS status = STATUS_UNSUCCESSFUL;
     impl_->system->Run([&] {
         std::u16string device;
@@ -260,7 +259,7 @@ VerifierReport Machine::Shutdown() {
         if (system->Handles) ObCloseAllHandles(system);
         if (IoDescribeFileObjects) report.fileObjects = IoDescribeFileObjects();
         report.views = MmDescribeViews();
-        if (FsShutdown) FsShutdown();
+        FsShutdown();
         if (IoShutdown) IoShutdown();
         MmShutdown();
         CmShutdown();

@@ -1,6 +1,5 @@
-// What the machine calls in the other services. The I/O manager and the file
-// system are referenced weakly so that the machine works (with less) in a
-// build that lacks one of them.
+// What the machine calls in the other services. The I/O manager is referenced
+// weakly so that the machine works (with less) in a build that lacks it.
 #pragma once
 
 #include <string>
@@ -14,8 +13,6 @@ void IoShutdown() __attribute__((weak));
 NTSTATUS IoLoadDriver(const std::u16string& name, PDRIVER_INITIALIZE entry, PDRIVER_OBJECT* driverObject)
     __attribute__((weak));
 std::vector<std::string> IoDescribeFileObjects() __attribute__((weak));
-NTSTATUS FsMountVolume(const std::string& hostDir, std::u16string* deviceName) __attribute__((weak));
-void FsShutdown() __attribute__((weak));
 
 // Executive bookkeeping the machine finishes at shutdown.
 void LookasideDrainAll();   // empties every lookaside list still initialised
