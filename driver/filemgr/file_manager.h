@@ -60,3 +60,138 @@ NTSTATUS CallLowerDevice(ULONG ulRouteFlag, PDEVICE_OBJECT LowerDevice, PIRP Irp
 // Completion of every own request: copies the status to the user status
 // block, signals the user event, frees the request.
 NTSTATUS NTAPI OwnIrpCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context);
+
+// ---- Existence across filter directories ----------------------------------------
+
+// Opens the real path for reading and closes it again: a success status means
+// the object exists. Failures other than "name/path not found" are logged.
+NTSTATUS CheckFileExists(PCUNICODE_STRING pustrRealPath);
+
+// The filter flags, among ulFilterMask, of the filter directories in which the
+// drive path names an object. Filter directory 0 is probed on disk; the
+// others only when the path is not hidden and their index (if any) lists it.
+// *pnStatus (optional) receives the most telling probe status: success, then
+// STATUS_OBJECT_NAME_NOT_FOUND, then STATUS_OBJECT_PATH_NOT_FOUND.
+ULONG FiltCheckFileExists(PCUNICODE_STRING pustrPath, ULONG ulFilterMask, PNTSTATUS pnStatus);
+
+// ---- Name resolution -------------------------------------------------------------
+
+struct _TervaneDeviceExtension;
+
+// Writes the drive path of FileObject into pustrOut (its own buffer): from the
+// open-file table, an NTFS metadata record name, the file system's name of an
+// open file (unless bNoQuery), or the request's name joined to its related
+// open's. Length 0, the drive prefix alone, or the prefix and
+// "<Name Too Long>" when the name cannot be resolved. With
+// bExpandShortNames, 8.3 components are replaced by their long names.
+VOID GetFullPathName(BOOLEAN bNoQuery, PFILE_OBJECT FileObject, struct _TervaneDeviceExtension* pExtension,
+                     PUNICODE_STRING pustrOut, BOOLEAN bExpandShortNames);
+
+// Whether a component after the drive prefix has at most 8 characters and a "~".
+BOOLEAN HasShortNameComponent(PCUNICODE_STRING pustrPath);
+// Rebuilds the path with every component spelled as its directory lists it.
+// FALSE (output undefined) when a work buffer is missing or the result does not fit.
+BOOLEAN ExpandShortNames(PCUNICODE_STRING pustrPath, PUNICODE_STRING pustrOut);
+// The one name in the directory that the component matches, into pustrOut.
+BOOLEAN LookupLongName(PCUNICODE_STRING pustrDirectory, PCUNICODE_STRING pustrComponent, PUNICODE_STRING pustrOut);
+
+// ---- Copy-up ---------------------------------------------------------------------
+
+struct FileHandleEntry;
+
+// Copies the open's object (file or directory tree) from its filter directory
+// into ulDestinationFlag's (with bCopyContents), reopens it there with the
+// open's access, share access and options, gives the caller's FILE_OBJECT the
+// copy's file-system context and switches the entry to the copy. The replaced
+// real handle is handed back in *phOldHandle for the caller to close.
+// STATUS_UNSUCCESSFUL when the entry is already there or the copy failed.
+NTSTATUS CopyUpOpenFile(struct FileHandleEntry* pEntry, ULONG ulDestinationFlag, PHANDLE phOldHandle,
+                        BOOLEAN bCopyContents, PDEVICE_OBJECT FilterDevice);
+
+// Copies a drive path from the lowest source filter directory that holds it
+// (a directory: from every one of them, nearest to filter directory 0 last)
+// into the destination filter directory. Hidden entries are not copied.
+BOOLEAN FiltCopyFile(PCUNICODE_STRING pustrPath, ULONG ulSourceMask, ULONG ulDestinationFlag, BOOLEAN bIsDirectory,
+                     PDEVICE_OBJECT FilterDevice);
+
+// Copies one real file: data in 16 KB non-cached requests below FilterDevice,
+// end of file, DACL and SACL, then attributes and times. The destination is
+// superseded. TRUE when all data arrived (the ends of file agree).
+BOOLEAN CopyFile(PCUNICODE_STRING pustrSource, PCUNICODE_STRING pustrDestination, PDEVICE_OBJECT FilterDevice);
+
+// Gives the drive path in the destination filter directory the attributes and
+// times of its copy in the source one (after making the parents); with
+// bSupersede the destination becomes an empty file first.
+BOOLEAN FiltCopyFileAttribute(PCUNICODE_STRING pustrPath, ULONG ulSourceFlag, ULONG ulDestinationFlag,
+                              BOOLEAN bSupersede);
+BOOLEAN CopyFileAttribute(PCUNICODE_STRING pustrSource, PCUNICODE_STRING pustrDestination, BOOLEAN bSupersede);
+
+// Copies the DACL, then the SACL, of one open object onto another.
+NTSTATUS CopySecurityInformationWithHandle(HANDLE hSource, HANDLE hDestination);
+
+// End of file of an open file (0 on failure); its allocation size on request.
+LONGLONG GetFileSize(HANDLE hFile, PLARGE_INTEGER pAllocationSize);
+
+// Makes the missing ancestors of the path's real path in the filter directory
+// of the mask's lowest flag.
+BOOLEAN CreateParentsInFilter(PCUNICODE_STRING pustrPath, ULONG ulFilterMask);
+
+// pustrOut = base, a backslash unless the base ends in one or the tail begins
+// with one, then the tail (bounded). With bTakeBuffer the output first gets a
+// general path pool block. FALSE only without an output or a block.
+BOOLEAN JoinPath(PCUNICODE_STRING pustrBase, PCUNICODE_STRING pustrTail, PUNICODE_STRING pustrOut,
+                 BOOLEAN bTakeBuffer);
+
+// A first-in first-out queue of relative paths below one directory.
+struct PathQueueElement;
+typedef struct PathQueue {
+    UNICODE_STRING m_ustrRealDirectory;  // the directory in the source filter directory
+    UNICODE_STRING m_ustrDrivePath;      // the same directory's drive path
+    struct PathQueueElement* m_pHead;
+    struct PathQueueElement* m_pTail;
+} PathQueue, *PPathQueue;
+
+PPathQueue CreatePathQueue(PCUNICODE_STRING pustrRealDirectory, PCUNICODE_STRING pustrDrivePath);
+BOOLEAN PushPathQueue(PPathQueue pQueue, PCUNICODE_STRING pustrRelativePath);
+// FALSE when empty. Copies the head's path into pustrOut (when given; with
+// bTakeBuffer into a new path buffer) and frees the head.
+BOOLEAN PopPathQueue(PPathQueue pQueue, PUNICODE_STRING pustrOut, BOOLEAN bTakeBuffer);
+VOID DestroyPathQueue(PPathQueue pQueue);
+
+// ---- Merged directory listing ---------------------------------------------------
+
+// The parameters of a directory query as its stack location carries them:
+// pass &IoGetCurrentIrpStackLocation(Irp)->Parameters.QueryDirectory.
+typedef decltype(((PIO_STACK_LOCATION)0)->Parameters.QueryDirectory) QUERY_DIRECTORY_PARAMETERS;
+
+// Fills pBuffer with the kept records of the next batch of the listing of
+// pEntry's directory (one filter directory's copy after the other, from
+// filter directory 0 upwards), in the class of the parameters. A restart (or
+// the first query) starts again at the lowest filter directory with the new
+// pattern. STATUS_NO_MORE_FILES at the end, STATUS_NO_SUCH_FILE when the
+// directory exists nowhere; *pulBytesWritten is set only on success.
+NTSTATUS FiltQueryDirectory(struct FileHandleEntry* pEntry, const QUERY_DIRECTORY_PARAMETERS* pParameters,
+                            PVOID pBuffer, BOOLEAN bReturnSingleEntry, BOOLEAN bRestartScan,
+                            PULONG pulBytesWritten);
+
+// With bRestart, opens the directory in the first filter directory that holds
+// it and stores the pattern; without, moves on to the next one.
+NTSTATUS FiltQueryDirectoryUpdateFilter(struct FileHandleEntry* pEntry, BOOLEAN bRestart,
+                                        PCUNICODE_STRING pustrPattern);
+
+// The name is exactly "." or "..".
+BOOLEAN IsDotOrDotDot(PCUNICODE_STRING pustrName);
+
+// ---- Delete in filter directories -------------------------------------------------
+
+// Removes a drive path from the merged view: deletes the copy in filter
+// directory 0 and hides the name from the others, after opening every copy
+// for deletion first. FALSE (nothing changed by the probe) when a copy cannot
+// be opened for deletion or the copy in filter directory 0 cannot be deleted.
+BOOLEAN FiltDeleteFile(PCUNICODE_STRING pustrPath);
+
+// Deletes one real file, clearing a read-only attribute that stands in the way.
+NTSTATUS DeleteRealFile(PCUNICODE_STRING pustrRealPath);
+
+// Sets a real file's attributes to FILE_ATTRIBUTE_NORMAL, keeping its times.
+NTSTATUS ResetFileAttributes(PCUNICODE_STRING pustrRealPath);

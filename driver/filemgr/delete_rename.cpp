@@ -1,0 +1,122 @@
+// Delete across filter directories: only the copy in filter directory 0 is
+// really deleted; the copies in the other filter directories, which are never
+// changed, are put out of sight through the hidden-path index. Every copy is
+// first opened for deletion, so a delete happens as a whole or not at all.
+#include "control/filter_directory.h"
+#include "control/strings.h"
+#include "core/tervane.h"
+#include "filemgr/file_manager.h"
+#include "filemgr/filemgr_scoped.h"
+#include "index/file_index.h"
+
+using filemgr::ScopedHandle;
+using filemgr::ScopedPool;
+
+#define DELETE_ACCESS (DELETE | SYNCHRONIZE | FILE_WRITE_ATTRIBUTES)
+#define SHARE_ALL (FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE)
+
+NTSTATUS ResetFileAttributes(PCUNICODE_STRING pustrRealPath) {
+    ScopedHandle hFile;
+    IO_STATUS_BLOCK IoStatus;
+    NTSTATUS nStatus = FiltCreateFile(0, FALSE, hFile.Out(), GENERIC_READ | SYNCHRONIZE,
+                                      (PUNICODE_STRING)pustrRealPath, FALSE, FALSE, &IoStatus, NULL, 0, SHARE_ALL,
+                                      FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, NULL, 0);
+    if (!NT_SUCCESS(nStatus)) {
+        return nStatus;
+    }
+    ScopedPool basic(sizeof(FILE_BASIC_INFORMATION), TRVN_TAG_BASIC_INFO);
+    if (basic.Get() == NULL) {
+        return STATUS_UNSUCCESSFUL;
+    }
+    PFILE_BASIC_INFORMATION pBasic = basic.As<FILE_BASIC_INFORMATION>();
+    nStatus = ZwQueryInformationFile(hFile.Get(), &IoStatus, pBasic, sizeof(FILE_BASIC_INFORMATION),
+                                     FileBasicInformation);
+    if (!NT_SUCCESS(nStatus)) {
+        return nStatus;
+    }
+    pBasic->FileAttributes = FILE_ATTRIBUTE_NORMAL;
+    return ZwSetInformationFile(hFile.Get(), &IoStatus, pBasic, sizeof(FILE_BASIC_INFORMATION),
+                                FileBasicInformation);
+}
+
+// Opens the real path for deletion and marks it; the file goes when the
+// handle closes (the guard closes it). *pbOpened tells whether the open
+// itself succeeded.
+static NTSTATUS MarkForDeletion(PCUNICODE_STRING pustrRealPath, PFILE_DISPOSITION_INFORMATION pDisposition,
+                                PBOOLEAN pbOpened) {
+    ScopedHandle hFile;
+    IO_STATUS_BLOCK IoStatus;
+    NTSTATUS nStatus = FiltCreateFile(0, FALSE, hFile.Out(), DELETE_ACCESS, (PUNICODE_STRING)pustrRealPath, FALSE,
+                                      FALSE, &IoStatus, NULL, 0, SHARE_ALL, FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT,
+                                      NULL, 0);
+    *pbOpened = NT_SUCCESS(nStatus);
+    if (!NT_SUCCESS(nStatus)) {
+        return nStatus;
+    }
+    return ZwSetInformationFile(hFile.Get(), &IoStatus, pDisposition, sizeof(FILE_DISPOSITION_INFORMATION),
+                                FileDispositionInformation);
+}
+
+// Without memory for the disposition record nothing is deleted and the
+// caller is told so: reporting success here would hide lower copies of a
+// file that still stands in filter directory 0.
+NTSTATUS DeleteRealFile(PCUNICODE_STRING pustrRealPath) {
+    ScopedPool disposition(sizeof(FILE_DISPOSITION_INFORMATION), TRVN_TAG_DISPOSITION);
+    if (disposition.Get() == NULL) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    PFILE_DISPOSITION_INFORMATION pDisposition = disposition.As<FILE_DISPOSITION_INFORMATION>();
+    pDisposition->DeleteFile = TRUE;
+
+    BOOLEAN bOpened = FALSE;
+    NTSTATUS nStatus = MarkForDeletion(pustrRealPath, pDisposition, &bOpened);
+    if (nStatus != STATUS_CANNOT_DELETE || !bOpened) {
+        return nStatus;
+    }
+    // Read-only: clear the attribute and try once more.
+    NTSTATUS nResetStatus = ResetFileAttributes(pustrRealPath);
+    if (!NT_SUCCESS(nResetStatus)) {
+        return nResetStatus;
+    }
+    nStatus = MarkForDeletion(pustrRealPath, pDisposition, &bOpened);
+    return bOpened ? nStatus : STATUS_CANNOT_DELETE;
+}
+
+BOOLEAN FiltDeleteFile(PCUNICODE_STRING pustrPath) {
+    const ULONG ulExists = FiltCheckFileExists(pustrPath, FILTER_MASK_ALL, NULL);
+    if (ulExists == 0) {
+        return TRUE;
+    }
+    const ULONG ulAll = GetFilterMask();
+    for (ULONG ulFlag = 1; ulFlag != 0 && ulFlag <= ulAll; ulFlag <<= 1) {
+        if ((ulExists & ulFlag) == 0) {
+            continue;
+        }
+        HANDLE hProbe = NULL;
+        IO_STATUS_BLOCK IoStatus;
+        NTSTATUS nStatus = FiltCreateFile(ulFlag, FALSE, &hProbe, DELETE_ACCESS, (PUNICODE_STRING)pustrPath, FALSE,
+                                          FALSE, &IoStatus, NULL, 0, FILE_SHARE_READ | FILE_SHARE_DELETE, FILE_OPEN,
+                                          FILE_SYNCHRONOUS_IO_NONALERT, NULL, 0);
+        if (!NT_SUCCESS(nStatus)) {
+            return FALSE;
+        }
+        ZwClose(hProbe);
+    }
+    if (ulExists & 1) {
+        ScopedPool buffer(PATH_BUFFER_SIZE, TRVN_TAG_GENERAL);
+        if (buffer.Get() == NULL) {
+            return FALSE;
+        }
+        UNICODE_STRING ustrReal;
+        ustrReal.Buffer = buffer.As<WCHAR>();
+        ustrReal.Length = 0;
+        ustrReal.MaximumLength = PATH_BUFFER_SIZE;
+        if (!GetRealFilePathForFilter(pustrPath, &ustrReal, 1, FALSE) || !NT_SUCCESS(DeleteRealFile(&ustrReal))) {
+            return FALSE;
+        }
+    }
+    if (ulExists & ~1UL) {
+        HidePath(pustrPath);
+    }
+    return TRUE;
+}
