@@ -5,12 +5,11 @@
 #include "core/tervane.h"
 
 #include "control/process_list.h"
-
-struct FileHandleEntry;
+#include "dispatch/file_handle_table.h"
 
 // A handler of requests on a redirected open. It owns the request from then
 // on: it completes it or passes it down itself.
-typedef NTSTATUS (*PTERVANE_REQUEST_HANDLER)(PDEVICE_OBJECT DeviceObject, PIRP Irp, FileHandleEntry* Entry);
+typedef NTSTATUS (*PTERVANE_REQUEST_HANDLER)(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandleEntry Entry);
 
 // Handlers by major function for file objects that have an entry in the
 // open-file table; a null slot is logged as not implemented and passed down.
@@ -18,13 +17,6 @@ typedef NTSTATUS (*PTERVANE_REQUEST_HANDLER)(PDEVICE_OBJECT DeviceObject, PIRP I
 // query and set information, flush, volume query, directory control,
 // file-system control, lock control, cleanup, query and set security.
 static const PTERVANE_REQUEST_HANDLER s_RoutingTable[IRP_MJ_MAXIMUM_FUNCTION + 1] = {};
-
-// The entry of a redirected open. The open-file table is not part of the
-// driver yet, so no file object has one and everything is passed down.
-static FileHandleEntry* LookupRedirectedOpen(PFILE_OBJECT FileObject) {
-    UNREFERENCED_PARAMETER(FileObject);
-    return NULL;
-}
 
 NTSTATUS NTAPI TervanePassThroughCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context) {
     UNREFERENCED_PARAMETER(DeviceObject);
@@ -77,7 +69,7 @@ NTSTATUS TervaneHookRoutine(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
         return TervanePassThrough(DeviceObject, Irp);
     }
 
-    FileHandleEntry* pEntry = LookupRedirectedOpen(pStack->FileObject);
+    PFileHandleEntry pEntry = FindFileHandleEntry(pStack->FileObject);
     if (pEntry == NULL) {
         return TervanePassThrough(DeviceObject, Irp);
     }
