@@ -187,8 +187,10 @@ NTSTATUS FsdQuerySecurity(PDEVICE_OBJECT device, PIRP irp) {
         sd = Build(StoredParts(vcb, fcb), sp->Parameters.QuerySecurity.SecurityInformation);
     }
     ULONG length = sp->Parameters.QuerySecurity.Length;
-    // Too small: the length needed travels in Information.
-    if (length < sd.size()) return CompleteRequest(irp, STATUS_BUFFER_TOO_SMALL, sd.size());
+    // Too small: STATUS_BUFFER_OVERFLOW with the length needed in
+    // Information (a warning, so it reaches the caller's status block); the
+    // service reports STATUS_BUFFER_TOO_SMALL with that length.
+    if (length < sd.size()) return CompleteRequest(irp, STATUS_BUFFER_OVERFLOW, sd.size());
     PVOID buffer = RequestBuffer(irp);
     if (!buffer) return CompleteRequest(irp, STATUS_INVALID_USER_BUFFER, 0);
     memcpy(buffer, sd.data(), sd.size());

@@ -248,7 +248,6 @@ NTSTATUS FsMountVolume(const std::string& hostDir, std::u16string* deviceName) {
     vpb->DeviceObject = volume;
     vpb->RealDevice = storage;
     vpb->SerialNumber = vcb->serialNumber;
-    volume->Vpb = vpb;
     volume->StackSize = static_cast<CCHAR>(storage->StackSize + 1);
     volume->Flags &= ~DO_DEVICE_INITIALIZING;
     storage->Flags &= ~DO_DEVICE_INITIALIZING;
