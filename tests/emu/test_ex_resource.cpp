@@ -168,3 +168,23 @@ TEST(FastMutex, ExcludesAcrossThreads) {
     EXPECT_EQ(plain, 9000);
     EXPECT_TRUE(machine.Shutdown().Clean());
 }
+
+TEST(Resource, ReleaseForThreadNamesTheOwner) {
+    Machine machine;
+    Process* p = machine.CreateProcess(1100, "handoff.exe");
+    ERESOURCE r;
+    ERESOURCE_THREAD owner = 0;
+    machine.Run(p, [&] {
+        ExInitializeResourceLite(&r);
+        ExAcquireResourceSharedLite(&r, TRUE);
+        owner = ExGetCurrentResourceThread();
+    });
+    // Another thread releases on the owner's behalf.
+    auto other = machine.StartThread(p, [&] { ExReleaseResourceForThreadLite(&r, owner); });
+    other->Join();
+    machine.Run(p, [&] {
+        EXPECT_EQ(ExIsResourceAcquiredSharedLite(&r), 0u);
+        ExDeleteResourceLite(&r);
+    });
+    EXPECT_TRUE(machine.Shutdown().Clean());
+}

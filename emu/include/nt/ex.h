@@ -61,6 +61,7 @@ typedef struct _ERESOURCE {
 } ERESOURCE, *PERESOURCE;
 
 typedef ULONG_PTR ERESOURCE_THREAD;
+#define ExGetCurrentResourceThread() ((ERESOURCE_THREAD)PsGetCurrentThread())
 
 typedef struct _FAST_MUTEX {
     LONG Count;
