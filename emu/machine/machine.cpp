@@ -41,7 +41,7 @@ Machine::Machine(MachineOptions options) {
     }
     impl_->system->Run([] {
         PsSystemProcess()->Handles = ObCreateHandleTable();
-        if (IoStartup) IoStartup();
+        IoStartup();
         CmStartup();
         MmStartup();
     });
@@ -150,7 +150,6 @@ std::unique_ptr<Machine::Thread> Machine::StartThread(Process* process, const st
 }
 
 NTSTATUS Machine::LoadDriver(const std::u16string& name, PDRIVER_INITIALIZE entry, PDRIVER_OBJECT* driverObject) {
-    if (!IoLoadDriver) return STATUS_NOT_IMPLEMENTED;
     NTSTATUS status = STATUS_UNSUCCESSFUL;
     PDRIVER_OBJECT object = nullptr;
     impl_->system->Run([&] { status = IoLoadDriver(name, entry, &object); });
@@ -233,7 +232,7 @@ VerifierReport Machine::Snapshot() const {
     VerifierReport report;
     report.pool = impl_->pool.Usage(true);
     report.handles = ObDescribeHandles(0);
-    if (IoDescribeFileObjects) report.fileObjects = IoDescribeFileObjects();
+    report.fileObjects = IoDescribeFileObjects();
     report.views = MmDescribeViews();
     report.violations = impl_->verifier.Violations();
     return report;
@@ -257,10 +256,10 @@ VerifierReport Machine::Shutdown() {
     impl_->system->Run([this, &report] {
         _EPROCESS* system = impl_->system->eprocess();
         if (system->Handles) ObCloseAllHandles(system);
-        if (IoDescribeFileObjects) report.fileObjects = IoDescribeFileObjects();
+        report.fileObjects = IoDescribeFileObjects();
         report.views = MmDescribeViews();
         FsShutdown();
-        if (IoShutdown) IoShutdown();
+        IoShutdown();
         MmShutdown();
         CmShutdown();
         LookasideDrainAll();

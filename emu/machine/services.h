@@ -1,5 +1,4 @@
-// What the machine calls in the other services. The I/O manager is referenced
-// weakly so that the machine works (with less) in a build that lacks it.
+// What the machine calls in the other services.
 #pragma once
 
 #include <string>
@@ -7,12 +6,6 @@
 #include "kernel.h"
 
 namespace tervane::emu {
-
-void IoStartup() __attribute__((weak));
-void IoShutdown() __attribute__((weak));
-NTSTATUS IoLoadDriver(const std::u16string& name, PDRIVER_INITIALIZE entry, PDRIVER_OBJECT* driverObject)
-    __attribute__((weak));
-std::vector<std::string> IoDescribeFileObjects() __attribute__((weak));
 
 // Executive bookkeeping the machine finishes at shutdown.
 void LookasideDrainAll();   // empties every lookaside list still initialised
