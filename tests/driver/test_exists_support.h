@@ -20,6 +20,7 @@
 
 #include "control/control.h"
 #include "control/filter_directory.h"
+#include "control/strings.h"
 #include "core/tervane.h"
 #include "dispatch/file_handle_table.h"
 #include "filemgr/file_manager.h"
