@@ -1,0 +1,92 @@
+// The hidden-path index.
+#include "test_index_support.h"
+
+namespace tervane::test {
+namespace {
+
+class HiddenPathTest : public IndexTest {
+protected:
+    void SetUp() override {
+        IndexTest::SetUp();
+        Kernel([] { CreateHiddenPathIndex(); });
+        ASSERT_NE(g_pHiddenPathIndex, nullptr);
+        indexes.push_back(g_pHiddenPathIndex);
+    }
+    void TearDown() override {
+        g_pHiddenPathIndex = nullptr;
+        IndexTest::TearDown();
+    }
+    void Hide(const std::u16string& text) {
+        Path p(text);
+        Kernel([&] { HidePath(p.us()); });
+    }
+    bool Hidden(const std::u16string& text) {
+        Path p(text);
+        BOOLEAN hidden = FALSE;
+        Kernel([&] { hidden = IsPathHidden(p.us()); });
+        return hidden;
+    }
+};
+
+TEST_F(HiddenPathTest, IndexHasThreeMegabyteAreas) {
+    EXPECT_EQ(g_pHiddenPathIndex->m_ulNodeAreaSize, 0x300000u);
+    EXPECT_EQ(g_pHiddenPathIndex->m_ulNameAreaSize, 0x300000u);
+    std::vector<emu::PoolTagUsage> pool = machine->PoolUsage();
+    bool found = false;
+    for (const auto& use : pool) {
+        if (use.tag == "Trvi") {
+            found = true;
+            EXPECT_EQ(use.outstandingBytes, 2u * 0x300000);
+        }
+    }
+    EXPECT_TRUE(found);
+}
+
+TEST_F(HiddenPathTest, OnlyTheMarkedLeafIsHidden) {
+    struct Step {
+        std::vector<std::u16string> hide;
+        std::vector<std::pair<std::u16string, bool>> expect;
+    } scenarios[] = {
+        {{u"C:\\a\\b"}, {{u"C:\\a\\b", true}, {u"D:\\A\\B", true}, {u"C:\\a", false}, {u"C:\\a\\b\\c", false}}},
+        {{u"C:\\a\\b", u"C:\\a"}, {{u"C:\\a", true}, {u"C:\\a\\b", false}}},
+        {{u"C:\\a", u"C:\\a\\b"}, {{u"C:\\a\\b", true}, {u"C:\\a", false}}},
+        {{u"C:\\", u"C:\\x"}, {{u"C:\\", false}, {u"C:\\x", true}}},
+    };
+    for (auto& s : scenarios) {
+        Kernel([] {
+            PFileIndex fresh = CreateFileIndex(HIDDEN_PATH_AREA_SIZE, HIDDEN_PATH_AREA_SIZE);
+            ASSERT_NE(fresh, nullptr);
+            g_pHiddenPathIndex = fresh;
+        });
+        indexes.push_back(g_pHiddenPathIndex);
+        for (auto& h : s.hide) Hide(h);
+        for (auto& [path, hidden] : s.expect) EXPECT_EQ(Hidden(path), hidden);
+    }
+}
+
+TEST_F(HiddenPathTest, RemarkingUsesOneMoreEntryAndRootsAddNothing) {
+    Hide(u"C:\\p");
+    ULONG used = g_pHiddenPathIndex->m_ulNodeUsed;
+    Hide(u"c:\\P");
+    EXPECT_TRUE(Hidden(u"C:\\p"));
+    EXPECT_EQ(g_pHiddenPathIndex->m_ulNodeUsed, used + 48);
+    Hide(u"E:\\");
+    EXPECT_EQ(g_pHiddenPathIndex->m_ulNodeUsed, used + 48);
+    EXPECT_FALSE(Hidden(u"E:"));
+    Kernel([] {
+        HidePath(nullptr);
+        EXPECT_FALSE(IsPathHidden(nullptr));
+    });
+}
+
+TEST_F(HiddenPathTest, WithoutTheIndexNothingIsHidden) {
+    PFileIndex saved = g_pHiddenPathIndex;
+    g_pHiddenPathIndex = nullptr;
+    Hide(u"C:\\gone");
+    EXPECT_FALSE(Hidden(u"C:\\gone"));
+    g_pHiddenPathIndex = saved;
+    EXPECT_FALSE(Hidden(u"C:\\gone"));
+}
+
+}  // namespace
+}  // namespace tervane::test

@@ -1,0 +1,78 @@
+// Shared pieces of the file index tests: a machine whose System process runs
+// the index code, counted strings over test text, and direct access to the
+// entries of an index for checking its layout.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <emu/machine.h>
+
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "index/file_index.h"
+
+namespace tervane::test {
+
+// A counted string that owns its text.
+class Path {
+public:
+    Path(std::u16string text) : text_(std::move(text)) { Refresh(); }
+    Path(const Path& other) : text_(other.text_) { Refresh(); }
+    PUNICODE_STRING us() { return &us_; }
+    const std::u16string& text() const { return text_; }
+
+private:
+    void Refresh() {
+        us_.Length = us_.MaximumLength = USHORT(text_.size() * 2);
+        us_.Buffer = reinterpret_cast<PWSTR>(text_.data());
+    }
+    std::u16string text_;
+    UNICODE_STRING us_;
+};
+
+// A machine with the FileIndex pool set up; indexes made through Create are
+// released at the end, and the verifier must then find nothing outstanding.
+class IndexTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        machine = std::make_unique<emu::Machine>();
+        Kernel([] { InitFileIndexPool(); });
+    }
+    void TearDown() override {
+        Kernel([this] {
+            for (PFileIndex index : indexes) FreeFileIndex(index);
+            DeleteFileIndexPool();
+        });
+        emu::VerifierReport report = machine->Shutdown();
+        EXPECT_TRUE(report.Clean()) << report.ToString();
+    }
+    void Kernel(const std::function<void()>& fn) { machine->Run(machine->SystemProcess(), fn); }
+
+    PFileIndex Create(ULONG nodeSize = 0x10000, ULONG nameSize = 0x10000) {
+        PFileIndex index = nullptr;
+        Kernel([&] { index = CreateFileIndex(nodeSize, nameSize); });
+        if (index != nullptr) indexes.push_back(index);
+        return index;
+    }
+
+    std::unique_ptr<emu::Machine> machine;
+    std::vector<PFileIndex> indexes;
+};
+
+// The live entry at an entry offset.
+inline FileIndexEntry& EntryAt(PFileIndex index, ULONG offset) {
+    return *reinterpret_cast<FileIndexEntry*>(index->m_pNodeArea + FILE_INDEX_NODE_HEADER_SIZE + offset);
+}
+
+inline std::u16string NameOf(PFileIndex index, const FileIndexEntry& e) {
+    const uint8_t* p = index->m_pNameArea + FILE_INDEX_NAME_HEADER_SIZE + (e.m_ulNameOffset & ~1u);
+    std::u16string s((e.m_ulNameLength & 0xFFFF) / 2, u'\0');
+    std::memcpy(s.data(), p, s.size() * 2);
+    return s;
+}
+
+}  // namespace tervane::test
