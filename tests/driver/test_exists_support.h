@@ -11,6 +11,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <functional>
 #include <memory>
 #include <string>
@@ -117,6 +118,9 @@ protected:
     }
 
     void TearDown() override {
+        if (HasFailure()) {
+            for (const auto& line : machine->LogLines()) std::cerr << "  log: " << line << "\n";
+        }
         if (controlHandle_ != nullptr) {
             machine->Run(controller_, [&] { EXPECT_EQ(NtClose(controlHandle_), STATUS_SUCCESS); });
         }

@@ -1,0 +1,286 @@
+// Copy-up: CopyFile, FiltCopyFile over files and directory trees,
+// FiltCopyFileAttribute and CopyUpOpenFile.
+#include <chrono>
+
+#include "test_exists_support.h"
+
+namespace tervane::test::layers {
+namespace {
+
+std::string Pattern(size_t size, int seed) {
+    std::string data(size, '\0');
+    for (size_t i = 0; i < size; i++) data[i] = char((i * 7 + seed) % 251);
+    return data;
+}
+
+// A self-relative descriptor with one DACL entry: MASK allowed to Everyone.
+std::vector<uint8_t> DaclDescriptor(ACCESS_MASK mask) {
+    std::vector<uint8_t> sd = {1, 0, 0x04, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 20, 0, 0, 0,  // header
+                               2, 0, 28, 0, 1, 0, 0, 0,                                            // ACL
+                               0, 0, 20, 0, 0, 0, 0, 0,                                            // ACE
+                               1, 1, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0};                                // S-1-1-0
+    memcpy(&sd[32], &mask, 4);
+    return sd;
+}
+
+class CopyUpTest : public LayersTest {
+protected:
+    // NT checks the parameters of an open only for user-mode callers; the
+    // copy opens its source for GENERIC_READ alone with synchronous I/O,
+    // which a machine that checks kernel-mode opens too refuses.
+    bool KernelOpensAreChecked() {
+        HANDLE h = nullptr;
+        NTSTATUS status = OpenReal(u"C:\\", &h, FILE_LIST_DIRECTORY, FILE_SHARE_READ | FILE_SHARE_WRITE);
+        if (NT_SUCCESS(status)) Close(h);
+        return status == STATUS_INVALID_PARAMETER;
+    }
+    std::vector<uint8_t> Security(const std::u16string& path, SECURITY_INFORMATION what) {
+        HANDLE h;
+        EXPECT_EQ(OpenReal(path, &h), STATUS_SUCCESS);
+        std::vector<uint8_t> sd(512);
+        Kernel([&] {
+            ULONG needed = 0;
+            EXPECT_EQ(ZwQuerySecurityObject(h, what, sd.data(), ULONG(sd.size()), &needed), STATUS_SUCCESS);
+            sd.resize(needed);
+        });
+        Close(h);
+        return sd;
+    }
+    void SetDacl(const std::u16string& path, std::vector<uint8_t> sd) {
+        HANDLE h;
+        ASSERT_EQ(OpenReal(path, &h, GENERIC_READ | WRITE_DAC | SYNCHRONIZE), STATUS_SUCCESS);
+        Kernel([&] { EXPECT_EQ(ZwSetSecurityObject(h, DACL_SECURITY_INFORMATION, sd.data()), STATUS_SUCCESS); });
+        Close(h);
+    }
+    FILE_BASIC_INFORMATION Basic(const std::u16string& path) {
+        FILE_BASIC_INFORMATION basic = {};
+        HANDLE h;
+        EXPECT_EQ(OpenReal(path, &h), STATUS_SUCCESS);
+        Kernel([&] {
+            IO_STATUS_BLOCK iosb;
+            EXPECT_EQ(ZwQueryInformationFile(h, &iosb, &basic, sizeof(basic), FileBasicInformation), 0);
+        });
+        Close(h);
+        return basic;
+    }
+    void SetBasic(const std::u16string& path, ULONG attributes, LONGLONG writeTime) {
+        HANDLE h;
+        ASSERT_EQ(OpenReal(path, &h, GENERIC_READ | FILE_WRITE_ATTRIBUTES | SYNCHRONIZE), STATUS_SUCCESS);
+        Kernel([&] {
+            FILE_BASIC_INFORMATION basic = {};
+            basic.FileAttributes = attributes;
+            basic.CreationTime.QuadPart = writeTime - 1000000;
+            basic.LastWriteTime.QuadPart = writeTime;
+            IO_STATUS_BLOCK iosb;
+            EXPECT_EQ(ZwSetInformationFile(h, &iosb, &basic, sizeof(basic), FileBasicInformation), 0);
+        });
+        Close(h);
+    }
+    BOOLEAN CopyPath(const std::u16string& path, ULONG sourceMask, BOOLEAN directory) {
+        Text p(path);
+        BOOLEAN ok = FALSE;
+        Kernel([&] { ok = FiltCopyFile(p.us(), sourceMask, 1, directory, FilterDevice()); });
+        return ok;
+    }
+};
+
+TEST_F(CopyUpTest, AFileArrivesWithDataEndOfFileSecurityAttributesAndTimes) {
+    if (KernelOpensAreChecked()) GTEST_SKIP() << "the machine checks the parameters of kernel-mode opens";
+    const std::string data = Pattern(40000, 3);
+    HostFile("L2/dir/data.bin", data);
+    Configure();
+    const LONGLONG written = 132000000000000000LL;
+    SetBasic(u"C:\\L2\\dir\\data.bin", FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_ARCHIVE, written);
+    SetDacl(u"C:\\L2\\dir\\data.bin", DaclDescriptor(FILE_GENERIC_READ));
+
+    ASSERT_TRUE(CopyPath(u"C:\\dir\\data.bin", 4, FALSE));
+    EXPECT_TRUE(HostContent("L0/dir/data.bin") == data);
+    EXPECT_TRUE(HostContent("L2/dir/data.bin") == data) << "the source is never changed";
+    FILE_BASIC_INFORMATION copy = Basic(u"C:\\L0\\dir\\data.bin");
+    EXPECT_EQ(copy.FileAttributes, ULONG(FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_ARCHIVE));
+    EXPECT_EQ(copy.LastWriteTime.QuadPart, written);
+    EXPECT_EQ(copy.CreationTime.QuadPart, written - 1000000);
+    EXPECT_EQ(Security(u"C:\\L0\\dir\\data.bin", DACL_SECURITY_INFORMATION),
+              Security(u"C:\\L2\\dir\\data.bin", DACL_SECURITY_INFORMATION));
+    EXPECT_EQ(Security(u"C:\\L0\\dir\\data.bin", SACL_SECURITY_INFORMATION),
+              Security(u"C:\\L2\\dir\\data.bin", SACL_SECURITY_INFORMATION));
+    EXPECT_EQ(Count("cannot read from src file"), 0u);
+    EXPECT_EQ(Count("cannot write to dest file"), 0u);
+}
+
+TEST_F(CopyUpTest, TheLowestSourceIsCopiedAndSupersedesTheDestination) {
+    if (KernelOpensAreChecked()) GTEST_SKIP() << "the machine checks the parameters of kernel-mode opens";
+    struct Case {
+        const char* what;
+        std::string l0, l1, l2;  // "-": absent
+        ULONG mask;
+        bool ok;
+        std::string expected;  // content of L0 afterwards, "-": absent
+    } cases[] = {
+        {"older longer copy is replaced", "an older and longer copy", "-", "new", 4, true, "new"},
+        {"empty file", "-", "", "-", 2, true, ""},
+        {"filter directory 1 is nearer than 2", "-", "from 1", "from 2", 6, true, "from 1"},
+        {"mask restricts the source", "-", "from 1", "from 2", 4, true, "from 2"},
+        {"absent from the source mask", "-", "-", "from 2", 2, false, "-"},
+    };
+    int n = 0;
+    for (const auto& c : cases) {
+        std::string name = "f" + std::to_string(n++) + ".txt";
+        if (c.l0 != "-") HostFile("L0/" + name, c.l0);
+        if (c.l1 != "-") HostFile("L1/" + name, c.l1);
+        if (c.l2 != "-") HostFile("L2/" + name, c.l2);
+    }
+    Configure();
+    n = 0;
+    for (const auto& c : cases) {
+        std::string name = "f" + std::to_string(n++) + ".txt";
+        EXPECT_EQ(CopyPath(u"C:\\" + emu::Utf8ToUtf16(name), c.mask, FALSE), c.ok) << c.what;
+        if (c.expected == "-") {
+            EXPECT_FALSE(HostExists("L0/" + name)) << c.what;
+        } else {
+            EXPECT_EQ(HostContent("L0/" + name), c.expected) << c.what;
+        }
+    }
+    EXPECT_EQ(Count("source not exists [C:\\f4.txt] /w FF[0]"), 1u);
+}
+
+TEST_F(CopyUpTest, ADirectoryTreeIsCopiedWithoutItsHiddenEntries) {
+    if (KernelOpensAreChecked()) GTEST_SKIP() << "the machine checks the parameters of kernel-mode opens";
+    HostFile("L2/D/a.txt", "a from 2");
+    HostFile("L2/D/.dot", "dot");
+    HostFile("L2/D/gone.txt", "hidden");
+    HostFile("L2/D/sub/b.txt", "b");
+    HostFile("L2/D/sub/deeper/c.txt", "c");
+    HostDir("L2/D/empty");
+    HostFile("L1/D/a.txt", "a from 1");
+    HostFile("L1/D/one.txt", "1");
+    Configure();
+    Hide(u"C:\\D\\gone.txt");
+    ASSERT_TRUE(CopyPath(u"C:\\D", 6, TRUE));
+    struct Expect {
+        const char* path;
+        const char* content;  // null: must not exist
+    } expects[] = {
+        {"L0/D/a.txt", "a from 1"}, {"L0/D/.dot", "dot"}, {"L0/D/sub/b.txt", "b"}, {"L0/D/sub/deeper/c.txt", "c"},
+        {"L0/D/one.txt", "1"},      {"L0/D/gone.txt", nullptr}, {"L0/D/empty", nullptr},
+    };
+    for (const auto& e : expects) {
+        if (e.content == nullptr) {
+            EXPECT_FALSE(HostExists(e.path)) << e.path;
+        } else {
+            EXPECT_EQ(HostContent(e.path), e.content) << e.path;
+        }
+    }
+    EXPECT_EQ(Count("[warn]"), 0u);
+}
+
+TEST_F(CopyUpTest, AnAttributeCopyLeavesAnEmptyFileWithTheSourceAttributes) {
+    HostFile("L1/x/f.txt", "content");
+    Configure();
+    SetBasic(u"C:\\L1\\x\\f.txt", FILE_ATTRIBUTE_SYSTEM, 131000000000000000LL);
+    Text p(u"C:\\x\\f.txt");
+    BOOLEAN ok = FALSE;
+    Kernel([&] { ok = FiltCopyFileAttribute(p.us(), 2, 1, TRUE); });
+    EXPECT_TRUE(ok);
+    EXPECT_EQ(HostContent("L0/x/f.txt"), "");
+    FILE_BASIC_INFORMATION copy = Basic(u"C:\\L0\\x\\f.txt");
+    EXPECT_EQ(copy.FileAttributes, ULONG(FILE_ATTRIBUTE_SYSTEM));
+    EXPECT_EQ(copy.LastWriteTime.QuadPart, 131000000000000000LL);
+    Text missing(u"C:\\x\\none.txt");
+    Kernel([&] { ok = FiltCopyFileAttribute(missing.us(), 2, 1, TRUE); });
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(Count("cannot open src file [C:\\L1\\x\\none.txt]"), 1u);
+}
+
+TEST_F(CopyUpTest, AnOpenMovesOntoItsCopyInFilterDirectory0) {
+    if (KernelOpensAreChecked()) GTEST_SKIP() << "the machine checks the parameters of kernel-mode opens";
+    HostFile("L2/moved.txt", "lower bytes");
+    Configure();
+    HANDLE real;
+    ASSERT_EQ(OpenReal(u"C:\\L2\\moved.txt", &real), STATUS_SUCCESS);
+    FILE_OBJECT caller = {};
+    caller.Flags = FO_SYNCHRONOUS_IO;
+    std::u16string path = u"C:\\moved.txt";
+    FileHandleEntry entry = {};
+    entry.m_ulDesiredAccess = GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE;
+    entry.m_ulShareAccess = FILE_SHARE_READ;
+    entry.m_ulCreateOptions = FILE_SYNCHRONOUS_IO_NONALERT;
+    entry.m_ulFilterEntryFlag = 4;
+    entry.m_hRealFileHandle = real;
+    entry.m_pFileObject = &caller;
+    entry.m_ustrFullPath = {USHORT(path.size() * 2), USHORT(path.size() * 2), (PWSTR)path.data()};
+
+    HANDLE old = nullptr;
+    Kernel([&] { EXPECT_EQ(CopyUpOpenFile(&entry, 4, &old, TRUE, FilterDevice()), STATUS_UNSUCCESSFUL); });
+    EXPECT_EQ(old, nullptr);
+    EXPECT_EQ(entry.m_hRealFileHandle, real);
+
+    Kernel([&] { ASSERT_EQ(CopyUpOpenFile(&entry, 1, &old, TRUE, FilterDevice()), STATUS_SUCCESS); });
+    EXPECT_EQ(old, real);
+    EXPECT_EQ(entry.m_ulFilterEntryFlag, 1u);
+    EXPECT_EQ(HostContent("L0/moved.txt"), "lower bytes");
+    Kernel([&] {
+        PFILE_OBJECT copy = nullptr;
+        ASSERT_EQ(ObReferenceObjectByHandle(entry.m_hRealFileHandle, 0, *IoFileObjectType, KernelMode,
+                                            (PVOID*)&copy, nullptr),
+                  STATUS_SUCCESS);
+        EXPECT_EQ(caller.FsContext, copy->FsContext);
+        EXPECT_EQ(caller.FsContext2, copy->FsContext2);
+        EXPECT_EQ(caller.Flags & (FO_CACHE_SUPPORTED | FO_FILE_FAST_IO_READ), 0u);
+        EXPECT_EQ(static_cast<PFSRTL_COMMON_FCB_HEADER>(copy->FsContext)->IsFastIoPossible, FastIoIsPossible);
+        // Writes through the new handle land in filter directory 0 only.
+        IO_STATUS_BLOCK iosb;
+        LARGE_INTEGER offset = {};
+        char bytes[] = "UPPER";
+        EXPECT_EQ(ZwWriteFile(entry.m_hRealFileHandle, nullptr, nullptr, nullptr, &iosb, bytes, 5, &offset, nullptr),
+                  STATUS_SUCCESS);
+        ObDereferenceObject(copy);
+    });
+    Close(old);
+    Close(entry.m_hRealFileHandle);
+    EXPECT_EQ(HostContent("L0/moved.txt"), "UPPER bytes");
+    EXPECT_EQ(HostContent("L2/moved.txt"), "lower bytes");
+}
+
+TEST_F(CopyUpTest, CopyingRunsNearTheSpeedOfAPlainReadWriteCopy) {
+    if (KernelOpensAreChecked()) GTEST_SKIP() << "the machine checks the parameters of kernel-mode opens";
+    const size_t size = 8 << 20;
+    HostFile("L2/big.bin", Pattern(size, 1));
+    HostFile("plain/src.bin", Pattern(size, 1));
+    Configure();
+    auto now = [] { return std::chrono::steady_clock::now(); };
+    auto t0 = now();
+    ASSERT_TRUE(CopyPath(u"C:\\big.bin", 4, FALSE));
+    auto copyUp = now() - t0;
+
+    HANDLE src, dst;
+    ASSERT_EQ(OpenReal(u"C:\\plain\\src.bin", &src), STATUS_SUCCESS);
+    t0 = now();
+    Kernel([&] {
+        std::u16string name = u"\\??\\C:\\plain\\dst.bin";
+        Text p(name);
+        OBJECT_ATTRIBUTES oa;
+        InitializeObjectAttributes(&oa, p.us(), OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
+        IO_STATUS_BLOCK iosb;
+        ASSERT_EQ(ZwCreateFile(&dst, GENERIC_WRITE | SYNCHRONIZE, &oa, &iosb, nullptr, 0, 0, FILE_SUPERSEDE,
+                               FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0),
+                  STATUS_SUCCESS);
+        std::vector<char> chunk(0x4000);
+        for (;;) {
+            if (ZwReadFile(src, nullptr, nullptr, nullptr, &iosb, chunk.data(), ULONG(chunk.size()), nullptr,
+                           nullptr) != STATUS_SUCCESS)
+                break;
+            ZwWriteFile(dst, nullptr, nullptr, nullptr, &iosb, chunk.data(), ULONG(iosb.Information), nullptr,
+                        nullptr);
+        }
+        ZwClose(dst);
+    });
+    auto plain = now() - t0;
+    Close(src);
+    EXPECT_EQ(std::filesystem::file_size(host / "L0/big.bin"), size);
+    EXPECT_TRUE(HostContent("L0/big.bin") == HostContent("plain/dst.bin"));
+    EXPECT_LT(copyUp, plain * 3 + std::chrono::milliseconds(200));
+}
+
+}  // namespace
+}  // namespace tervane::test::layers
