@@ -1,0 +1,208 @@
+#include "test_core_support.h"
+#include "core/log.h"
+
+namespace tervane::test {
+
+namespace {
+std::mutex g_seenLock;
+std::vector<SeenRequest> g_seen;
+PDEVICE_OBJECT g_device = nullptr;
+const char16_t kFsName[] = u"TESTFS";
+
+PVOID RequestBuffer(PIRP irp) {
+    if (irp->MdlAddress != nullptr) return MmGetSystemAddressForMdlSafe(irp->MdlAddress, NormalPagePriority);
+    if (irp->AssociatedIrp.SystemBuffer != nullptr) return irp->AssociatedIrp.SystemBuffer;
+    return irp->UserBuffer;
+}
+
+NTSTATUS NTAPI VolumeDispatch(PDEVICE_OBJECT, PIRP irp) {
+    PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
+    SeenRequest seen;
+    seen.major = sp->MajorFunction;
+    seen.minor = sp->MinorFunction;
+    seen.fileObject = sp->FileObject;
+    NTSTATUS status = STATUS_SUCCESS;
+    ULONG_PTR information = 0;
+    switch (sp->MajorFunction) {
+    case IRP_MJ_CREATE:
+        seen.fileName.assign(reinterpret_cast<const char16_t*>(sp->FileObject->FileName.Buffer),
+                             sp->FileObject->FileName.Length / 2);
+        seen.createOptions = sp->Parameters.Create.Options;
+        information = FILE_OPENED;
+        break;
+    case IRP_MJ_READ:
+        seen.length = sp->Parameters.Read.Length;
+        seen.offset = sp->Parameters.Read.ByteOffset.QuadPart;
+        memset(RequestBuffer(irp), 'v', sp->Parameters.Read.Length);
+        information = sp->Parameters.Read.Length;
+        break;
+    case IRP_MJ_QUERY_VOLUME_INFORMATION:
+        if (TestVolume::failAttributeQuery || sp->Parameters.QueryVolume.FsInformationClass != FileFsAttributeInformation) {
+            status = STATUS_INVALID_DEVICE_REQUEST;
+        } else {
+            auto* info = static_cast<PFILE_FS_ATTRIBUTE_INFORMATION>(irp->AssociatedIrp.SystemBuffer);
+            info->FileSystemAttributes = FILE_CASE_PRESERVED_NAMES;
+            info->MaximumComponentNameLength = 255;
+            info->FileSystemNameLength = sizeof(kFsName) - 2;
+            memcpy(info->FileSystemName, kFsName, sizeof(kFsName) - 2);
+            information = FIELD_OFFSET(FILE_FS_ATTRIBUTE_INFORMATION, FileSystemName) + sizeof(kFsName) - 2;
+        }
+        break;
+    default:
+        break;
+    }
+    {
+        std::lock_guard<std::mutex> lock(g_seenLock);
+        g_seen.push_back(seen);
+    }
+    irp->IoStatus.Status = status;
+    irp->IoStatus.Information = information;
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    return status;
+}
+}  // namespace
+
+bool TestVolume::failAttributeQuery = false;
+
+NTSTATUS NTAPI TestVolume::DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING) {
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, L"\\Device\\TestVolume");
+    NTSTATUS status = IoCreateDevice(driver, 0, &name, FILE_DEVICE_DISK_FILE_SYSTEM, 0, FALSE, &g_device);
+    if (!NT_SUCCESS(status)) return status;
+    g_device->Flags |= DO_BUFFERED_IO;
+    g_device->Flags &= ~DO_DEVICE_INITIALIZING;
+    for (auto& entry : driver->MajorFunction) entry = VolumeDispatch;
+    return STATUS_SUCCESS;
+}
+
+std::vector<SeenRequest>& TestVolume::Seen() { return g_seen; }
+PDEVICE_OBJECT TestVolume::Device() { return g_device; }
+
+void DriverTest::SetUp() {
+    machine = new emu::Machine(options);
+    g_seen.clear();
+    TestVolume::failAttributeQuery = false;
+    ASSERT_EQ(machine->LoadDriver(u"TestVolume", TestVolume::DriverEntry), STATUS_SUCCESS);
+    ASSERT_EQ(machine->LinkDrive('C', u"\\Device\\TestVolume"), STATUS_SUCCESS);
+}
+
+NTSTATUS DriverTest::Load() {
+    NTSTATUS status = machine->LoadDriver(u"Tervane", ::DriverEntry, &driver);
+    loaded = NT_SUCCESS(status);
+    return status;
+}
+
+void DriverTest::Kernel(const std::function<void()>& fn) { machine->Run(machine->SystemProcess(), fn); }
+
+void DriverTest::TearDown() {
+    if (controlHandle_ != nullptr) {
+        machine->Run(controller_, [&] { EXPECT_EQ(NtClose(controlHandle_), STATUS_SUCCESS); });
+    }
+    Kernel([] { ReleaseDriverState(); });
+    emu::VerifierReport report = machine->Shutdown();
+    EXPECT_TRUE(report.Clean()) << report.ToString();
+    delete machine;
+    machine = nullptr;
+}
+
+ControlResult DriverTest::Fast(ULONG code, const std::vector<uint8_t>& input, ULONG outputLength) {
+    if (controlHandle_ == nullptr) {
+        controller_ = machine->CreateProcess(900, "controller.exe");
+        machine->Run(controller_, [&] {
+            UNICODE_STRING name;
+            RtlInitUnicodeString(&name, L"\\??\\Tervane");
+            OBJECT_ATTRIBUTES oa;
+            InitializeObjectAttributes(&oa, &name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
+            IO_STATUS_BLOCK iosb;
+            EXPECT_EQ(NtCreateFile(&controlHandle_, GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE, &oa, &iosb, nullptr,
+                                   0, 0, FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0),
+                      STATUS_SUCCESS);
+        });
+    }
+    ControlResult result;
+    result.output.assign(outputLength, kUntouched);
+    std::vector<uint8_t> in = input;
+    machine->Run(controller_, [&] {
+        IO_STATUS_BLOCK iosb = {};
+        NTSTATUS status = NtDeviceIoControlFile(controlHandle_, nullptr, nullptr, nullptr, &iosb, code,
+                                                in.empty() ? nullptr : in.data(), (ULONG)in.size(),
+                                                outputLength ? result.output.data() : nullptr, outputLength);
+        EXPECT_EQ(status, iosb.Status);
+        result.status = iosb.Status;
+        result.information = iosb.Information;
+    });
+    return result;
+}
+
+namespace {
+// Reads the outcome off the packet before the I/O manager's second stage,
+// which leaves a caller's status block alone for a failed synchronous request.
+NTSTATUS NTAPI RecordControlOutcome(PDEVICE_OBJECT, PIRP irp, PVOID context) {
+    auto* result = static_cast<ControlResult*>(context);
+    result->status = irp->IoStatus.Status;
+    result->information = irp->IoStatus.Information;
+    if (irp->AssociatedIrp.SystemBuffer != nullptr) {
+        memcpy(result->output.data(), irp->AssociatedIrp.SystemBuffer,
+               std::min<size_t>(irp->IoStatus.Information, result->output.size()));
+    }
+    return STATUS_SUCCESS;
+}
+}  // namespace
+
+ControlResult DriverTest::Packet(ULONG code, const std::vector<uint8_t>& input, ULONG outputLength) {
+    ControlResult result;
+    result.output.assign(outputLength, kUntouched);
+    std::vector<uint8_t> in = input;
+    std::vector<uint8_t> out(outputLength, kUntouched);
+    Kernel([&] {
+        KEVENT event;
+        KeInitializeEvent(&event, NotificationEvent, FALSE);
+        IO_STATUS_BLOCK iosb = {};
+        PIRP irp = IoBuildDeviceIoControlRequest(code, g_pControlDevice, in.empty() ? nullptr : in.data(),
+                                                 (ULONG)in.size(), outputLength ? out.data() : nullptr,
+                                                 outputLength, FALSE, &event, &iosb);
+        ASSERT_NE(irp, nullptr);
+        // Runs when the control device completes the packet.
+        IoSetCompletionRoutine(irp, RecordControlOutcome, &result, TRUE, TRUE, TRUE);
+        NTSTATUS status = IoCallDriver(g_pControlDevice, irp);
+        if (status == STATUS_PENDING) KeWaitForSingleObject(&event, Executive, KernelMode, FALSE, nullptr);
+        EXPECT_EQ(status, STATUS_SUCCESS) << "the packet itself always succeeds";
+    });
+    return result;
+}
+
+std::vector<std::string> DriverTest::LogMatching(const std::string& text) const {
+    std::vector<std::string> lines;
+    for (const std::string& line : machine->LogLines()) {
+        if (line.find(text) != std::string::npos) lines.push_back(line);
+    }
+    return lines;
+}
+
+std::vector<uint8_t> Slots(const std::vector<std::u16string>& paths) {
+    std::vector<uint8_t> buffer(paths.size() * PATH_SLOT_SIZE, 0);
+    for (size_t i = 0; i < paths.size(); i++) {
+        memcpy(buffer.data() + i * PATH_SLOT_SIZE, paths[i].data(),
+               std::min<size_t>(paths[i].size() * 2, PATH_SLOT_SIZE));
+    }
+    return buffer;
+}
+
+std::vector<uint8_t> ProcessRecord(ULONG pid, const std::u16string& name) {
+    std::vector<uint8_t> record(sizeof(TervaneProcessRecord), 0);
+    memcpy(record.data(), &pid, 4);
+    memcpy(record.data() + 4, name.data(), std::min<size_t>(name.size() * 2, 40));
+    return record;
+}
+
+std::u16string SlotPath(const std::vector<uint8_t>& buffer, size_t slot) {
+    std::u16string path;
+    for (size_t i = slot * PATH_SLOT_SIZE; i + 1 < (slot + 1) * PATH_SLOT_SIZE && i + 1 < buffer.size(); i += 2) {
+        char16_t c = (char16_t)(buffer[i] | (buffer[i + 1] << 8));
+        if (c == 0) break;
+        path.push_back(c);
+    }
+    return path;
+}
+
+}  // namespace tervane::test
