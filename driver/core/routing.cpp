@@ -5,7 +5,7 @@
 #include "core/tervane.h"
 
 #include "control/process_list.h"
-#include "dispatch/file_handle_table.h"
+#include "dispatch/dispatch.h"
 
 // A handler of requests on a redirected open. It owns the request from then
 // on: it completes it or passes it down itself.
@@ -13,10 +13,24 @@ typedef NTSTATUS (*PTERVANE_REQUEST_HANDLER)(PDEVICE_OBJECT DeviceObject, PIRP I
 
 // Handlers by major function for file objects that have an entry in the
 // open-file table; a null slot is logged as not implemented and passed down.
-// The slots are filled as the request handlers arrive: close, read, write,
-// query and set information, flush, volume query, directory control,
-// file-system control, lock control, cleanup, query and set security.
-static const PTERVANE_REQUEST_HANDLER s_RoutingTable[IRP_MJ_MAXIMUM_FUNCTION + 1] = {};
+static PTERVANE_REQUEST_HANDLER RoutingTableHandler(UCHAR MajorFunction) {
+    switch (MajorFunction) {
+    case IRP_MJ_CLOSE: return TervaneClose;
+    case IRP_MJ_READ: return TervaneRead;
+    case IRP_MJ_WRITE: return TervaneWrite;
+    case IRP_MJ_QUERY_INFORMATION: return TervaneQueryInformation;
+    case IRP_MJ_SET_INFORMATION: return TervaneSetInformation;
+    case IRP_MJ_FLUSH_BUFFERS: return TervaneFlushBuffers;
+    case IRP_MJ_QUERY_VOLUME_INFORMATION: return TervaneQueryVolumeInformation;
+    case IRP_MJ_DIRECTORY_CONTROL: return TervaneDirectoryControl;
+    case IRP_MJ_FILE_SYSTEM_CONTROL: return TervaneFileSystemControl;
+    case IRP_MJ_LOCK_CONTROL: return TervaneLockControl;
+    case IRP_MJ_CLEANUP: return TervaneCleanup;
+    case IRP_MJ_QUERY_SECURITY: return TervaneQuerySecurity;
+    case IRP_MJ_SET_SECURITY: return TervaneSetSecurity;
+    default: return NULL;
+    }
+}
 
 NTSTATUS NTAPI TervanePassThroughCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context) {
     UNREFERENCED_PARAMETER(DeviceObject);
@@ -64,9 +78,7 @@ NTSTATUS TervaneHookRoutine(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
         return TervanePassThrough(DeviceObject, Irp);
     }
     if (pStack->MajorFunction == IRP_MJ_CREATE) {
-        // Opens are decided by the create handler, which is not part of the
-        // driver yet.
-        return TervanePassThrough(DeviceObject, Irp);
+        return TervaneCreate(DeviceObject, Irp);
     }
 
     PFileHandleEntry pEntry = FindFileHandleEntry(pStack->FileObject);
@@ -80,7 +92,7 @@ NTSTATUS TervaneHookRoutine(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
         g_ustrCurrentProcessName.Length = 0;
     }
 
-    PTERVANE_REQUEST_HANDLER pHandler = s_RoutingTable[pStack->MajorFunction];
+    PTERVANE_REQUEST_HANDLER pHandler = RoutingTableHandler(pStack->MajorFunction);
     if (pHandler != NULL) {
         return pHandler(DeviceObject, Irp, pEntry);
     }

@@ -207,6 +207,11 @@ NTSTATUS IopCreateFile(KPROCESSOR_MODE mode, PHANDLE fileHandle, ACCESS_MASK des
     if (status == STATUS_PENDING) {
         KeWaitForSingleObject(&file->Event, Executive, KernelMode, FALSE, nullptr);
         status = local.Status;
+    } else if (local.Status != STATUS_PENDING) {
+        // As NT's parse routine: the outcome is the request's final status
+        // block (a completion routine above the file system may change it),
+        // not the value the dispatch routine returned.
+        status = local.Status;
     }
     if (eaCopy) ExFreePoolWithTag(eaCopy, kTagBuffer);
     if (related) ObfDereferenceObject(related);  // the related object is only held for the open

@@ -1,0 +1,334 @@
+// IRP_MJ_CREATE on a hooked volume while filtering is on: opens of monitored
+// processes are served from the filter directories and completed here; every
+// other open is passed down to the file system.
+#include "dispatch/dispatch.h"
+
+#include "control/exclusion_list.h"
+#include "control/filter_directory.h"
+#include "control/process_list.h"
+#include "control/strings.h"
+#include "core/log.h"
+#include "core/tervane.h"
+#include "filemgr/file_manager.h"
+
+// Length in bytes of the bypass suffix at the end of a name.
+#define BYPASS_SUFFIX_BYTES (BYPASS_SUFFIX_CHARS * sizeof(WCHAR))
+
+// Disposition and options share the create parameters' Options word.
+#define CREATE_DISPOSITION_SHIFT 24
+#define CREATE_OPTIONS_MASK 0x00FFFFFF
+
+// Passes an open down to the file system with one of the two completions.
+static NTSTATUS PassCreateDown(PDEVICE_OBJECT DeviceObject, PIRP Irp, PIO_COMPLETION_ROUTINE Completion) {
+    PTervaneDeviceExtension pExtension = (PTervaneDeviceExtension)DeviceObject->DeviceExtension;
+    IoCopyCurrentIrpStackLocationToNext(Irp);
+    IoSetCompletionRoutine(Irp, Completion, NULL, TRUE, TRUE, TRUE);
+    return IoCallDriver(pExtension->m_pLowerDevice, Irp);
+}
+
+NTSTATUS NTAPI TervaneCreateCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context) {
+    UNREFERENCED_PARAMETER(DeviceObject);
+    UNREFERENCED_PARAMETER(Context);
+    if (Irp->IoStatus.Status == STATUS_OBJECT_PATH_NOT_FOUND) {
+        Irp->IoStatus.Status = STATUS_OBJECT_NAME_NOT_FOUND;
+    }
+    if (Irp->PendingReturned) {
+        IoMarkIrpPending(Irp);
+    }
+    return Irp->IoStatus.Status;
+}
+
+// Leaves the status as the file system gave it: no path is at hand here (a
+// paging-file open never forms one), and a completion routine may run at
+// raised IRQL, where the existence check's opens cannot be made.
+NTSTATUS NTAPI TervaneCreateCheckCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context) {
+    UNREFERENCED_PARAMETER(DeviceObject);
+    UNREFERENCED_PARAMETER(Context);
+    if (Irp->PendingReturned) {
+        IoMarkIrpPending(Irp);
+    }
+    return Irp->IoStatus.Status;
+}
+
+static BOOLEAN HasBypassSuffix(PCUNICODE_STRING Name) {
+    if (Name->Buffer == NULL || Name->Length < BYPASS_SUFFIX_BYTES) {
+        return FALSE;
+    }
+    const UCHAR* pTail = (const UCHAR*)Name->Buffer + Name->Length - BYPASS_SUFFIX_BYTES;
+    return RtlCompareMemory(pTail, BYPASS_SUFFIX, BYPASS_SUFFIX_BYTES) == BYPASS_SUFFIX_BYTES;
+}
+
+// A drive path: letter, colon, backslash. Anything else (an empty result, a
+// name too long to resolve, a name relative to a volume open) cannot be
+// mapped into a filter directory.
+static BOOLEAN IsDrivePath(PCUNICODE_STRING Path) {
+    return Path->Length >= 3 * sizeof(WCHAR) && Path->Buffer[1] == L':' && Path->Buffer[2] == L'\\';
+}
+
+// Cuts the FILE_OBJECT's name of a target-directory open to its final
+// component, in place. A name with no backslash before its final component
+// (one relative to a directory open) already is that component. FALSE when
+// nothing but backslashes is left.
+static BOOLEAN CutToFinalComponent(PIO_STACK_LOCATION pIrpSp) {
+    PUNICODE_STRING pName = &pIrpSp->FileObject->FileName;
+    ULONG uiIndex = pName->Length / sizeof(WCHAR) - 1;
+    while (uiIndex > 0 && pName->Buffer[uiIndex] == L'\\') {
+        pName->Length -= sizeof(WCHAR);
+        uiIndex--;
+    }
+    while (uiIndex > 0 && pName->Buffer[uiIndex] != L'\\') {
+        uiIndex--;
+    }
+    TRVN_ASSERT(uiIndex >= sizeof( 1 ), DISPATCH_SOURCE, __LINE__);
+    TRVN_ASSERT(pIrpSp->FileObject->FileName.Buffer[ uiIndex ] == L'\\', DISPATCH_SOURCE, __LINE__);
+
+    const ULONG ulStart = pName->Buffer[uiIndex] == L'\\' ? uiIndex + 1 : 0;
+    const ULONG ulChars = pName->Length / sizeof(WCHAR) - ulStart;
+    if (ulChars == 0 || (ulChars == 1 && pName->Buffer[ulStart] == L'\\')) {
+        return FALSE;
+    }
+    RtlMoveMemory(pName->Buffer, pName->Buffer + ulStart, ulChars * sizeof(WCHAR));
+    pName->Length = (USHORT)(ulChars * sizeof(WCHAR));
+    return TRUE;
+}
+
+// Replaces the full path by its parent (everything before its last
+// backslash). Logged and left unchanged when there is no parent.
+static VOID ReplaceByParent(PUNICODE_STRING FullPath) {
+    ULONG ulLast = FullPath->Length / sizeof(WCHAR);
+    while (ulLast > 0 && FullPath->Buffer[ulLast - 1] != L'\\') {
+        ulLast--;
+    }
+    // ulLast - 1 is the last backslash; it must come after the first character.
+    if (ulLast < 2) {
+        TRVN_LOG("TervaneCreate", __LINE__, "SL_OPEN_TARGET_DIRECTORY get parent directory path fail.\r\n");
+        return;
+    }
+    UNICODE_STRING ustrParentPath;
+    ustrParentPath.MaximumLength = FullPath->Length;
+    ustrParentPath.Length = 0;
+    ustrParentPath.Buffer = (PWSTR)ExAllocatePoolWithTag(NonPagedPool, FullPath->Length, TRVN_TAG_GENERAL);
+    TRVN_ASSERT(ustrParentPath.Buffer, DISPATCH_SOURCE, __LINE__);
+    if (ustrParentPath.Buffer == NULL) {
+        // Without memory for the copy the parent is cut in place.
+        FullPath->Length = (USHORT)((ulLast - 1) * sizeof(WCHAR));
+        return;
+    }
+    RtlCopyMemory(ustrParentPath.Buffer, FullPath->Buffer, (ulLast - 1) * sizeof(WCHAR));
+    ustrParentPath.Length = (USHORT)((ulLast - 1) * sizeof(WCHAR));
+    CopyCountedString(FullPath, &ustrParentPath);
+    ExFreePoolWithTag(ustrParentPath.Buffer, TRVN_TAG_GENERAL);
+}
+
+// The lowest flag of Mask that names a configured filter directory, or 0.
+static ULONG LowestConfiguredFlag(ULONG Mask) {
+    const ULONG ulConfigured = Mask & GetFilterMask();
+    return ulConfigured & (~ulConfigured + 1);
+}
+
+// The filter directory in which the real file is opened, by disposition.
+static ULONG ChooseFilterFlag(PUNICODE_STRING FullPath, ULONG ExistenceMask, ULONG Disposition) {
+    const ULONG ulFound = LowestConfiguredFlag(ExistenceMask);
+    switch (Disposition) {
+    case FILE_SUPERSEDE:
+        return 1;
+    case FILE_OPEN:
+    case FILE_CREATE:
+    case FILE_OPEN_IF:
+        return ulFound != 0 ? ulFound : 1;
+    case FILE_OVERWRITE:
+    case FILE_OVERWRITE_IF:
+        if (ulFound != 0 && !FiltCopyFileAttribute(FullPath, ulFound, 1, TRUE)) {
+            TRVN_LOG("TervaneCreate", __LINE__,
+                     "FiltCopyFileAttribute failed for file [%wZ] from filter [%d] to [%d]\r\n", FullPath, ulFound,
+                     1);
+        }
+        return 1;
+    default:
+        TRVN_ASSERT(FALSE, DISPATCH_SOURCE, __LINE__);
+        // The file system refuses the disposition; an unknown one is sent
+        // where an open would go rather than to no directory at all.
+        return ulFound != 0 ? ulFound : 1;
+    }
+}
+
+// Makes the caller's FILE_OBJECT look like an open of the real file: access
+// and share fields, the file system's context and the real object's flags.
+static VOID PrepareCallerFileObject(PFILE_OBJECT FileObject, HANDLE RealHandle, ACCESS_MASK DesiredAccess,
+                                    ULONG ShareAccess) {
+    PGENERIC_MAPPING pMapping = IoGetFileObjectGenericMapping();
+    FileObject->ReadAccess = (DesiredAccess & pMapping->GenericRead) != 0;
+    FileObject->WriteAccess = (DesiredAccess & pMapping->GenericWrite) != 0;
+    FileObject->DeleteAccess = (DesiredAccess & DELETE) != 0;
+    FileObject->SharedRead = (ShareAccess & FILE_SHARE_READ) != 0;
+    FileObject->SharedWrite = (ShareAccess & FILE_SHARE_WRITE) != 0;
+    FileObject->SharedDelete = (ShareAccess & FILE_SHARE_DELETE) != 0;
+
+    PFILE_OBJECT pRealFileObject = NULL;
+    NTSTATUS nStatusObject =
+        ObReferenceObjectByHandle(RealHandle, 0, *IoFileObjectType, KernelMode, (PVOID*)&pRealFileObject, NULL);
+    TRVN_ASSERT(NT_SUCCESS( nStatusObject ), DISPATCH_SOURCE, __LINE__);
+    if (!NT_SUCCESS(nStatusObject)) {
+        return;
+    }
+    FileObject->FsContext = pRealFileObject->FsContext;
+    FileObject->FsContext2 = pRealFileObject->FsContext2;
+    FileObject->SectionObjectPointer = pRealFileObject->SectionObjectPointer;
+    FileObject->Flags = pRealFileObject->Flags & ~FO_FILE_FAST_IO_READ;
+    if (FileObject->FsContext != NULL) {
+        ((PFSRTL_COMMON_FCB_HEADER)FileObject->FsContext)->IsFastIoPossible = FastIoIsPossible;
+    }
+    ObDereferenceObject(pRealFileObject);
+}
+
+// Opens the real file for a redirected open and records the entry. Returns
+// the open's status (refined for not-found), which is already in IoStatus.
+static NTSTATUS OpenRedirected(PIRP Irp, PIO_STACK_LOCATION pIrpSp, PUNICODE_STRING FullPath, ULONG ExistenceMask) {
+    const ULONG ulDisposition = pIrpSp->Parameters.Create.Options >> CREATE_DISPOSITION_SHIFT;
+    ULONG ulCreateOptions = pIrpSp->Parameters.Create.Options & CREATE_OPTIONS_MASK;
+    const ACCESS_MASK ulDesiredAccess = pIrpSp->Parameters.Create.SecurityContext->DesiredAccess;
+    const ULONG ulShareAccess = pIrpSp->Parameters.Create.ShareAccess | FILE_SHARE_READ;
+    const ULONG ulFileAttributes = pIrpSp->Parameters.Create.FileAttributes;
+    BOOLEAN bDeleteOnClose = FALSE;
+    if (ulCreateOptions & FILE_DELETE_ON_CLOSE) {
+        bDeleteOnClose = TRUE;
+        ulCreateOptions &= ~FILE_DELETE_ON_CLOSE;
+    }
+    if (!(ulCreateOptions & (FILE_SYNCHRONOUS_IO_NONALERT | FILE_SYNCHRONOUS_IO_ALERT))) {
+        ulCreateOptions |= FILE_SYNCHRONOUS_IO_NONALERT;
+    }
+
+    const ULONG ulFilterFlag = ChooseFilterFlag(FullPath, ExistenceMask, ulDisposition);
+
+    if (pIrpSp->Parameters.Create.EaLength != 0) {
+        TRVN_LOG("TervaneCreate", __LINE__, "Warning: EaLength not zero[%d] EaBuffer not NULL[%08x]\r\n",
+                 pIrpSp->Parameters.Create.EaLength, (ULONG)(ULONG_PTR)Irp->AssociatedIrp.SystemBuffer);
+    }
+
+    HANDLE hRealFile = NULL;
+    NTSTATUS nStatus = FiltCreateFile(ulFilterFlag, ulFilterFlag == 1, &hRealFile, ulDesiredAccess, FullPath,
+                                      (pIrpSp->Flags & SL_CASE_SENSITIVE) != 0,
+                                      (pIrpSp->Flags & SL_FORCE_ACCESS_CHECK) != 0, &Irp->IoStatus,
+                                      &Irp->Overlay.AllocationSize, ulFileAttributes, ulShareAccess, ulDisposition,
+                                      ulCreateOptions, NULL, 0);
+    TRVN_LOG("TervaneCreate", __LINE__,
+             "CreateFile\t[%wZ] /w Access[%x] FileAttrib[%x] Share[%x] Option[%x] Res[%x] Status[%x] Info[%x]\r\n",
+             FullPath, ulDesiredAccess, ulFileAttributes, (ULONG)pIrpSp->Parameters.Create.ShareAccess,
+             ulCreateOptions, nStatus, Irp->IoStatus.Status, (ULONG)Irp->IoStatus.Information);
+
+    if (!NT_SUCCESS(nStatus)) {
+        if (nStatus == STATUS_OBJECT_PATH_NOT_FOUND || nStatus == STATUS_OBJECT_NAME_NOT_FOUND) {
+            NTSTATUS nExistStatus = STATUS_SUCCESS;
+            if (FiltCheckFileExists(FullPath, FILTER_MASK_ALL, &nExistStatus) == 0 &&
+                (nExistStatus == STATUS_OBJECT_PATH_NOT_FOUND || nExistStatus == STATUS_OBJECT_NAME_NOT_FOUND)) {
+                nStatus = nExistStatus;
+            }
+        }
+        Irp->IoStatus.Status = nStatus;
+        return nStatus;
+    }
+
+    FileHandleEntry entry;
+    RtlZeroMemory(&entry, sizeof(entry));
+    entry.m_ulCreateOptions = ulCreateOptions;
+    entry.m_ulDesiredAccess = ulDesiredAccess;
+    entry.m_ulShareAccess = ulShareAccess;
+    entry.m_ulFilterEntryFlag = ulFilterFlag;
+    entry.m_hRealFileHandle = hRealFile;
+    entry.m_pFileObject = pIrpSp->FileObject;
+    entry.m_ustrFullPath = *FullPath;
+    entry.m_bDeleteOnClose = bDeleteOnClose;
+    AddFileHandleEntry(&entry);
+
+    // Without an entry no later request of this open would reach the real
+    // file, and nothing would ever close its handle: the open fails instead.
+    if (FindFileHandleEntry(pIrpSp->FileObject) == NULL) {
+        ZwClose(hRealFile);
+        nStatus = STATUS_INSUFFICIENT_RESOURCES;
+        Irp->IoStatus.Status = nStatus;
+        Irp->IoStatus.Information = 0;
+        return nStatus;
+    }
+    PrepareCallerFileObject(pIrpSp->FileObject, hRealFile, ulDesiredAccess, ulShareAccess);
+    return nStatus;
+}
+
+NTSTATUS TervaneCreate(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
+    PTervaneDeviceExtension pExtension = (PTervaneDeviceExtension)DeviceObject->DeviceExtension;
+    PIO_STACK_LOCATION pIrpSp = IoGetCurrentIrpStackLocation(Irp);
+    PFILE_OBJECT pFileObject = pIrpSp->FileObject;
+
+    // The driver's own opens, for every process.
+    if (pFileObject != NULL && HasBypassSuffix(&pFileObject->FileName)) {
+        pFileObject->FileName.Length -= BYPASS_SUFFIX_BYTES;
+        return PassCreateDown(DeviceObject, Irp, TervaneCreateCompletion);
+    }
+    if (pFileObject == NULL || pFileObject->FileName.Length == 0 ||
+        !IsMonitoredProcess((ULONG)(ULONG_PTR)PsGetCurrentProcessId(), &g_ustrCurrentProcessName)) {
+        return PassCreateDown(DeviceObject, Irp, TervaneCreateCompletion);
+    }
+    if (pIrpSp->Flags & SL_OPEN_PAGING_FILE) {
+        return PassCreateDown(DeviceObject, Irp, TervaneCreateCheckCompletion);
+    }
+
+    UNICODE_STRING ustrFullPath;
+    ustrFullPath.Length = 0;
+    ustrFullPath.MaximumLength = PATH_BUFFER_SIZE;
+    ustrFullPath.Buffer = (PWSTR)ExAllocatePoolWithTag(NonPagedPool, PATH_BUFFER_SIZE, TRVN_TAG_GENERAL);
+    TRVN_ASSERT(ustrFullPath.Buffer, DISPATCH_SOURCE, __LINE__);
+    if (ustrFullPath.Buffer == NULL) {
+        // No redirected open can be made without its path.
+        Irp->IoStatus.Status = STATUS_INSUFFICIENT_RESOURCES;
+        Irp->IoStatus.Information = 0;
+        IoCompleteRequest(Irp, IO_NO_INCREMENT);
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    GetFullPathName(FALSE, pFileObject, pExtension, &ustrFullPath, TRUE);
+
+    NTSTATUS nStatus;
+    if (!IsDrivePath(&ustrFullPath)) {
+        // A name that cannot be resolved to a drive path is refused rather
+        // than served from the real volume behind the filter directories.
+        TRVN_LOG("TervaneCreate", __LINE__, "CreateFile\t[%wZ] cannot resolve [%wZ]\r\n", &ustrFullPath,
+                 &pFileObject->FileName);
+        ExFreePoolWithTag(ustrFullPath.Buffer, TRVN_TAG_GENERAL);
+        nStatus = STATUS_OBJECT_NAME_INVALID;
+        Irp->IoStatus.Status = nStatus;
+        Irp->IoStatus.Information = 0;
+        IoCompleteRequest(Irp, IO_NO_INCREMENT);
+        return nStatus;
+    }
+
+    const ULONG ulExistenceMask = FiltCheckFileExists(&ustrFullPath, FILTER_MASK_ALL, NULL);
+    const BOOLEAN bTargetDirectory = (pIrpSp->Flags & SL_OPEN_TARGET_DIRECTORY) != 0;
+    if (bTargetDirectory) {
+        PFilterDirectoryEntry pPack = GetFilterDirectory(1);
+        if (pPack != NULL && RtlPrefixUnicodeString(&pPack->m_ustrRoot, &ustrFullPath, TRUE)) {
+            ExFreePoolWithTag(ustrFullPath.Buffer, TRVN_TAG_GENERAL);
+            return PassCreateDown(DeviceObject, Irp, TervaneCreateCheckCompletion);
+        }
+        if (!CutToFinalComponent(pIrpSp)) {
+            ExFreePoolWithTag(ustrFullPath.Buffer, TRVN_TAG_GENERAL);
+            nStatus = STATUS_OBJECT_NAME_INVALID;
+            Irp->IoStatus.Status = nStatus;
+            Irp->IoStatus.Information = 0;
+            IoCompleteRequest(Irp, IO_NO_INCREMENT);
+            return nStatus;
+        }
+        ReplaceByParent(&ustrFullPath);
+    }
+
+    if (IsExcludedPath(&ustrFullPath)) {
+        ExFreePoolWithTag(ustrFullPath.Buffer, TRVN_TAG_GENERAL);
+        return PassCreateDown(DeviceObject, Irp, TervaneCreateCompletion);
+    }
+
+    nStatus = OpenRedirected(Irp, pIrpSp, &ustrFullPath, ulExistenceMask);
+    ExFreePoolWithTag(ustrFullPath.Buffer, TRVN_TAG_GENERAL);
+
+    if (bTargetDirectory) {
+        Irp->IoStatus.Information = ulExistenceMask != 0 ? FILE_EXISTS : FILE_DOES_NOT_EXIST;
+    }
+    IoCompleteRequest(Irp, IO_NO_INCREMENT);
+    return nStatus;
+}

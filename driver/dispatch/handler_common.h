@@ -1,0 +1,53 @@
+// Shared pieces of the handlers of redirected opens.
+#pragma once
+
+#include "platform/platform.h"
+
+#include "dispatch/file_handle_table.h"
+
+// Waits for the entry's turn: requests on one redirected open run one at a
+// time. Every handler that works on the real file waits here first.
+inline VOID WaitForEntry(PFileHandleEntry Entry) {
+    KeWaitForSingleObject(&Entry->m_kEvent, Executive, KernelMode, TRUE, NULL);
+}
+
+// Gives the open to the next request.
+inline VOID ReleaseEntry(PFileHandleEntry Entry) {
+    KeSetEvent(&Entry->m_kEvent, 0, FALSE);
+}
+
+// Releases the entry and completes Irp with Status; returns Status.
+inline NTSTATUS ReleaseAndComplete(PFileHandleEntry Entry, PIRP Irp, NTSTATUS Status) {
+    ReleaseEntry(Entry);
+    IoCompleteRequest(Irp, IO_NO_INCREMENT);
+    return Status;
+}
+
+
+// Copies the open's file up into filter directory 0 and closes the handle it
+// replaced; logs the copy under Function's name. A failed copy is reported
+// and leaves the entry unchanged.
+VOID CopyUpBeforeChange(PDEVICE_OBJECT DeviceObject, PFileHandleEntry pFileHandleEntry, const char* Function);
+
+// An own request packet for the real FILE_OBJECT of an open, sent below the
+// filter and waited for on the calling thread. The event and the status
+// block live in the packet's owner, on the caller's stack.
+typedef struct OwnRequest {
+    KEVENT m_kEvent;
+    IO_STATUS_BLOCK m_IoStatus;
+    PIRP m_pIrp;
+} OwnRequest;
+
+// Allocates the packet (room for the deeper of the filter device's stack and
+// the stack the route flag sends it to) and fills everything but the next
+// stack location's major function and parameters. FALSE when no packet could
+// be had.
+BOOLEAN PrepareOwnRequest(OwnRequest* Request, PDEVICE_OBJECT FilterDevice, ULONG RouteFlag,
+                          PFILE_OBJECT RealFileObject);
+
+// Sends the prepared packet with CallLowerDevice, waits for its completion
+// and returns what the call returned; the packet's own result is then in
+// m_IoStatus. A call that pends is reported as the assertion "FALSE" when
+// bPendingIsUnexpected (lock requests are sent so that they never wait).
+NTSTATUS SendOwnRequest(OwnRequest* Request, PDEVICE_OBJECT FilterDevice, ULONG RouteFlag,
+                        BOOLEAN bPendingIsUnexpected);

@@ -1,0 +1,126 @@
+// IRP_MJ_READ and IRP_MJ_WRITE on a redirected open: the transfer is made on
+// the real file, the caller's position follows the real file's, and the
+// first write copies a file from a lower filter directory up into filter
+// directory 0.
+#include "dispatch/dispatch.h"
+#include "dispatch/handler_common.h"
+
+#include "core/log.h"
+#include "core/tervane.h"
+#include "filemgr/file_manager.h"
+
+// The request's data buffer: its MDL's system address, else the system
+// buffer, else the user buffer.
+static PVOID RequestDataBuffer(PIRP Irp) {
+    if (Irp->MdlAddress != NULL) {
+        PMDL pMdl = Irp->MdlAddress;
+        if (pMdl->MdlFlags & (MDL_MAPPED_TO_SYSTEM_VA | MDL_SOURCE_IS_NONPAGED_POOL)) {
+            return pMdl->MappedSystemVa;
+        }
+        return MmMapLockedPagesSpecifyCache(pMdl, KernelMode, MmCached, NULL, FALSE, NormalPagePriority);
+    }
+    if (Irp->AssociatedIrp.SystemBuffer != NULL) {
+        return Irp->AssociatedIrp.SystemBuffer;
+    }
+    return Irp->UserBuffer;
+}
+
+// Copies the real file's position into the caller's FILE_OBJECT.
+static VOID FollowRealPosition(PFileHandleEntry pFileHandleEntry, ULONG Line) {
+    PFILE_OBJECT pRealFileObject = NULL;
+    NTSTATUS nStatusObject = ObReferenceObjectByHandle(pFileHandleEntry->m_hRealFileHandle, 0, *IoFileObjectType,
+                                                       KernelMode, (PVOID*)&pRealFileObject, NULL);
+    TRVN_ASSERT(NT_SUCCESS( nStatusObject ), DISPATCH_SOURCE, Line);
+    if (NT_SUCCESS(nStatusObject)) {
+        pFileHandleEntry->m_pFileObject->CurrentByteOffset = pRealFileObject->CurrentByteOffset;
+        ObDereferenceObject(pRealFileObject);
+    }
+}
+
+// Moves the open's file into filter directory 0 before it is changed. A
+// failed copy leaves the entry as it was; the change then goes to the file
+// the entry holds.
+VOID CopyUpBeforeChange(PDEVICE_OBJECT DeviceObject, PFileHandleEntry pFileHandleEntry, const char* Function) {
+    HANDLE hOldRealFile = NULL;
+    NTSTATUS nStatus = CopyUpOpenFile(pFileHandleEntry, 1, &hOldRealFile, TRUE, DeviceObject);
+    TRVN_ASSERT(NT_SUCCESS( nStatus ), DISPATCH_SOURCE, __LINE__);
+    if (hOldRealFile != NULL) {
+        ZwClose(hOldRealFile);
+    }
+    if (NT_SUCCESS(nStatus)) {
+        TRVN_LOG(Function, __LINE__, "Copy to pack location succeeded!! [%wZ]\r\n", &pFileHandleEntry->m_ustrFullPath);
+    }
+}
+
+// The transfer of a read (bRead) or a write, shared by both handlers.
+static NTSTATUS TransferData(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandleEntry pFileHandleEntry, BOOLEAN bRead,
+                             PVOID pBuffer) {
+    PIO_STACK_LOCATION pIrpSp = IoGetCurrentIrpStackLocation(Irp);
+    // Read and Write parameters share one layout.
+    ULONG ulLength = pIrpSp->Parameters.Read.Length;
+    ULONG ulKey = pIrpSp->Parameters.Read.Key;
+    LARGE_INTEGER liByteOffset = pIrpSp->Parameters.Read.ByteOffset;
+    NTSTATUS nStatus;
+
+    if ((Irp->Flags & (IRP_NOCACHE | IRP_PAGING_IO)) == (IRP_NOCACHE | IRP_PAGING_IO)) {
+        PFILE_OBJECT pRealFileObject = NULL;
+        NTSTATUS nStatusObject = ObReferenceObjectByHandle(pFileHandleEntry->m_hRealFileHandle, 0, *IoFileObjectType,
+                                                           KernelMode, (PVOID*)&pRealFileObject, NULL);
+        TRVN_ASSERT(NT_SUCCESS( nStatusObject ), DISPATCH_SOURCE, __LINE__);
+        if (!NT_SUCCESS(nStatusObject)) {
+            Irp->IoStatus.Information = 0;
+            return nStatusObject;
+        }
+        nStatus = ReadWriteFileWithIrp(Irp, bRead, pFileHandleEntry->m_ulFilterEntryFlag, pRealFileObject, DeviceObject,
+                                       pBuffer, liByteOffset, ulLength, ulKey, Irp->Flags, &Irp->IoStatus);
+        ObDereferenceObject(pRealFileObject);
+        TRVN_ASSERT(NT_SUCCESS( nStatus ), DISPATCH_SOURCE, __LINE__);
+        return nStatus;
+    }
+    if (bRead) {
+        return ZwReadFile(pFileHandleEntry->m_hRealFileHandle, NULL, NULL, NULL, &Irp->IoStatus, pBuffer, ulLength,
+                          &liByteOffset, &ulKey);
+    }
+    return ZwWriteFile(pFileHandleEntry->m_hRealFileHandle, NULL, NULL, NULL, &Irp->IoStatus, pBuffer, ulLength,
+                       &liByteOffset, &ulKey);
+}
+
+static NTSTATUS ReadOrWrite(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandleEntry pFileHandleEntry, BOOLEAN bRead) {
+    const char* pszFunction = bRead ? "TervaneRead" : "TervaneWrite";
+    WaitForEntry(pFileHandleEntry);
+    PVOID pBuffer = RequestDataBuffer(Irp);
+    if (!bRead && pFileHandleEntry->m_ulFilterEntryFlag != 1) {
+        CopyUpBeforeChange(DeviceObject, pFileHandleEntry, pszFunction);
+    }
+
+    NTSTATUS nStatus;
+    if (pBuffer == NULL && IoGetCurrentIrpStackLocation(Irp)->Parameters.Read.Length != 0) {
+        // An MDL that could not be mapped: nothing can be moved.
+        nStatus = STATUS_INSUFFICIENT_RESOURCES;
+        Irp->IoStatus.Information = 0;
+    } else {
+        nStatus = TransferData(DeviceObject, Irp, pFileHandleEntry, bRead, pBuffer);
+    }
+    FollowRealPosition(pFileHandleEntry, __LINE__);
+
+    PIO_STACK_LOCATION pIrpSp = IoGetCurrentIrpStackLocation(Irp);
+    const char* pszFormat = bRead
+        ? "ReadFile\t[%wZ] /w Length[%d] OffsetHigh[%d] OffsetLow[%d] Res[%d] Status[%x] Info[%x]\r\n"
+        : "WriteFile\t[%wZ] /w Length[%d] OffsetHigh[%d] OffsetLow[%d] Res[%d] Status[%x] Info[%x]\r\n";
+    TRVN_LOG(pszFunction, __LINE__, pszFormat, &pFileHandleEntry->m_ustrFullPath, pIrpSp->Parameters.Read.Length,
+             pIrpSp->Parameters.Read.ByteOffset.HighPart, pIrpSp->Parameters.Read.ByteOffset.LowPart, nStatus,
+             Irp->IoStatus.Status, (ULONG)Irp->IoStatus.Information);
+
+    if (!NT_SUCCESS(nStatus)) {
+        Irp->IoStatus.Status = nStatus;
+    }
+    return ReleaseAndComplete(pFileHandleEntry, Irp, nStatus);
+}
+
+NTSTATUS TervaneRead(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandleEntry pFileHandleEntry) {
+    return ReadOrWrite(DeviceObject, Irp, pFileHandleEntry, TRUE);
+}
+
+NTSTATUS TervaneWrite(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandleEntry pFileHandleEntry) {
+    return ReadOrWrite(DeviceObject, Irp, pFileHandleEntry, FALSE);
+}

@@ -1,0 +1,210 @@
+#include "test_dispatch_support.h"
+
+#include <algorithm>
+#include <cstring>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+
+#include "control/control.h"
+#include "control/filter_directory.h"
+#include "core/tervane.h"
+#include "indexfile/indexfile.h"
+
+namespace fs = std::filesystem;
+
+namespace tervane::test {
+
+namespace {
+// Path slots and the process record of the control protocol.
+std::vector<uint8_t> PathSlots(const std::vector<std::u16string>& paths) {
+    std::vector<uint8_t> buffer(paths.size() * PATH_SLOT_SIZE, 0);
+    for (size_t i = 0; i < paths.size(); i++) {
+        memcpy(buffer.data() + i * PATH_SLOT_SIZE, paths[i].data(), paths[i].size() * 2);
+    }
+    return buffer;
+}
+
+std::vector<uint8_t> Process(ULONG pid, const std::u16string& name) {
+    std::vector<uint8_t> record(sizeof(TervaneProcessRecord), 0);
+    memcpy(record.data(), &pid, 4);
+    memcpy(record.data() + 4, name.data(), name.size() * 2);
+    return record;
+}
+}  // namespace
+
+void DispatchTest::SetUp() {
+    char tmpl[] = "/tmp/tervane-dispatch-XXXXXX";
+    host = mkdtemp(tmpl);
+    for (const char* dir : {kPack, kMid, kBase, "ctl"}) fs::create_directories(host / dir);
+    machine = std::make_unique<emu::Machine>();
+    ASSERT_EQ(machine->MountVolume('C', host.string()), STATUS_SUCCESS);
+    ASSERT_EQ(machine->LoadDriver(u"Tervane", ::DriverEntry), STATUS_SUCCESS);
+    app = machine->CreateProcess(1234, "app.exe");
+    other = machine->CreateProcess(77, "other.exe");
+}
+
+void DispatchTest::TearDown() {
+    if (controlHandle_ != nullptr) {
+        machine->Run(controller_, [&] { EXPECT_EQ(NtClose(controlHandle_), STATUS_SUCCESS); });
+    }
+    if (HasFailure() && getenv("TERVANE_TEST_LOG") != nullptr) {
+        for (const auto& line : machine->LogLines()) std::cerr << line << "\n";
+    }
+    machine->Run(machine->SystemProcess(), [] { ReleaseDriverState(); });
+    emu::VerifierReport report = machine->Shutdown();
+    EXPECT_TRUE(report.Clean()) << report.ToString();
+    machine.reset();
+    fs::remove_all(host);
+}
+
+void DispatchTest::HostFile(const std::string& rel, const std::string& content) {
+    fs::create_directories((host / rel).parent_path());
+    std::ofstream(host / rel, std::ios::binary | std::ios::trunc) << content;
+}
+
+void DispatchTest::HostDir(const std::string& rel) { fs::create_directories(host / rel); }
+
+bool DispatchTest::HostExists(const std::string& rel) const { return fs::exists(host / rel); }
+
+std::string DispatchTest::HostContent(const std::string& rel) const {
+    std::ifstream in(host / rel, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+NTSTATUS DispatchTest::Control(ULONG code, const std::vector<uint8_t>& input) {
+    NTSTATUS result = STATUS_UNSUCCESSFUL;
+    machine->Run(controller_, [&] {
+        std::vector<uint8_t> in = input;
+        std::vector<uint8_t> out(64, 0);
+        IO_STATUS_BLOCK iosb = {};
+        NtDeviceIoControlFile(controlHandle_, nullptr, nullptr, nullptr, &iosb, code, in.data(), ULONG(in.size()),
+                              out.data(), ULONG(out.size()));
+        result = iosb.Status;
+    });
+    return result;
+}
+
+void DispatchTest::Configure() {
+    indexfile::IndexFiles files;
+    std::string error;
+    ASSERT_TRUE(indexfile::BuildIndex(host / kBase, &files, &error)) << error;
+    ASSERT_TRUE(indexfile::WriteIndexFiles(files, host / "ctl" / "base.node", host / "ctl" / "base.name", &error))
+        << error;
+
+    controller_ = machine->CreateProcess(900, "controller.exe");
+    machine->Run(controller_, [&] {
+        UNICODE_STRING name;
+        RtlInitUnicodeString(&name, L"\\??\\Tervane");
+        OBJECT_ATTRIBUTES oa;
+        InitializeObjectAttributes(&oa, &name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
+        IO_STATUS_BLOCK iosb;
+        ASSERT_EQ(NtCreateFile(&controlHandle_, GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE, &oa, &iosb, nullptr, 0,
+                               0, FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0),
+                  STATUS_SUCCESS);
+    });
+    ASSERT_EQ(Control(IOCTL_SET_FILTER_LIST,
+                      PathSlots({u"C:\\layers\\pack", u"C:\\layers\\mid", u"C:\\layers\\base"})),
+              STATUS_SUCCESS);
+    ASSERT_EQ(Control(IOCTL_LOAD_FILTER_INDEX, PathSlots({u"C:\\ctl\\base.node", u"C:\\ctl\\base.name"})),
+              STATUS_SUCCESS);
+    ASSERT_EQ(Control(IOCTL_ADD_PROCESS, Process(1234, u"app.exe")), STATUS_SUCCESS);
+    ASSERT_EQ(Control(IOCTL_START_FILTERING, {}), STATUS_SUCCESS);
+}
+
+OpenResult DispatchTest::Open(emu::Process* process, const std::u16string& path, ACCESS_MASK access,
+                              ULONG disposition, ULONG options, ULONG share, HANDLE related) {
+    OpenResult result;
+    std::u16string name = related != nullptr ? path : u"\\??\\" + path;
+    machine->Run(process, [&] {
+        UNICODE_STRING us = emu::MakeUnicodeString(name);
+        OBJECT_ATTRIBUTES oa;
+        InitializeObjectAttributes(&oa, &us, OBJ_CASE_INSENSITIVE, related, nullptr);
+        IO_STATUS_BLOCK iosb = {};
+        result.status = NtCreateFile(&result.handle, access, &oa, &iosb, nullptr, FILE_ATTRIBUTE_NORMAL, share,
+                                     disposition, options, nullptr, 0);
+        result.information = iosb.Information;
+    });
+    return result;
+}
+
+void DispatchTest::Close(emu::Process* process, HANDLE handle) {
+    machine->Run(process, [&] { EXPECT_EQ(NtClose(handle), STATUS_SUCCESS); });
+}
+
+NTSTATUS DispatchTest::Read(emu::Process* process, HANDLE handle, std::string* data, ULONG length, LONGLONG offset) {
+    NTSTATUS status = STATUS_UNSUCCESSFUL;
+    machine->Run(process, [&] {
+        std::string buffer(length, '\0');
+        IO_STATUS_BLOCK iosb = {};
+        LARGE_INTEGER at;
+        at.QuadPart = offset;
+        status = NtReadFile(handle, nullptr, nullptr, nullptr, &iosb, buffer.data(), length,
+                            offset < 0 ? nullptr : &at, nullptr);
+        buffer.resize(NT_SUCCESS(status) ? iosb.Information : 0);
+        *data = buffer;
+    });
+    return status;
+}
+
+NTSTATUS DispatchTest::Write(emu::Process* process, HANDLE handle, const std::string& data, LONGLONG offset) {
+    NTSTATUS status = STATUS_UNSUCCESSFUL;
+    machine->Run(process, [&] {
+        std::string buffer = data;
+        IO_STATUS_BLOCK iosb = {};
+        LARGE_INTEGER at;
+        at.QuadPart = offset;
+        if (offset == kEndOfFile) {
+            at.HighPart = -1;
+            at.LowPart = FILE_WRITE_TO_END_OF_FILE;
+        }
+        status = NtWriteFile(handle, nullptr, nullptr, nullptr, &iosb, buffer.data(), ULONG(buffer.size()),
+                             offset == -1 ? nullptr : &at, nullptr);
+    });
+    return status;
+}
+
+std::string DispatchTest::Cat(emu::Process* process, const std::u16string& path) {
+    OpenResult open = Open(process, path);
+    if (!NT_SUCCESS(open.status)) return "<" + emu::StatusName(open.status) + ">";
+    std::string all, chunk;
+    while (NT_SUCCESS(Read(process, open.handle, &chunk, 4096)) && !chunk.empty()) all += chunk;
+    Close(process, open.handle);
+    return all;
+}
+
+std::vector<std::string> DispatchTest::List(emu::Process* process, const std::u16string& dir) {
+    std::vector<std::string> names;
+    OpenResult open = Open(process, dir, FILE_LIST_DIRECTORY | SYNCHRONIZE, FILE_OPEN,
+                           FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT);
+    if (!NT_SUCCESS(open.status)) return {"<" + emu::StatusName(open.status) + ">"};
+    machine->Run(process, [&] {
+        std::vector<uint8_t> buffer(4096);
+        for (BOOLEAN restart = TRUE;; restart = FALSE) {
+            IO_STATUS_BLOCK iosb = {};
+            NTSTATUS status = NtQueryDirectoryFile(open.handle, nullptr, nullptr, nullptr, &iosb, buffer.data(),
+                                                   ULONG(buffer.size()), FileNamesInformation, FALSE, nullptr, restart);
+            if (!NT_SUCCESS(status)) break;
+            for (size_t offset = 0;;) {
+                auto* info = reinterpret_cast<PFILE_NAMES_INFORMATION>(buffer.data() + offset);
+                std::u16string name(reinterpret_cast<const char16_t*>(info->FileName), info->FileNameLength / 2);
+                names.push_back(emu::Utf16ToUtf8(name));
+                if (info->NextEntryOffset == 0) break;
+                offset += info->NextEntryOffset;
+            }
+        }
+    });
+    Close(process, open.handle);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+size_t DispatchTest::LogCount(const std::string& text) const {
+    size_t n = 0;
+    for (const auto& line : machine->LogLines()) {
+        for (size_t pos = line.find(text); pos != std::string::npos; pos = line.find(text, pos + 1)) n++;
+    }
+    return n;
+}
+
+}  // namespace tervane::test
