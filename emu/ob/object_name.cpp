@@ -95,10 +95,11 @@ NTSTATUS ObpInsertObject(PVOID object, POBJECT_ATTRIBUTES attributes, KPROCESSOR
             // Open the object already there, if it is of the same type.
             PVOID existing;
             std::u16string rest;
+            POBJECT_TYPE type = ObGetObjectType(object);
             NTSTATUS lookup = ObpLookup(nullptr, name, true, true, &existing, &rest);
             ObfDereferenceObject(object);
             if (!NT_SUCCESS(lookup)) return lookup;
-            if (!rest.empty() || ObGetObjectType(existing) != ObGetObjectType(object)) {
+            if (!rest.empty() || ObGetObjectType(existing) != type) {
                 ObfDereferenceObject(existing);
                 return STATUS_OBJECT_TYPE_MISMATCH;
             }
