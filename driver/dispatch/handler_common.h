@@ -26,8 +26,8 @@ inline NTSTATUS ReleaseAndComplete(PFileHandleEntry Entry, PIRP Irp, NTSTATUS St
 
 // Copies the open's file up into filter directory 0 and closes the handle it
 // replaced; logs the copy under Function's name. A failed copy is reported
-// and leaves the entry unchanged.
-VOID CopyUpBeforeChange(PDEVICE_OBJECT DeviceObject, PFileHandleEntry pFileHandleEntry, const char* Function);
+// and leaves the entry unchanged. Returns the copy-up's status.
+NTSTATUS CopyUpBeforeChange(PDEVICE_OBJECT DeviceObject, PFileHandleEntry pFileHandleEntry, const char* Function);
 
 // An own request packet for the real FILE_OBJECT of an open, sent below the
 // filter and waited for on the calling thread. The event and the status

@@ -38,9 +38,9 @@ static VOID FollowRealPosition(PFileHandleEntry pFileHandleEntry, ULONG Line) {
 }
 
 // Moves the open's file into filter directory 0 before it is changed. A
-// failed copy leaves the entry as it was; the change then goes to the file
-// the entry holds.
-VOID CopyUpBeforeChange(PDEVICE_OBJECT DeviceObject, PFileHandleEntry pFileHandleEntry, const char* Function) {
+// failed copy leaves the entry as it was; the caller decides whether the
+// change then goes to the file the entry holds.
+NTSTATUS CopyUpBeforeChange(PDEVICE_OBJECT DeviceObject, PFileHandleEntry pFileHandleEntry, const char* Function) {
     HANDLE hOldRealFile = NULL;
     NTSTATUS nStatus = CopyUpOpenFile(pFileHandleEntry, 1, &hOldRealFile, TRUE, DeviceObject);
     TRVN_ASSERT(NT_SUCCESS( nStatus ), DISPATCH_SOURCE, __LINE__);
@@ -50,6 +50,7 @@ VOID CopyUpBeforeChange(PDEVICE_OBJECT DeviceObject, PFileHandleEntry pFileHandl
     if (NT_SUCCESS(nStatus)) {
         TRVN_LOG(Function, __LINE__, "Copy to pack location succeeded!! [%wZ]\r\n", &pFileHandleEntry->m_ustrFullPath);
     }
+    return nStatus;
 }
 
 // The transfer of a read (bRead) or a write, shared by both handlers.

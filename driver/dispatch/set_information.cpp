@@ -347,16 +347,19 @@ NTSTATUS TervaneSetInformation(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandl
     const ULONG ulLength = pIrpSp->Parameters.SetFile.Length;
     WaitForEntry(pFileHandleEntry);
 
+    // A change that cannot be made on a copy in filter directory 0 is not
+    // made at all: a lower filter directory is never renamed, marked or
+    // changed in its place.
+    NTSTATUS nStatus = STATUS_SUCCESS;
     if (pFileHandleEntry->m_ulFilterEntryFlag != 1 &&
         NeedsCopyUp(eClass, Irp->AssociatedIrp.SystemBuffer, ulLength)) {
-        CopyUpBeforeChange(DeviceObject, pFileHandleEntry, "TervaneSetInformation");
+        nStatus = CopyUpBeforeChange(DeviceObject, pFileHandleEntry, "TervaneSetInformation");
     }
 
     // The handlers work on a copy of the caller's record. An empty record
     // needs no copy; every class refuses it below.
     PVOID pSetInfoBuffer = NULL;
-    NTSTATUS nStatus = STATUS_SUCCESS;
-    if (ulLength != 0 && Irp->AssociatedIrp.SystemBuffer != NULL) {
+    if (NT_SUCCESS(nStatus) && ulLength != 0 && Irp->AssociatedIrp.SystemBuffer != NULL) {
         pSetInfoBuffer = ExAllocatePoolWithTag(NonPagedPool, ulLength, TRVN_TAG_GENERAL);
         TRVN_ASSERT(pSetInfoBuffer, DISPATCH_SOURCE, __LINE__);
         if (pSetInfoBuffer == NULL) {
