@@ -1,0 +1,41 @@
+// Turning the records the services return into output lines. Every decoder
+// reads only the VALID bytes the service reported and says so when a record
+// was cut off, so a short or malformed answer never leads outside the buffer.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tervane::tool {
+
+// NtQueryInformationFile: "Name=value" lines.
+std::vector<std::string> DescribeFileInformation(uint32_t infoClass, const uint8_t* buf, size_t valid);
+// NtQueryVolumeInformationFile: "Name=value" lines.
+std::vector<std::string> DescribeVolumeInformation(uint32_t infoClass, const uint8_t* buf, size_t valid);
+// NtQueryDirectoryFile: one line per entry, its name first.
+std::vector<std::string> DescribeDirectoryEntries(uint32_t infoClass, const uint8_t* buf, size_t valid);
+// The names of the entries (for conveniences that walk a listing).
+struct DirectoryEntry {
+    std::string name;
+    uint32_t attributes = 0;
+    int64_t size = 0;
+};
+std::vector<DirectoryEntry> ParseBothDirectoryEntries(const uint8_t* buf, size_t valid);
+// NtNotifyChangeDirectoryFile: "ACTION name" per record.
+std::vector<std::string> DescribeNotifyEntries(const uint8_t* buf, size_t valid);
+// A self-relative security descriptor.
+std::vector<std::string> DescribeSecurityDescriptor(const uint8_t* buf, size_t valid);
+
+// "S-1-5-32-544" from a SID at BUF; empty when it does not fit in AVAIL.
+std::string SidText(const uint8_t* buf, size_t avail);
+// Parses "S-1-5-32-544" into its binary form; empty on a malformed SID.
+std::vector<uint8_t> ParseSid(const std::string& text);
+
+// Lower-case hex, no separators.
+std::string HexBytes(const uint8_t* buf, size_t size);
+// Parses hex digits (blanks ignored); throws ScriptError when malformed.
+std::vector<uint8_t> ParseHexBytes(const std::string& text);
+
+}  // namespace tervane::tool

@@ -1,0 +1,70 @@
+// Runs scenario lines: dispatches commands, checks `expect` lines, prints
+// results, and turns the outcome of a run into an exit code.
+#pragma once
+
+#include <filesystem>
+#include <iosfwd>
+#include <optional>
+#include <string>
+
+#include "lexer.h"
+#include "result.h"
+#include "session.h"
+
+namespace tervane::tool {
+
+// Exit codes of `tervane run` (and of the shell when it ends).
+enum ExitCode : int {
+    kExitOk = 0,
+    kExitExpectationFailed = 1,
+    kExitScriptError = 2,
+    kExitVerifier = 3,  // the machine shut down with something outstanding
+};
+
+struct InterpreterOptions {
+    bool json = false;  // one JSON object a line instead of text
+    bool echo = false;  // print each command line ("> ...") before its result
+};
+
+class Interpreter {
+public:
+    // Results and failed expectations go to OUT. Relative host directories
+    // are taken from BASEDIR (the script's directory).
+    Interpreter(std::ostream& out, std::filesystem::path baseDir, InterpreterOptions options = {});
+
+    // Executes one line; LINENUMBER is used in messages. Throws ScriptError
+    // for a mistake in the line.
+    void Execute(const std::string& line, int lineNumber);
+
+    // Runs a whole script and ends the machine. Script errors go to ERR as
+    // "FILE:LINE: message" and stop the run. Returns an ExitCode.
+    int RunScript(std::istream& in, const std::string& fileName, std::ostream& err);
+
+    // Shuts the machine down and prints the verifier's report when something
+    // is outstanding. Returns kExitVerifier in that case, else kExitOk.
+    int Finish();
+
+    bool ExpectationFailed() const { return failures_ != 0; }
+    int FailureCount() const { return failures_; }
+    Session& session() { return session_; }
+
+private:
+    struct LastCommand {
+        int line = 0;
+        Result result;
+        std::string text;  // everything it printed, in text form
+    };
+
+    void RunCommand(const std::vector<Token>& tokens, const std::string& line, int lineNumber);
+    void RunExpect(std::vector<Token> tokens, int lineNumber);
+    void ReportCompleted(Result& result, int waitMs);
+    void Fail(int lineNumber, const std::string& message);
+
+    std::ostream& out_;
+    InterpreterOptions options_;
+    Session session_;
+    std::optional<LastCommand> last_;
+    int failures_ = 0;
+};
+
+}  // namespace tervane::tool
