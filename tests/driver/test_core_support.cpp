@@ -83,7 +83,11 @@ void DriverTest::SetUp() {
     g_seen.clear();
     TestVolume::failAttributeQuery = false;
     ASSERT_EQ(machine->LoadDriver(u"TestVolume", TestVolume::DriverEntry), STATUS_SUCCESS);
-    ASSERT_EQ(machine->LinkDrive('C', u"\\Device\\TestVolume"), STATUS_SUCCESS);
+    if (!volumeDir.empty()) {
+        ASSERT_EQ(machine->MountVolume('C', volumeDir), STATUS_SUCCESS);
+    } else {
+        ASSERT_EQ(machine->LinkDrive('C', u"\\Device\\TestVolume"), STATUS_SUCCESS);
+    }
 }
 
 NTSTATUS DriverTest::Load() {

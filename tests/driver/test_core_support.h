@@ -8,11 +8,14 @@
 
 #include <algorithm>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <mutex>
 #include <regex>
 #include <string>
 #include <vector>
+
+#include <unistd.h>
 
 // Standard headers come first: the driver's platform include renames a few
 // wide-character routines of the C library.
@@ -72,6 +75,9 @@ protected:
 
     emu::Machine* machine = nullptr;
     emu::MachineOptions options;
+    // When set, C: is a volume of the machine's file system over this host
+    // directory instead of the test volume.
+    std::string volumeDir;
     PDRIVER_OBJECT driver = nullptr;
     bool loaded = false;
 
