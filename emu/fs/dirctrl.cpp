@@ -29,7 +29,7 @@ struct EntryInfo {
     uint64_t id = 0;
 };
 
-ULONG BaseLength(FILE_INFORMATION_CLASS cls) {
+ULONG BaseLength(ULONG cls) {
     switch (cls) {
         case FileDirectoryInformation: return FIELD_OFFSET(FILE_DIRECTORY_INFORMATION, FileName);
         case FileFullDirectoryInformation: return FIELD_OFFSET(FILE_FULL_DIR_INFORMATION, FileName);
@@ -61,7 +61,7 @@ void FillShort(T* r, const EntryInfo& e) {
 }
 
 // Writes the fixed part of record E of class CLS into OUT (BASE bytes).
-void FillFixed(FILE_INFORMATION_CLASS cls, const EntryInfo& e, uint8_t* out, ULONG base) {
+void FillFixed(ULONG cls, const EntryInfo& e, uint8_t* out, ULONG base) {
     union {
         FILE_DIRECTORY_INFORMATION dir;
         FILE_FULL_DIR_INFORMATION full;
@@ -150,7 +150,7 @@ NTSTATUS QueryDirectory(Vcb* vcb, PIRP irp, ULONG_PTR* info) {
     Fcb* fcb = FcbOf(sp->FileObject);
     Ccb* ccb = CcbOf(sp->FileObject);
     if (!fcb || !ccb || !fcb->isDirectory) return STATUS_INVALID_PARAMETER;
-    FILE_INFORMATION_CLASS cls = sp->Parameters.QueryDirectory.FileInformationClass;
+    ULONG cls = ClassValue(sp->Parameters.QueryDirectory.FileInformationClass);
     ULONG base = BaseLength(cls);
     if (!base) return STATUS_INVALID_INFO_CLASS;
     ULONG length = sp->Parameters.QueryDirectory.Length;

@@ -83,7 +83,7 @@ bool Fits(ULONG length) {
     return length >= sizeof(T);
 }
 
-NTSTATUS QueryLocked(Vcb* vcb, Fcb* fcb, Ccb* ccb, PFILE_OBJECT fo, FILE_INFORMATION_CLASS cls, PVOID buf,
+NTSTATUS QueryLocked(Vcb* vcb, Fcb* fcb, Ccb* ccb, PFILE_OBJECT fo, ULONG cls, PVOID buf,
                      ULONG length, ULONG_PTR* info) {
     if (fcb->isVolume) {
         // A volume open answers only what does not need a file.
@@ -341,7 +341,8 @@ NTSTATUS FsdQueryInformation(PDEVICE_OBJECT device, PIRP irp) {
     NTSTATUS status;
     {
         std::lock_guard<std::mutex> lock(vcb->mutex);
-        status = QueryLocked(vcb, fcb, CcbOf(fo), fo, sp->Parameters.QueryFile.FileInformationClass, buf, length, &info);
+        status = QueryLocked(vcb, fcb, CcbOf(fo), fo, ClassValue(sp->Parameters.QueryFile.FileInformationClass), buf,
+                             length, &info);
     }
     return CompleteRequest(irp, status, NT_ERROR(status) ? 0 : info);
 }
@@ -355,7 +356,7 @@ NTSTATUS FsdSetInformation(PDEVICE_OBJECT device, PIRP irp) {
     if (!vcb || !fcb || !ccb) return CompleteRequest(irp, STATUS_INVALID_PARAMETER, 0);
     PVOID buf = irp->AssociatedIrp.SystemBuffer ? irp->AssociatedIrp.SystemBuffer : RequestBuffer(irp);
     ULONG length = sp->Parameters.SetFile.Length;
-    FILE_INFORMATION_CLASS cls = sp->Parameters.SetFile.FileInformationClass;
+    ULONG cls = ClassValue(sp->Parameters.SetFile.FileInformationClass);
     std::vector<PIRP> done;
     NTSTATUS status;
     {

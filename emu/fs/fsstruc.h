@@ -37,6 +37,17 @@ constexpr NTSTATUS kStatusInvalidLockRange = static_cast<NTSTATUS>(0xC00001A1L);
 struct Vcb;
 struct Fcb;
 
+// Information classes arrive in enum-typed fields that a caller may have
+// filled with any number: they are read as plain numbers, never as an
+// enum value outside its range.
+template <typename E>
+ULONG ClassValue(const E& field) {
+    static_assert(sizeof(E) == sizeof(ULONG));
+    ULONG v;
+    memcpy(&v, &field, sizeof v);
+    return v;
+}
+
 // One entry of a host directory as the volume shows it.
 struct DirEntry {
     std::string hostName;

@@ -312,7 +312,7 @@ static bool HostPathOf(const std::u16string& fullName, std::string* hostPath) {
 
 bool FindPathById(Vcb* vcb, uint64_t ino, std::u16string* fullName, std::string* hostPath) {
     if (ino == vcb->rootIno) {
-        *fullName = u"\\";
+        fullName->assign(1, u'\\');
         hostPath->clear();
         return true;
     }

@@ -246,7 +246,7 @@ std::u16string MakeShortNameCandidate(std::u16string_view longName, int attempt)
     std::u16string base = ShortChars(trimmed.substr(0, dot));
     std::u16string ext = dot == std::u16string_view::npos ? std::u16string() : ShortChars(trimmed.substr(dot + 1));
     if (ext.size() > 3) ext.resize(3);
-    if (base.empty()) base = u"_";
+    if (base.empty()) base.assign(1, u'_');
     std::u16string out;
     if (attempt <= 4) {
         out = base.substr(0, 6) + u"~" + static_cast<char16_t>(u'0' + attempt);

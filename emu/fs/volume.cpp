@@ -96,7 +96,8 @@ NTSTATUS FsdQueryVolumeInformation(PDEVICE_OBJECT device, PIRP irp) {
     ULONG_PTR info = 0;
     NTSTATUS status;
     struct statvfs sv {};
-    switch (sp->Parameters.QueryVolume.FsInformationClass) {
+    ULONG cls = ClassValue(sp->Parameters.QueryVolume.FsInformationClass);
+    switch (cls) {
         case FileFsVolumeInformation: {
             FILE_FS_VOLUME_INFORMATION r{};
             r.VolumeCreationTime.QuadPart = vcb->creationTime;
@@ -154,10 +155,8 @@ NTSTATUS FsdQueryVolumeInformation(PDEVICE_OBJECT device, PIRP irp) {
         default:
             // Classes past the end are the I/O manager's to refuse; the
             // rest are valid classes this volume does not answer.
-            status = sp->Parameters.QueryVolume.FsInformationClass >= FileFsMaximumInformation ||
-                             sp->Parameters.QueryVolume.FsInformationClass < FileFsVolumeInformation
-                         ? STATUS_INVALID_INFO_CLASS
-                         : STATUS_INVALID_PARAMETER;
+            status = cls >= FileFsMaximumInformation || cls < FileFsVolumeInformation ? STATUS_INVALID_INFO_CLASS
+                                                                                      : STATUS_INVALID_PARAMETER;
             break;
     }
     return CompleteRequest(irp, status, info);

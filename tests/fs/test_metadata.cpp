@@ -78,7 +78,9 @@ TEST_P(FsMetaStore, SavedMetadataIsSeenByANewStore) {
     EXPECT_EQ(back.attributes, FILE_ATTRIBUTE_READONLY);
     EXPECT_EQ(again.LoadSecurity(fd, st.st_ino), (std::vector<uint8_t>{1, 2, 3}));
     again.Forget(st.st_ino);
-    if (GetParam()) EXPECT_FALSE(again.Load(fd, st.st_ino, &back));
+    if (GetParam()) {
+        EXPECT_FALSE(again.Load(fd, st.st_ino, &back));
+    }
     close(fd);
 }
 

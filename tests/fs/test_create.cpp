@@ -1,0 +1,226 @@
+// Opens and creates on the emulated NTFS volume.
+#include "fs_fixture.h"
+
+using namespace fstest;
+
+TEST_F(FsTest, DispositionsOnExistingAndMissingFiles) {
+    struct Case {
+        ULONG disposition;
+        bool exists;
+        NTSTATUS status;
+        ULONG_PTR info;
+        const char* contentAfter;  // null: the file must not exist
+    } cases[] = {
+        {FILE_SUPERSEDE, true, STATUS_SUCCESS, FILE_SUPERSEDED, ""},
+        {FILE_SUPERSEDE, false, STATUS_SUCCESS, FILE_CREATED, ""},
+        {FILE_OPEN, true, STATUS_SUCCESS, FILE_OPENED, "data"},
+        {FILE_OPEN, false, STATUS_OBJECT_NAME_NOT_FOUND, 0, nullptr},
+        {FILE_CREATE, true, STATUS_OBJECT_NAME_COLLISION, 0, "data"},
+        {FILE_CREATE, false, STATUS_SUCCESS, FILE_CREATED, ""},
+        {FILE_OPEN_IF, true, STATUS_SUCCESS, FILE_OPENED, "data"},
+        {FILE_OPEN_IF, false, STATUS_SUCCESS, FILE_CREATED, ""},
+        {FILE_OVERWRITE, true, STATUS_SUCCESS, FILE_OVERWRITTEN, ""},
+        {FILE_OVERWRITE, false, STATUS_OBJECT_NAME_NOT_FOUND, 0, nullptr},
+        {FILE_OVERWRITE_IF, true, STATUS_SUCCESS, FILE_OVERWRITTEN, ""},
+        {FILE_OVERWRITE_IF, false, STATUS_SUCCESS, FILE_CREATED, ""},
+    };
+    int n = 0;
+    for (auto& c : cases) {
+        std::string name = "f" + std::to_string(n++);
+        if (c.exists) WriteHostFile(host / name, "data");
+        Run([&] {
+            OpenResult r = Open(U("\\" + name), GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE, 0, c.disposition);
+            EXPECT_EQ(r.status, c.status) << name;
+            if (NT_SUCCESS(r.status)) {
+                EXPECT_EQ(r.info, c.info) << name;
+                Close(r.handle);
+            }
+        });
+        if (c.contentAfter) {
+            EXPECT_EQ(ReadHostFile(host / name), c.contentAfter) << name;
+        } else {
+            EXPECT_FALSE(std::filesystem::exists(host / name)) << name;
+        }
+    }
+}
+
+TEST_F(FsTest, DirectoryAndNonDirectoryOptions) {
+    WriteHostFile(host / "file", "x");
+    std::filesystem::create_directory(host / "dir");
+    struct Case {
+        const char* path;
+        ULONG disposition, options;
+        NTSTATUS status;
+    } cases[] = {
+        {"\\dir", FILE_OPEN, FILE_DIRECTORY_FILE, STATUS_SUCCESS},
+        {"\\dir", FILE_OPEN, FILE_NON_DIRECTORY_FILE, STATUS_FILE_IS_A_DIRECTORY},
+        {"\\file", FILE_OPEN, FILE_DIRECTORY_FILE, STATUS_NOT_A_DIRECTORY},
+        {"\\file", FILE_OPEN, FILE_NON_DIRECTORY_FILE, STATUS_SUCCESS},
+        {"\\dir", FILE_OVERWRITE_IF, 0, STATUS_FILE_IS_A_DIRECTORY},
+        {"\\dir\\", FILE_OPEN, 0, STATUS_SUCCESS},
+        {"\\file\\", FILE_OPEN, 0, STATUS_OBJECT_NAME_INVALID},
+        {"\\newdir\\", FILE_CREATE, FILE_DIRECTORY_FILE, STATUS_SUCCESS},
+        {"\\newfile\\", FILE_CREATE, 0, STATUS_OBJECT_NAME_INVALID},
+        {"\\dir", FILE_OVERWRITE, FILE_DIRECTORY_FILE, STATUS_INVALID_PARAMETER},
+        {"\\x", FILE_CREATE, FILE_DIRECTORY_FILE | FILE_NON_DIRECTORY_FILE, STATUS_INVALID_PARAMETER},
+        {"\\missing\\x", FILE_OPEN, 0, STATUS_OBJECT_PATH_NOT_FOUND},
+        {"\\missing\\x", FILE_CREATE, 0, STATUS_OBJECT_PATH_NOT_FOUND},
+        {"\\file\\x", FILE_OPEN, 0, STATUS_OBJECT_PATH_NOT_FOUND},
+        {"\\dir\\missing", FILE_OPEN, 0, STATUS_OBJECT_NAME_NOT_FOUND},
+        {"\\a\\..\\file", FILE_OPEN, 0, STATUS_OBJECT_NAME_INVALID},
+        {"\\.\\file", FILE_OPEN, 0, STATUS_OBJECT_NAME_INVALID},
+        {"\\dir\\\\file", FILE_OPEN, 0, STATUS_OBJECT_NAME_INVALID},
+        {"\\bad*name", FILE_CREATE, 0, STATUS_OBJECT_NAME_INVALID},
+        {"\\bad|name", FILE_CREATE, 0, STATUS_OBJECT_NAME_INVALID},
+        {"\\file:stream", FILE_OPEN, 0, STATUS_OBJECT_NAME_INVALID},
+        {"\\FILE", FILE_OPEN, 0, STATUS_SUCCESS},
+        {"\\DiR", FILE_OPEN, FILE_DIRECTORY_FILE, STATUS_SUCCESS},
+    };
+    Run([&] {
+        for (auto& c : cases) {
+            OpenResult r = Open(U(c.path), GENERIC_READ | SYNCHRONIZE, 7, c.disposition,
+                                c.options | FILE_SYNCHRONOUS_IO_NONALERT);
+            EXPECT_EQ(r.status, c.status) << c.path;
+            if (NT_SUCCESS(r.status)) Close(r.handle);
+        }
+        std::u16string tooLong = u"\\" + std::u16string(256, u'n');
+        EXPECT_EQ(Open(tooLong, GENERIC_READ | SYNCHRONIZE, 7, FILE_CREATE).status, STATUS_OBJECT_NAME_INVALID);
+        std::u16string longest = u"\\" + std::u16string(255, u'n');
+        OpenResult ok = Open(longest, GENERIC_READ | SYNCHRONIZE, 7, FILE_CREATE);
+        EXPECT_EQ(ok.status, STATUS_SUCCESS);
+        if (NT_SUCCESS(ok.status)) Close(ok.handle);
+    });
+    EXPECT_TRUE(std::filesystem::is_directory(host / "newdir"));
+}
+
+TEST_F(FsTest, ShareAccessMatrix) {
+    WriteHostFile(host / "f", "x");
+    const ACCESS_MASK R = FILE_READ_DATA | SYNCHRONIZE, W = FILE_WRITE_DATA | SYNCHRONIZE, D = DELETE | SYNCHRONIZE;
+    const ULONG SR = FILE_SHARE_READ, SW = FILE_SHARE_WRITE, SD = FILE_SHARE_DELETE;
+    struct Case {
+        ACCESS_MASK a1;
+        ULONG s1;
+        ACCESS_MASK a2;
+        ULONG s2;
+        NTSTATUS status;
+    } cases[] = {
+        {R, SR, R, SR, STATUS_SUCCESS},
+        {R, 0, R, SR | SW | SD, STATUS_SHARING_VIOLATION},
+        {R, SR, W, SR | SW, STATUS_SHARING_VIOLATION},
+        {R, SR | SW, W, SR | SW, STATUS_SUCCESS},
+        {W, SR | SW, R, SR, STATUS_SHARING_VIOLATION},  // the second must share the first's write
+        {R, SR, D, SR, STATUS_SHARING_VIOLATION},
+        {R, SR | SD, D, SR, STATUS_SUCCESS},
+        {FILE_READ_ATTRIBUTES | SYNCHRONIZE, 0, R, SR | SW | SD, STATUS_SUCCESS},  // attribute opens do not count
+    };
+    Run([&] {
+        for (size_t i = 0; i < std::size(cases); ++i) {
+            auto& c = cases[i];
+            OpenResult first = Open(u"\\f", c.a1, c.s1);
+            ASSERT_EQ(first.status, STATUS_SUCCESS) << i;
+            OpenResult second = Open(u"\\f", c.a2, c.s2);
+            EXPECT_EQ(second.status, c.status) << i;
+            if (NT_SUCCESS(second.status)) Close(second.handle);
+            Close(first.handle);
+            // Closing released the share access.
+            OpenResult again = Open(u"\\f", c.a2, c.s2);
+            EXPECT_EQ(again.status, STATUS_SUCCESS) << i;
+            if (NT_SUCCESS(again.status)) Close(again.handle);
+        }
+    });
+}
+
+TEST_F(FsTest, ReadOnlyAttributeRefusesWriteAndDelete) {
+    Run([&] {
+        OpenResult r = Create(u"\\ro", FILE_SYNCHRONOUS_IO_NONALERT, GENERIC_WRITE | SYNCHRONIZE, FILE_ATTRIBUTE_READONLY);
+        ASSERT_EQ(r.status, STATUS_SUCCESS);
+        EXPECT_EQ(Write(r.handle, "ok", 0), STATUS_SUCCESS);  // the creating handle keeps its access
+        Close(r.handle);
+        EXPECT_EQ(Open(u"\\ro", GENERIC_WRITE | SYNCHRONIZE).status, STATUS_ACCESS_DENIED);
+        EXPECT_EQ(Open(u"\\ro", FILE_APPEND_DATA | SYNCHRONIZE).status, STATUS_ACCESS_DENIED);
+        EXPECT_EQ(Open(u"\\ro", GENERIC_READ | SYNCHRONIZE, 7, FILE_OVERWRITE_IF).status, STATUS_ACCESS_DENIED);
+        EXPECT_EQ(Open(u"\\ro", DELETE | SYNCHRONIZE, 7, FILE_OPEN, FILE_DELETE_ON_CLOSE).status, STATUS_CANNOT_DELETE);
+        OpenResult d = Open(u"\\ro", DELETE | SYNCHRONIZE);
+        ASSERT_EQ(d.status, STATUS_SUCCESS);
+        EXPECT_EQ(SetDelete(d.handle, true), STATUS_CANNOT_DELETE);
+        Close(d.handle);
+        OpenResult rd = Open(u"\\ro");
+        EXPECT_EQ(rd.status, STATUS_SUCCESS);
+        EXPECT_TRUE(Attributes(rd.handle) & FILE_ATTRIBUTE_READONLY);
+        Close(rd.handle);
+    });
+}
+
+TEST_F(FsTest, RelativeOpensOpenByIdAndTargetDirectory) {
+    std::filesystem::create_directories(host / "d" / "sub");
+    WriteHostFile(host / "d" / "sub" / "leaf.txt", "leaf");
+    Run([&] {
+        OpenResult dir = Open(u"\\d", GENERIC_READ | SYNCHRONIZE, 7, FILE_OPEN, FILE_DIRECTORY_FILE);
+        ASSERT_EQ(dir.status, STATUS_SUCCESS);
+        OpenResult rel = Open(u"sub\\leaf.txt", GENERIC_READ | SYNCHRONIZE, 7, FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, 0,
+                              dir.handle);
+        ASSERT_EQ(rel.status, STATUS_SUCCESS);
+        EXPECT_EQ(Open(u"\\sub", GENERIC_READ, 7, FILE_OPEN, 0, 0, dir.handle).status, STATUS_OBJECT_NAME_INVALID);
+
+        FILE_INTERNAL_INFORMATION id{};
+        ASSERT_EQ(Query(rel.handle, FileInternalInformation, &id, sizeof id), STATUS_SUCCESS);
+        std::u16string idName(4, u'\0');
+        memcpy(idName.data(), &id.IndexNumber, 8);
+        OpenResult byId = Open(idName, GENERIC_READ | SYNCHRONIZE, 7, FILE_OPEN,
+                               FILE_OPEN_BY_FILE_ID | FILE_SYNCHRONOUS_IO_NONALERT, 0, dir.handle);
+        ASSERT_EQ(byId.status, STATUS_SUCCESS);
+        std::string text;
+        EXPECT_EQ(Read(byId.handle, &text, 10, 0), STATUS_SUCCESS);
+        EXPECT_EQ(text, "leaf");
+        Close(byId.handle);
+        uint64_t bogus = 0x7ffffffffff0ULL;
+        memcpy(idName.data(), &bogus, 8);
+        EXPECT_EQ(Open(idName, GENERIC_READ, 7, FILE_OPEN, FILE_OPEN_BY_FILE_ID, 0, dir.handle).status,
+                  STATUS_INVALID_PARAMETER);
+        Close(rel.handle);
+        Close(dir.handle);
+    });
+}
+
+TEST_F(FsTest, DeletePendingAndDeleteOnClose) {
+    std::filesystem::create_directories(host / "full");
+    WriteHostFile(host / "full" / "x", "x");
+    Run([&] {
+        OpenResult a = Create(u"\\gone");
+        ASSERT_EQ(a.status, STATUS_SUCCESS);
+        OpenResult b = Open(u"\\gone");
+        ASSERT_EQ(b.status, STATUS_SUCCESS);
+        EXPECT_EQ(SetDelete(a.handle, true), STATUS_SUCCESS);
+        FILE_STANDARD_INFORMATION st{};
+        Query(b.handle, FileStandardInformation, &st, sizeof st);
+        EXPECT_TRUE(st.DeletePending);
+        EXPECT_EQ(Open(u"\\gone").status, STATUS_DELETE_PENDING);
+        Close(a.handle);
+        EXPECT_TRUE(std::filesystem::exists(host / "gone"));  // one handle still open
+        Close(b.handle);
+        EXPECT_FALSE(std::filesystem::exists(host / "gone"));
+        EXPECT_EQ(Open(u"\\gone").status, STATUS_OBJECT_NAME_NOT_FOUND);
+
+        // Undeleting before the last close keeps the file.
+        OpenResult k = Create(u"\\kept");
+        EXPECT_EQ(SetDelete(k.handle, true), STATUS_SUCCESS);
+        EXPECT_EQ(SetDelete(k.handle, false), STATUS_SUCCESS);
+        Close(k.handle);
+        EXPECT_TRUE(std::filesystem::exists(host / "kept"));
+
+        OpenResult doc = Create(u"\\temp", FILE_DELETE_ON_CLOSE | FILE_SYNCHRONOUS_IO_NONALERT);
+        ASSERT_EQ(doc.status, STATUS_SUCCESS);
+        EXPECT_TRUE(std::filesystem::exists(host / "temp"));
+        Close(doc.handle);
+        EXPECT_FALSE(std::filesystem::exists(host / "temp"));
+
+        OpenResult full = Open(u"\\full", DELETE | SYNCHRONIZE, 7, FILE_OPEN, FILE_DIRECTORY_FILE);
+        ASSERT_EQ(full.status, STATUS_SUCCESS);
+        EXPECT_EQ(SetDelete(full.handle, true), STATUS_DIRECTORY_NOT_EMPTY);
+        Close(full.handle);
+        OpenResult nodel = Open(u"\\kept", GENERIC_READ | SYNCHRONIZE);
+        EXPECT_EQ(SetDelete(nodel.handle, true), STATUS_ACCESS_DENIED);  // no DELETE access
+        Close(nodel.handle);
+    });
+    EXPECT_TRUE(std::filesystem::exists(host / "full" / "x"));
+}

@@ -1,0 +1,159 @@
+// Reads, writes and byte-range locks on the emulated NTFS volume.
+#include <thread>
+
+#include "fs_fixture.h"
+
+using namespace fstest;
+
+TEST_F(FsTest, ReadWriteOffsetsAndPosition) {
+    Run([&] {
+        OpenResult f = Create(u"\\data");
+        ASSERT_EQ(f.status, STATUS_SUCCESS);
+        ULONG_PTR n = 0;
+        EXPECT_EQ(Write(f.handle, "hello", kNoOffset, &n), STATUS_SUCCESS);  // at the position: 0
+        EXPECT_EQ(n, 5u);
+        EXPECT_EQ(Write(f.handle, " world", kNoOffset), STATUS_SUCCESS);      // the position moved to 5
+        EXPECT_EQ(Write(f.handle, "J", 0), STATUS_SUCCESS);                   // explicit offset
+        LARGE_INTEGER toEnd;
+        toEnd.HighPart = -1;
+        toEnd.LowPart = FILE_WRITE_TO_END_OF_FILE;
+        EXPECT_EQ(Write(f.handle, "!", toEnd.QuadPart), STATUS_SUCCESS);
+        std::string text;
+        EXPECT_EQ(Read(f.handle, &text, 100, 0), STATUS_SUCCESS);
+        EXPECT_EQ(text, "Jello world!");
+        FILE_POSITION_INFORMATION pos{};
+        Query(f.handle, FilePositionInformation, &pos, sizeof pos);
+        EXPECT_EQ(pos.CurrentByteOffset.QuadPart, 12);
+        EXPECT_EQ(Read(f.handle, &text, 10, kNoOffset), STATUS_END_OF_FILE);
+        EXPECT_EQ(Read(f.handle, &text, 10, 12), STATUS_END_OF_FILE);
+        EXPECT_EQ(Read(f.handle, &text, 0, 500), STATUS_SUCCESS);  // nothing asked, nothing refused
+        pos.CurrentByteOffset.QuadPart = 6;
+        EXPECT_EQ(Set(f.handle, FilePositionInformation, &pos, sizeof pos), STATUS_SUCCESS);
+        EXPECT_EQ(Read(f.handle, &text, 100, kNoOffset), STATUS_SUCCESS);
+        EXPECT_EQ(text, "world!");
+        EXPECT_EQ(Write(f.handle, "x", 20), STATUS_SUCCESS);  // past the end: the gap reads as zeros
+        EXPECT_EQ(Read(f.handle, &text, 100, 11), STATUS_SUCCESS);
+        EXPECT_EQ(text, std::string("!\0\0\0\0\0\0\0\0x", 10));
+        FILE_END_OF_FILE_INFORMATION eof{};
+        eof.EndOfFile.QuadPart = 3;
+        EXPECT_EQ(Set(f.handle, FileEndOfFileInformation, &eof, sizeof eof), STATUS_SUCCESS);
+        Close(f.handle);
+        OpenResult ro = Open(u"\\data", FILE_READ_DATA | SYNCHRONIZE);
+        EXPECT_EQ(Write(ro.handle, "no", 0), STATUS_ACCESS_DENIED);
+        Close(ro.handle);
+    });
+    EXPECT_EQ(ReadHostFile(host / "data"), "Jel");
+}
+
+TEST_F(FsTest, ByteRangeLockConflicts) {
+    WriteHostFile(host / "f", std::string(100, 'a'));
+    struct Case {
+        LONGLONG off, len;
+        bool exclusive;
+        bool sameHandle;
+        LONGLONG off2, len2;
+        bool exclusive2;
+        NTSTATUS status;
+    } cases[] = {
+        {0, 10, true, false, 5, 10, false, STATUS_LOCK_NOT_GRANTED},
+        {0, 10, true, false, 10, 10, true, STATUS_SUCCESS},  // adjacent, not overlapping
+        {0, 10, false, false, 5, 10, false, STATUS_SUCCESS},  // shared with shared
+        {0, 10, false, false, 5, 10, true, STATUS_LOCK_NOT_GRANTED},
+        {0, 10, true, true, 5, 10, true, STATUS_LOCK_NOT_GRANTED},  // even the same owner
+        {0, 10, true, true, 5, 10, false, STATUS_SUCCESS},  // shared under the owner's own exclusive lock
+        {0, 0, true, false, 0, 10, true, STATUS_SUCCESS},  // an empty range overlaps nothing
+    };
+    Run([&] {
+        for (size_t i = 0; i < std::size(cases); ++i) {
+            auto& c = cases[i];
+            OpenResult a = Open(u"\\f", GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE);
+            OpenResult b = c.sameHandle ? a : Open(u"\\f", GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE);
+            IO_STATUS_BLOCK iosb{};
+            LARGE_INTEGER o{}, l{};
+            o.QuadPart = c.off;
+            l.QuadPart = c.len;
+            ASSERT_EQ(NtLockFile(a.handle, nullptr, nullptr, nullptr, &iosb, &o, &l, 0, TRUE, c.exclusive), STATUS_SUCCESS);
+            o.QuadPart = c.off2;
+            l.QuadPart = c.len2;
+            EXPECT_EQ(NtLockFile(b.handle, nullptr, nullptr, nullptr, &iosb, &o, &l, 0, TRUE, c.exclusive2), c.status) << i;
+            Close(a.handle);
+            if (!c.sameHandle) Close(b.handle);
+        }
+    });
+}
+
+TEST_F(FsTest, LocksAgainstReadWriteUnlockAndCleanup) {
+    WriteHostFile(host / "f", std::string(100, 'a'));
+    Run([&] {
+        OpenResult a = Open(u"\\f", GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE);
+        OpenResult b = Open(u"\\f", GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE);
+        IO_STATUS_BLOCK iosb{};
+        LARGE_INTEGER o{}, l{};
+        o.QuadPart = 10;
+        l.QuadPart = 10;
+        ASSERT_EQ(NtLockFile(a.handle, nullptr, nullptr, nullptr, &iosb, &o, &l, 7, TRUE, TRUE), STATUS_SUCCESS);
+        std::string text;
+        EXPECT_EQ(Read(b.handle, &text, 5, 12), STATUS_FILE_LOCK_CONFLICT);
+        EXPECT_EQ(Write(b.handle, "z", 15), STATUS_FILE_LOCK_CONFLICT);
+        EXPECT_EQ(Read(b.handle, &text, 5, 0), STATUS_SUCCESS);  // outside the range
+        EXPECT_EQ(Read(a.handle, &text, 5, 12), STATUS_FILE_LOCK_CONFLICT);  // the owner with another key
+        ULONG key = 7;
+        IO_STATUS_BLOCK io2{};
+        LARGE_INTEGER at{};
+        at.QuadPart = 12;
+        char buf[4];
+        EXPECT_EQ(NtReadFile(a.handle, nullptr, nullptr, nullptr, &io2, buf, 4, &at, &key), STATUS_SUCCESS);
+
+        o.QuadPart = 10;
+        l.QuadPart = 5;
+        EXPECT_EQ(NtUnlockFile(a.handle, &iosb, &o, &l, 7), STATUS_RANGE_NOT_LOCKED);  // not the locked range
+        l.QuadPart = 10;
+        EXPECT_EQ(NtUnlockFile(a.handle, &iosb, &o, &l, 8), STATUS_RANGE_NOT_LOCKED);  // wrong key
+        EXPECT_EQ(NtUnlockFile(b.handle, &iosb, &o, &l, 7), STATUS_RANGE_NOT_LOCKED);  // not the owner
+        EXPECT_EQ(NtUnlockFile(a.handle, &iosb, &o, &l, 7), STATUS_SUCCESS);
+        EXPECT_EQ(Write(b.handle, "z", 15), STATUS_SUCCESS);
+
+        // A shared lock blocks writes, even the owner's; a closed handle's locks go.
+        ASSERT_EQ(NtLockFile(a.handle, nullptr, nullptr, nullptr, &iosb, &o, &l, 0, TRUE, FALSE), STATUS_SUCCESS);
+        EXPECT_EQ(Write(a.handle, "z", 15), STATUS_FILE_LOCK_CONFLICT);
+        EXPECT_EQ(Read(b.handle, &text, 5, 12), STATUS_SUCCESS);
+        Close(a.handle);
+        EXPECT_EQ(Write(b.handle, "z", 15), STATUS_SUCCESS);
+        Close(b.handle);
+    });
+}
+
+TEST_F(FsTest, WaitingLockIsGrantedOnUnlock) {
+    WriteHostFile(host / "f", std::string(100, 'a'));
+    HANDLE a = nullptr, b = nullptr;
+    Run([&] {
+        a = Open(u"\\f", GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE).handle;
+        b = Open(u"\\f", GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE).handle;
+        IO_STATUS_BLOCK iosb{};
+        LARGE_INTEGER o{}, l{};
+        l.QuadPart = 10;
+        ASSERT_EQ(NtLockFile(a, nullptr, nullptr, nullptr, &iosb, &o, &l, 0, TRUE, TRUE), STATUS_SUCCESS);
+    });
+    std::atomic<bool> granted{false};
+    auto waiter = machine->StartThread(process, [&] {
+        IO_STATUS_BLOCK iosb{};
+        LARGE_INTEGER o{}, l{};
+        l.QuadPart = 10;
+        EXPECT_EQ(NtLockFile(b, nullptr, nullptr, nullptr, &iosb, &o, &l, 0, FALSE, TRUE), STATUS_SUCCESS);
+        granted = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_FALSE(granted);
+    Run([&] {
+        IO_STATUS_BLOCK iosb{};
+        LARGE_INTEGER o{}, l{};
+        l.QuadPart = 10;
+        EXPECT_EQ(NtUnlockFile(a, &iosb, &o, &l, 0), STATUS_SUCCESS);
+    });
+    waiter->Join();
+    EXPECT_TRUE(granted);
+    Run([&] {
+        Close(a);
+        Close(b);
+    });
+}
