@@ -51,7 +51,7 @@ TEST_F(IoTest, OpensWithoutCaseInsensitiveAreCaseSensitiveForTheDevice) {
     });
     ASSERT_FALSE(world.lower.empty());
     EXPECT_EQ(world.lower[0].flags & SL_CASE_SENSITIVE, SL_CASE_SENSITIVE);
-    EXPECT_EQ(world.lower[0].file->Flags & FO_OPENED_CASE_SENSITIVE, ULONG(FO_OPENED_CASE_SENSITIVE));
+    EXPECT_EQ(world.lower[0].fileFlags & FO_OPENED_CASE_SENSITIVE, ULONG(FO_OPENED_CASE_SENSITIVE));
 }
 
 TEST_F(IoTest, CleanupWhenTheLastHandleClosesCloseWhenTheLastReferenceGoes) {

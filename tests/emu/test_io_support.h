@@ -24,6 +24,7 @@ struct Seen {
     UCHAR major, minor, flags;
     CHAR location;  // Irp->CurrentLocation when the driver got the packet
     PFILE_OBJECT file;
+    ULONG fileFlags;  // the file object's flags then (it may be gone later)
     ULONG createOptions;
     std::u16string fileName;
     PFILE_OBJECT targetFile;  // SetFile.FileObject
@@ -69,6 +70,7 @@ inline Seen Record(PDEVICE_OBJECT device, PIRP irp) {
     s.flags = sp->Flags;
     s.location = irp->CurrentLocation;
     s.file = sp->FileObject;
+    s.fileFlags = s.file ? s.file->Flags : 0;
     s.systemBuffer = irp->AssociatedIrp.SystemBuffer;
     s.userBuffer = irp->UserBuffer;
     s.mdl = irp->MdlAddress;
