@@ -67,9 +67,10 @@ TEST_F(ExistsTest, StatusOutRanksSuccessOverNameOverPathNotFound) {
         NTSTATUS initial;
         NTSTATUS expected;
     } cases[] = {
-        // Parent only in L1: filter directory 0 says "path not found", L1 refines it.
+        // Parent only in L1.
         {u"C:\\dir1\\missing.txt", kAll, 0x12345678, STATUS_OBJECT_NAME_NOT_FOUND},
-        {u"C:\\nodir\\missing.txt", kAll, 0x12345678, STATUS_OBJECT_PATH_NOT_FOUND},
+        // The create handler reports a missing path of the driver's own opens as a missing name.
+        {u"C:\\nodir\\missing.txt", kAll, 0x12345678, STATUS_OBJECT_NAME_NOT_FOUND},
         {u"C:\\missing.txt", kAll, 0x12345678, STATUS_OBJECT_NAME_NOT_FOUND},
         {u"C:\\in2.txt", kAll, 0x12345678, STATUS_SUCCESS},
         {u"C:\\only0.txt", kAll, 0x12345678, STATUS_SUCCESS},

@@ -2,7 +2,8 @@
 // emulated file system over a temporary host directory on C:, the driver
 // loaded (it hooks C:) and configured through its control device with three
 // filter directories C:\L0, C:\L1 and C:\L2, the last one indexed, and
-// filtering on. Ends with the driver's state released and a clean verifier.
+// filtering on, so that the driver's own opens pass its create handler.
+// Ends with the driver's state released and a clean verifier.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -28,61 +29,6 @@
 #include "index/file_index.h"
 
 namespace tervane::test::layers {
-
-// A device just above the volume that drops the bypass suffix from the names
-// of opens and passes everything down, as the create handler does for the
-// driver's own opens. It keeps these tests independent of the create handler.
-struct BypassStandIn {
-    static inline PDEVICE_OBJECT device = nullptr;
-    static inline PDEVICE_OBJECT lower = nullptr;
-
-    static NTSTATUS NTAPI Dispatch(PDEVICE_OBJECT, PIRP irp) {
-        PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
-        if (sp->MajorFunction == IRP_MJ_CREATE && sp->FileObject != nullptr) {
-            UNICODE_STRING& name = sp->FileObject->FileName;
-            const USHORT suffix = 4 * sizeof(WCHAR);
-            if (name.Length >= suffix && memcmp(name.Buffer + (name.Length - suffix) / 2, u"_??$", suffix) == 0) {
-                name.Length -= suffix;
-            }
-        }
-        IoSkipCurrentIrpStackLocation(irp);
-        return IoCallDriver(lower, irp);
-    }
-
-    static NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING) {
-        for (auto& entry : driver->MajorFunction) entry = Dispatch;
-        UNICODE_STRING root;
-        RtlInitUnicodeString(&root, L"\\??\\C:\\");
-        OBJECT_ATTRIBUTES oa;
-        InitializeObjectAttributes(&oa, &root, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
-        IO_STATUS_BLOCK iosb;
-        HANDLE h = nullptr;
-        NTSTATUS status = ZwCreateFile(&h, SYNCHRONIZE, &oa, &iosb, nullptr, 0, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                                       FILE_OPEN, FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
-        if (!NT_SUCCESS(status)) return status;
-        PFILE_OBJECT fo = nullptr;
-        status = ObReferenceObjectByHandle(h, 0, *IoFileObjectType, KernelMode, (PVOID*)&fo, nullptr);
-        if (NT_SUCCESS(status)) {
-            PDEVICE_OBJECT target = IoGetRelatedDeviceObject(fo);
-            status = IoCreateDevice(driver, 0, nullptr, FILE_DEVICE_DISK_FILE_SYSTEM, 0, FALSE, &device);
-            if (NT_SUCCESS(status)) {
-                lower = IoAttachDeviceToDeviceStack(device, target);
-                device->Flags |= lower->Flags & (DO_BUFFERED_IO | DO_DIRECT_IO);
-                device->Flags &= ~DO_DEVICE_INITIALIZING;
-            }
-            ObDereferenceObject(fo);
-        }
-        ZwClose(h);
-        return status;
-    }
-
-    static void Remove() {
-        if (device == nullptr) return;
-        IoDetachDevice(lower);
-        IoDeleteDevice(device);
-        device = lower = nullptr;
-    }
-};
 
 // A counted string that owns its text.
 class Text {
@@ -113,7 +59,6 @@ protected:
         for (const char* root : {"L0", "L1", "L2", "idx"}) std::filesystem::create_directories(host / root);
         machine = std::make_unique<emu::Machine>();
         ASSERT_EQ(machine->MountVolume('C', host.string()), STATUS_SUCCESS);
-        ASSERT_EQ(machine->LoadDriver(u"BypassStandIn", BypassStandIn::DriverEntry), STATUS_SUCCESS);
         ASSERT_EQ(machine->LoadDriver(u"Tervane", ::DriverEntry), STATUS_SUCCESS);
     }
 
@@ -124,10 +69,7 @@ protected:
         if (controlHandle_ != nullptr) {
             machine->Run(controller_, [&] { EXPECT_EQ(NtClose(controlHandle_), STATUS_SUCCESS); });
         }
-        Kernel([] {
-            ReleaseDriverState();
-            BypassStandIn::Remove();
-        });
+        Kernel([] { ReleaseDriverState(); });
         emu::VerifierReport report = machine->Shutdown();
         EXPECT_TRUE(report.Clean()) << report.ToString();
         machine.reset();

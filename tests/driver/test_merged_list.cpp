@@ -180,16 +180,5 @@ TEST_F(MergedListTest, RefusedClassesAndMissingDirectoriesFailWithTheirStatus) {
     }
 }
 
-TEST(DotNamesTest, OnlyDotAndDotDotAreDotNames) {
-    struct Case {
-        std::u16string name;
-        bool expected;
-    } cases[] = {{u".", true}, {u"..", true}, {u".a", false}, {u"a.", false}, {u"...", false}, {u"", false}};
-    for (auto& c : cases) {
-        Text t(c.name);
-        EXPECT_EQ(IsDotOrDotDot(t.us()), c.expected) << emu::Utf16ToUtf8(c.name);
-    }
-}
-
 }  // namespace
 }  // namespace tervane::test::layers
