@@ -11,7 +11,8 @@ namespace {
 std::mutex g_openLock;   // device checks and reference counts of one open
 std::mutex g_mountLock;  // one mount at a time
 
-NTSTATUS CheckParameters(ACCESS_MASK access, ULONG fileAttributes, ULONG share, ULONG disposition, ULONG options) {
+NTSTATUS CheckParameters(KPROCESSOR_MODE mode, ACCESS_MASK access, ULONG fileAttributes, ULONG share,
+                         ULONG disposition, ULONG options) {
     const ULONG directoryOptions = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_ALERT | FILE_SYNCHRONOUS_IO_NONALERT |
                                    FILE_WRITE_THROUGH | FILE_COMPLETE_IF_OPLOCKED | FILE_OPEN_FOR_BACKUP_INTENT |
                                    FILE_DELETE_ON_CLOSE | FILE_OPEN_FOR_FREE_SPACE_QUERY | FILE_OPEN_BY_FILE_ID |
@@ -21,7 +22,9 @@ NTSTATUS CheckParameters(ACCESS_MASK access, ULONG fileAttributes, ULONG share, 
         disposition > FILE_MAXIMUM_DISPOSITION || (options & ~FILE_VALID_OPTION_FLAGS))
         return STATUS_INVALID_PARAMETER;
     if ((options & synchronous) == synchronous) return STATUS_INVALID_PARAMETER;
-    if ((options & synchronous) && !(access & SYNCHRONIZE)) return STATUS_INVALID_PARAMETER;
+    // NT asks for SYNCHRONIZE with synchronous I/O only of user-mode callers:
+    // kernel-mode opens (Zw*) skip the I/O manager's parameter checks.
+    if ((options & synchronous) && !(access & SYNCHRONIZE) && mode != KernelMode) return STATUS_INVALID_PARAMETER;
     if ((options & FILE_DELETE_ON_CLOSE) && !(access & DELETE)) return STATUS_INVALID_PARAMETER;
     if (options & FILE_DIRECTORY_FILE) {
         if (options & ~directoryOptions) return STATUS_INVALID_PARAMETER;
@@ -101,7 +104,7 @@ NTSTATUS IopCreateFile(KPROCESSOR_MODE mode, PHANDLE fileHandle, ACCESS_MASK des
     if (!fileHandle || !ioStatusBlock || !attributes) return STATUS_ACCESS_VIOLATION;
     NTSTATUS status;
     if (!(internalFlags & kNoParameterChecking)) {
-        status = CheckParameters(desiredAccess, fileAttributes, shareAccess, disposition, createOptions);
+        status = CheckParameters(mode, desiredAccess, fileAttributes, shareAccess, disposition, createOptions);
         if (!NT_SUCCESS(status)) return status;
     }
     if (eaLength && !eaBuffer) return STATUS_INVALID_PARAMETER;
