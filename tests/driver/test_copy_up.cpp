@@ -25,15 +25,6 @@ std::vector<uint8_t> DaclDescriptor(ACCESS_MASK mask) {
 
 class CopyUpTest : public LayersTest {
 protected:
-    // NT checks the parameters of an open only for user-mode callers; the
-    // copy opens its source for GENERIC_READ alone with synchronous I/O,
-    // which a machine that checks kernel-mode opens too refuses.
-    bool KernelOpensAreChecked() {
-        HANDLE h = nullptr;
-        NTSTATUS status = OpenReal(u"C:\\", &h, FILE_LIST_DIRECTORY, FILE_SHARE_READ | FILE_SHARE_WRITE);
-        if (NT_SUCCESS(status)) Close(h);
-        return status == STATUS_INVALID_PARAMETER;
-    }
     std::vector<uint8_t> Security(const std::u16string& path, SECURITY_INFORMATION what) {
         HANDLE h;
         EXPECT_EQ(OpenReal(path, &h), STATUS_SUCCESS);
@@ -85,7 +76,6 @@ protected:
 };
 
 TEST_F(CopyUpTest, AFileArrivesWithDataEndOfFileSecurityAttributesAndTimes) {
-    if (KernelOpensAreChecked()) GTEST_SKIP() << "the machine checks the parameters of kernel-mode opens";
     const std::string data = Pattern(40000, 3);
     HostFile("L2/dir/data.bin", data);
     Configure();
@@ -109,7 +99,6 @@ TEST_F(CopyUpTest, AFileArrivesWithDataEndOfFileSecurityAttributesAndTimes) {
 }
 
 TEST_F(CopyUpTest, TheLowestSourceIsCopiedAndSupersedesTheDestination) {
-    if (KernelOpensAreChecked()) GTEST_SKIP() << "the machine checks the parameters of kernel-mode opens";
     struct Case {
         const char* what;
         std::string l0, l1, l2;  // "-": absent
@@ -145,7 +134,6 @@ TEST_F(CopyUpTest, TheLowestSourceIsCopiedAndSupersedesTheDestination) {
 }
 
 TEST_F(CopyUpTest, ADirectoryTreeIsCopiedWithoutItsHiddenEntries) {
-    if (KernelOpensAreChecked()) GTEST_SKIP() << "the machine checks the parameters of kernel-mode opens";
     HostFile("L2/D/a.txt", "a from 2");
     HostFile("L2/D/.dot", "dot");
     HostFile("L2/D/gone.txt", "hidden");
@@ -193,7 +181,6 @@ TEST_F(CopyUpTest, AnAttributeCopyLeavesAnEmptyFileWithTheSourceAttributes) {
 }
 
 TEST_F(CopyUpTest, AnOpenMovesOntoItsCopyInFilterDirectory0) {
-    if (KernelOpensAreChecked()) GTEST_SKIP() << "the machine checks the parameters of kernel-mode opens";
     HostFile("L2/moved.txt", "lower bytes");
     Configure();
     HANDLE real;
@@ -243,7 +230,6 @@ TEST_F(CopyUpTest, AnOpenMovesOntoItsCopyInFilterDirectory0) {
 }
 
 TEST_F(CopyUpTest, CopyingRunsNearTheSpeedOfAPlainReadWriteCopy) {
-    if (KernelOpensAreChecked()) GTEST_SKIP() << "the machine checks the parameters of kernel-mode opens";
     const size_t size = 8 << 20;
     HostFile("L2/big.bin", Pattern(size, 1));
     HostFile("plain/src.bin", Pattern(size, 1));
