@@ -20,7 +20,7 @@
 #define REG_MULTI_SZ 7
 #define REG_QWORD 11
 
-typedef enum _KEY_VALUE_INFORMATION_CLASS {
+typedef enum _KEY_VALUE_INFORMATION_CLASS : int {
     KeyValueBasicInformation = 0,
     KeyValueFullInformation = 1,
     KeyValuePartialInformation = 2,

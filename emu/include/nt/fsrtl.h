@@ -3,7 +3,7 @@
 #include "ntdef.h"
 #include "ex.h"
 
-typedef enum _FAST_IO_POSSIBLE { FastIoIsNotPossible = 0, FastIoIsPossible, FastIoIsQuestionable } FAST_IO_POSSIBLE;
+typedef enum _FAST_IO_POSSIBLE : int { FastIoIsNotPossible = 0, FastIoIsPossible, FastIoIsQuestionable } FAST_IO_POSSIBLE;
 
 // Every file system's per-file context (FILE_OBJECT.FsContext) begins with this.
 typedef struct _FSRTL_COMMON_FCB_HEADER {

@@ -227,7 +227,7 @@ typedef struct _GENERIC_MAPPING {
 #define SACL_SECURITY_INFORMATION 0x00000008L
 #define LABEL_SECURITY_INFORMATION 0x00000010L
 
-typedef enum _POOL_TYPE {
+typedef enum _POOL_TYPE : int {
     NonPagedPool = 0,
     PagedPool = 1,
     NonPagedPoolMustSucceed = 2,
@@ -237,15 +237,15 @@ typedef enum _POOL_TYPE {
     NonPagedPoolCacheAlignedMustS = 6
 } POOL_TYPE;
 
-typedef enum _EVENT_TYPE { NotificationEvent = 0, SynchronizationEvent = 1 } EVENT_TYPE;
+typedef enum _EVENT_TYPE : int { NotificationEvent = 0, SynchronizationEvent = 1 } EVENT_TYPE;
 
-typedef enum _KWAIT_REASON { Executive = 0, UserRequest = 6, WrExecutive = 7 } KWAIT_REASON;
+typedef enum _KWAIT_REASON : int { Executive = 0, UserRequest = 6, WrExecutive = 7 } KWAIT_REASON;
 
-typedef enum _MEMORY_CACHING_TYPE { MmNonCached = 0, MmCached = 1, MmWriteCombined = 2 } MEMORY_CACHING_TYPE;
+typedef enum _MEMORY_CACHING_TYPE : int { MmNonCached = 0, MmCached = 1, MmWriteCombined = 2 } MEMORY_CACHING_TYPE;
 
-typedef enum _MM_PAGE_PRIORITY { LowPagePriority = 0, NormalPagePriority = 16, HighPagePriority = 32 } MM_PAGE_PRIORITY;
+typedef enum _MM_PAGE_PRIORITY : int { LowPagePriority = 0, NormalPagePriority = 16, HighPagePriority = 32 } MM_PAGE_PRIORITY;
 
-typedef enum _LOCK_OPERATION { IoReadAccess = 0, IoWriteAccess = 1, IoModifyAccess = 2 } LOCK_OPERATION;
+typedef enum _LOCK_OPERATION : int { IoReadAccess = 0, IoWriteAccess = 1, IoModifyAccess = 2 } LOCK_OPERATION;
 
 // Opaque kernel object types; their bodies live in the emulator.
 typedef struct _KTHREAD *PKTHREAD, *PRKTHREAD;
