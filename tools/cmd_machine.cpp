@@ -9,6 +9,8 @@
 
 #ifdef TERVANE_WITH_DRIVER
 extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT driverObject, PUNICODE_STRING registryPath);
+// The emulated machine's end of the driver: gives back what it holds.
+VOID ReleaseDriverState();
 #endif
 
 namespace tervane::tool {
@@ -120,7 +122,9 @@ void Load(Context& ctx, std::vector<Token> tokens) {
     Args args(ctx.name, std::move(tokens));
     args.Done();
 #ifdef TERVANE_WITH_DRIVER
+    if (ctx.session.releaseDriver) throw ScriptError("load: the driver is loaded already");
     ctx.result.status = ctx.session.Machine().LoadDriver(u"Tervane", DriverEntry);
+    ctx.session.releaseDriver = [] { ReleaseDriverState(); };
 #else
     throw ScriptError("load: this tervane was built without the driver");
 #endif
@@ -133,7 +137,13 @@ void Log(Context& ctx, std::vector<Token> tokens) {
     ctx.session.TakeCommandLog();
     for (auto& line : SplitLines(ctx.session.TakeLogForLogCommand())) {
         if (!line.empty() && line.back() == '\r') line.pop_back();
-        if (!filter || line.find(*filter) != std::string::npos) ctx.Line(EscapeText(line));
+        if (filter && line.find(*filter) == std::string::npos) continue;
+        // Tabs stay tabs; other control characters are escaped.
+        std::string shown;
+        size_t start = 0;
+        for (size_t tab; (tab = line.find('\t', start)) != std::string::npos; start = tab + 1)
+            shown += EscapeText(line.substr(start, tab - start)) + '\t';
+        ctx.Line(shown + EscapeText(line.substr(start)));
     }
 }
 

@@ -43,7 +43,10 @@ size_t ReadQuoted(std::string_view line, size_t i, std::string& out) {
             break;
         }
         default:
-            throw ScriptError(std::string("unknown escape \\") + e + " in a quoted argument");
+            // Any other backslash stands for itself, so that "C:\docs\a b"
+            // needs no doubled backslashes.
+            out += '\\';
+            out += e;
         }
     }
     throw ScriptError("unterminated quoted argument (a \" is missing)");

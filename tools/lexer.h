@@ -17,7 +17,8 @@ struct ScriptError : std::runtime_error {
 
 // One argument. Unquoted text is taken literally (backslashes included, so
 // C:\dir\a.txt needs no quotes); text inside double quotes understands the
-// escapes \n \r \t \0 \\ \" and \xHH. A token may mix both, as in
+// escapes \n \r \t \0 \\ \" and \xHH, and keeps any other backslash as it
+// is. A token may mix both, as in
 // pattern="a b*"; unquotedPrefix tells how many leading bytes were unquoted.
 struct Token {
     std::string text;

@@ -139,9 +139,14 @@ emu::VerifierReport Session::Finish() {
     }
     for (auto& n : pending_) n->thread->Join();
     pending_.clear();
+    for (auto& [pid, process] : processes_) machine_->TerminateProcess(process->process);
     processes_.clear();
     controller = nullptr;
     controlHandle = nullptr;
+    if (releaseDriver) {
+        machine_->Run(machine_->SystemProcess(), releaseDriver);
+        releaseDriver = nullptr;
+    }
     emu::VerifierReport report = machine_->Shutdown();
     machine_.reset();
     return report;

@@ -84,9 +84,15 @@ public:
     ProcessState* controller = nullptr;
     HANDLE controlHandle = nullptr;
 
-    // Ends the run: closes the handles that pending requests wait on, stops the
-    // process threads and shuts the machine down. Returns the verifier's
-    // report; an empty report when no machine was made.
+    // Set by `load`: gives back what the driver holds, so that the machine
+    // can shut down with nothing outstanding. Runs in the System process
+    // after every other process has ended.
+    std::function<void()> releaseDriver;
+
+    // Ends the run: closes the handles that pending requests wait on, ends
+    // every process (closing its handles), releases the driver, and shuts the
+    // machine down. Returns the verifier's report; an empty report when no
+    // machine was made.
     emu::VerifierReport Finish();
 
 private:
