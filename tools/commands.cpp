@@ -17,6 +17,7 @@ std::span<const CommandSpec> AllCommands() {
         AddDirectoryCommands(t);
         AddMiscCommands(t);
         AddConvenienceCommands(t);
+        AddTreeCommands(t);
         return t;
     }();
     return table;

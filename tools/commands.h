@@ -48,6 +48,7 @@ void AddDirectoryCommands(std::vector<CommandSpec>& table);
 void AddMiscCommands(std::vector<CommandSpec>& table);
 void AddConvenienceCommands(std::vector<CommandSpec>& table);
 void AddControlCommands(std::vector<CommandSpec>& table);
+void AddTreeCommands(std::vector<CommandSpec>& table);
 
 // Helpers shared by the groups.
 std::u16string ToUtf16(const std::string& s);

@@ -1,134 +1,309 @@
-// `tervane demo`: a short walk through the emulated machine, narrated, with
-// every step checked. The layered view of the driver gets its own walk once
-// the driver serves it; this one shows the ground it stands on.
-#include <filesystem>
+// `tervane demo`: runs the walk of demo_script.cpp on a fresh workspace,
+// narrates each step, shows what both processes see side by side, checks
+// every expectation and host file, and ends with the verifier's report.
+#include "demo.h"
+
+#include <algorithm>
 #include <fstream>
 #include <iostream>
+#include <regex>
 #include <sstream>
 
+#include <emu/machine.h>
+
 #include "frontend.h"
+#include "index_cli.h"
 #include "interpreter.h"
-#include "lexer.h"
 
 namespace tervane::tool {
 namespace {
 
-struct Step {
-    const char* say;        // narration before the command (may be empty)
-    const char* command;    // one scenario line
-    const char* expects[3]; // expect lines checked against it
-};
+namespace fs = std::filesystem;
 
-const Step kSteps[] = {
-    {"A volume: the host directory <workspace>/volume becomes drive C: of the emulated machine.",
-     "volume C: volume", {"expect STATUS_SUCCESS"}},
-    {"Two processes, each with its own handle table.", "process 100 editor.exe", {"expect STATUS_SUCCESS"}},
-    {nullptr, "process 200 viewer.exe", {"expect STATUS_SUCCESS"}},
-    {"The editor makes a directory and creates a file in it with NtCreateFile (FILE_CREATE).",
-     "100: mkdir C:\\Docs", {"expect STATUS_SUCCESS"}},
-    {nullptr, "100: open f C:\\Docs\\Notes.txt access=GENERIC_WRITE|SYNCHRONIZE disposition=FILE_CREATE",
-     {"expect STATUS_SUCCESS", "expect \"FILE_CREATED\""}},
-    {"It writes twelve bytes and closes its handle.", "100: write f \"hello, world\"",
-     {"expect STATUS_SUCCESS", "expect \"info=12\""}},
-    {nullptr, "100: close f", {"expect STATUS_SUCCESS"}},
-    {"The viewer reads the file; names are case-insensitive, as on NTFS.", "200: cat C:\\DOCS\\notes.TXT",
-     {"expect STATUS_SUCCESS", "expect \"hello, world\""}},
-    {"A long name gets a short 8.3 name too; a listing shows both.",
-     "100: put \"C:\\Docs\\Meeting minutes.txt\" agenda", {"expect STATUS_SUCCESS"}},
-    {nullptr, "200: open d C:\\Docs options=FILE_DIRECTORY_FILE|FILE_SYNCHRONOUS_IO_NONALERT",
-     {"expect STATUS_SUCCESS"}},
-    {nullptr, "200: list d pattern=*.txt", {"expect STATUS_SUCCESS", "expect \"Notes.txt\"", "expect \"ShortName=MEETIN~1.TXT\""}},
-    {"While the viewer holds the directory open, the editor renames the note...",
-     "100: mv C:\\Docs\\Notes.txt C:\\Docs\\Letter.txt", {"expect STATUS_SUCCESS"}},
-    {nullptr, "200: ls C:\\Docs", {"expect \"Letter.txt 12\"", "expect not \"Notes.txt\""}},
-    {"...and deletes it; opening the old or the new name now fails.", "100: rm C:\\Docs\\Letter.txt",
-     {"expect STATUS_SUCCESS"}},
-    {nullptr, "200: open g C:\\Docs\\Letter.txt", {"expect STATUS_OBJECT_NAME_NOT_FOUND"}},
-    {nullptr, "200: open g C:\\Nowhere\\Letter.txt", {"expect STATUS_OBJECT_PATH_NOT_FOUND"}},
-    {"The viewer closes its directory.", "200: close d", {"expect STATUS_SUCCESS"}},
-    {"The handles of both processes: none are left open.", "handles 100", {"expect not \"File\""}},
-    {nullptr, "handles 200", {"expect not \"File\""}},
-    {"Pool by tag: every block the machine allocated for these requests has been freed.", "pool",
-     {"expect not \"blocks=1\""}},
-};
+constexpr size_t kTextWidth = 78;
+constexpr size_t kMaxLeftColumn = 60;
 
-std::filesystem::path MakeWorkspace(const std::string& keepDir) {
-    if (!keepDir.empty()) {
-        std::filesystem::create_directories(keepDir);
-        return std::filesystem::absolute(keepDir);
+// Word-wraps TEXT at kTextWidth, every line starting with INDENT.
+std::string Wrap(const std::string& text, const std::string& indent) {
+    std::istringstream words(text);
+    std::string out, line, word;
+    while (words >> word) {
+        if (!line.empty() && indent.size() + line.size() + 1 + word.size() > kTextWidth) {
+            out += indent + line + "\n";
+            line.clear();
+        }
+        line += (line.empty() ? "" : " ") + word;
     }
-    std::string pattern = (std::filesystem::temp_directory_path() / "tervane-demo-XXXXXX").string();
-    if (!mkdtemp(pattern.data())) throw std::runtime_error("cannot make a temporary directory");
+    if (!line.empty()) out += indent + line + "\n";
+    return out;
+}
+
+// Splits lines longer than WIDTH so that each fits the column: at the last
+// blank that leaves at least half a line, else anywhere. Continuations are
+// indented by two more blanks than the line they continue.
+std::vector<std::string> FitColumn(const std::vector<std::string>& lines, size_t width) {
+    std::vector<std::string> fitted;
+    for (std::string line : lines) {
+        size_t indent = line.find_first_not_of(' ');
+        std::string lead(indent == std::string::npos ? 0 : indent + 2, ' ');
+        bool cut = false;
+        while (line.size() > width && lead.size() + 8 < width) {
+            size_t at = line.rfind(' ', width);
+            if (at == std::string::npos || at < width / 2) at = width;
+            fitted.push_back(line.substr(0, at));
+            size_t rest = line.find_first_not_of(' ', at);
+            line = rest == std::string::npos ? std::string() : lead + line.substr(rest);
+            cut = true;
+        }
+        if (!cut || !line.empty()) fitted.push_back(line);
+    }
+    return fitted;
+}
+
+std::string SideBySide(const std::vector<std::string>& left, const std::vector<std::string>& right,
+                       const std::string& indent) {
+    std::string out;
+    if (right.empty()) {
+        for (const auto& l : left) out += indent + l + "\n";
+        return out;
+    }
+    size_t width = 0;
+    for (const auto& l : left) width = std::max(width, l.size());
+    width = std::min(width, kMaxLeftColumn);
+    auto l = FitColumn(left, width);
+    for (size_t i = 0; i < std::max(l.size(), right.size()); ++i) {
+        std::string a = i < l.size() ? l[i] : "";
+        std::string row = indent + a + std::string(width - a.size(), ' ') + " | " + (i < right.size() ? right[i] : "");
+        while (!row.empty() && row.back() == ' ') row.pop_back();
+        out += row + "\n";
+    }
+    return out;
+}
+
+// A short form of bytes for the narration: text as is (escaped), anything
+// else by its size.
+std::string Describe(const std::string& bytes) {
+    bool text = std::all_of(bytes.begin(), bytes.end(), [](char c) {
+        return c == '\r' || c == '\n' || (c >= 0x20 && c < 0x7f);
+    });
+    if (text && bytes.size() <= 64) return "\"" + EscapeBytes(bytes) + "\"";
+    return std::to_string(bytes.size()) + " bytes";
+}
+
+std::optional<std::string> ReadHostFile(const fs::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    if (!in || fs::is_directory(file)) return std::nullopt;
+    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+class DemoRun {
+public:
+    DemoRun(std::ostream& out, bool quiet, const fs::path& workspace)
+        : out_(out), quiet_(quiet), workspace_(workspace), interpreter_(transcript_, workspace) {}
+
+    void Say(const std::string& text) {
+        if (!quiet_) out_ << text;
+    }
+
+    // Builds the base layer's index with the code of `tervane index build`.
+    void BuildIndex() {
+        const auto base = workspace_ / "volume" / "layers" / "base";
+        const auto node = workspace_ / "volume" / "index" / "base.node";
+        const auto name = workspace_ / "volume" / "index" / "base.name";
+        Say("0. The workspace\n" +
+            Wrap("The layers are plain host directories below volume/layers. The base layer gets its index, as "
+                 "`tervane index build` makes it: two files the driver loads, listing every path the layer holds.",
+                 "   "));
+        std::ostringstream shown, err;
+        int code = IndexBuild(base.string(), node.string(), name.string(), false, shown, err);
+        std::vector<std::string> lines{"> tervane index build " + base.string() + " " + node.string() + " " +
+                                       name.string()};
+        for (const auto& l : SplitLines(shown.str() + err.str())) lines.push_back("  " + l);
+        Say(SideBySide(lines, {}, "   "));
+        size_t before = differences_.size();
+        Check(code == 0, "tervane index build exited with " + std::to_string(code));
+        Check(fs::exists(node) && fs::file_size(node) > 0 && fs::exists(name),
+              "the index files " + node.string() + " and " + name.string() + " are missing");
+        Verdict(before, "the base layer's index is built.");
+    }
+
+    void Step(size_t number, const DemoStep& step) {
+        title_ = step.title;
+        Say("\n" + std::to_string(number) + ". " + step.title + "\n" + Wrap(step.say, "   "));
+        size_t before = differences_.size();
+        std::vector<std::string> left, right;
+        for (const auto& c : step.left) Append(left, Run(c));
+        for (const auto& c : step.right) Append(right, Run(c));
+        if (!right.empty()) {
+            left.insert(left.begin(), {"inkpad.exe, monitored:", ""});
+            right.insert(right.begin(), {"backup.exe, not monitored:", ""});
+        }
+        Say(SideBySide(left, right, "   "));
+        for (const auto& file : step.host) Say(LookAtHost(file));
+        Verdict(before, step.checked);
+    }
+
+    // Ends every process, lets the driver give back what it holds, shuts the
+    // machine down and shows the verifier's report.
+    void ShutDown() {
+        title_ = "Shutting down";
+        Say("\n" + title_ + "\n" +
+            Wrap("The processes end, the driver gives back what it holds, and the machine shuts down. The "
+                 "verifier counts what is still outstanding:",
+                 "   "));
+        size_t before = differences_.size();
+        emu::VerifierReport report = interpreter_.session().Finish();
+        auto count = [](size_t n, const char* what) { return std::to_string(n) + " " + what; };
+        size_t blocks = 0;
+        for (const auto& p : report.pool) blocks += p.outstandingBlocks;
+        Say("     pool: " + count(blocks, "blocks outstanding") + "\n     handles: " +
+            count(report.handles.size(), "open") + "\n     file objects: " +
+            count(report.fileObjects.size(), "referenced") + "\n     section views: " +
+            count(report.views.size(), "mapped") + "\n     misuse: " + count(report.violations.size(), "seen") + "\n");
+        Check(report.Clean(), "the verifier found something outstanding:\n" + report.ToString());
+        Verdict(before, "nothing outstanding.");
+    }
+
+    int checks() const { return checks_; }
+    const std::vector<std::string>& differences() const { return differences_; }
+
+private:
+    static void Append(std::vector<std::string>& to, std::vector<std::string> lines) {
+        to.insert(to.end(), lines.begin(), lines.end());
+    }
+
+    void Check(bool ok, const std::string& difference) {
+        ++checks_;
+        if (!ok) differences_.push_back(title_ + ": " + difference);
+    }
+
+    void Verdict(size_t before, const std::string& checked) {
+        if (differences_.size() == before) {
+            Say("   checked: " + checked + "\n");
+            return;
+        }
+        for (size_t i = before; i < differences_.size(); ++i) Say("   DIFFERS: " + differences_[i] + "\n");
+    }
+
+    // Runs one line and its expectations; returns what to show.
+    std::vector<std::string> Run(const DemoCommand& command) {
+        std::vector<std::string> shown{"> " + command.line};
+        transcript_.str("");
+        try {
+            interpreter_.Execute(command.line, ++line_);
+        } catch (const ScriptError& e) {
+            Check(false, command.line + ": " + e.what());
+            shown.push_back("  " + std::string(e.what()));
+            return shown;
+        }
+        for (const auto& l : SplitLines(transcript_.str())) shown.push_back("  " + l);
+        static const std::regex kLineNote(R"(EXPECTATION FAILED \(line \d+\): | \(line \d+\))");
+        for (const auto& expect : command.expects) {
+            transcript_.str("");
+            std::string failure;
+            try {
+                interpreter_.Execute(expect, line_);
+                failure = std::regex_replace(transcript_.str(), kLineNote, "");
+            } catch (const ScriptError& e) {
+                failure = e.what();
+            }
+            while (!failure.empty() && failure.back() == '\n') failure.pop_back();
+            Check(failure.empty(), command.line + ": " + failure);
+        }
+        return shown;
+    }
+
+    std::string LookAtHost(const DemoHostFile& file) {
+        std::optional<std::string> held = ReadHostFile(workspace_ / file.path);
+        std::string said = "   on the host, " + file.path + ": ";
+        if (!file.content) {
+            Check(!held, file.path + " should not exist, but holds " + (held ? Describe(*held) : ""));
+            return said + (held ? Describe(*held) : "not there") + "\n";
+        }
+        if (!held) {
+            Check(false, file.path + " is missing; it should hold " + Describe(*file.content));
+            return said + "missing\n";
+        }
+        Check(*held == *file.content,
+              file.path + " holds " + Describe(*held) + " instead of " + Describe(*file.content));
+        return said + Describe(*held) + "\n";
+    }
+
+    std::ostream& out_;
+    bool quiet_;
+    fs::path workspace_;
+    std::ostringstream transcript_;  // before interpreter_: it writes here
+    Interpreter interpreter_;
+    std::string title_ = "The workspace";
+    int line_ = 0;
+    int checks_ = 0;
+    std::vector<std::string> differences_;
+};
+
+// The workspace: DIR (made when missing, refused when it holds anything), or
+// a new temporary directory.
+fs::path MakeWorkspace(const std::string& keepDir) {
+    if (!keepDir.empty()) {
+        fs::path dir = fs::absolute(keepDir);
+        fs::create_directories(dir);
+        if (!fs::is_empty(dir))
+            throw std::runtime_error("--keep " + keepDir + ": the directory is not empty; give a new or empty one");
+        return dir;
+    }
+    std::string pattern = (fs::temp_directory_path() / "tervane-demo-XXXXXX").string();
+    if (!mkdtemp(pattern.data())) throw std::runtime_error("cannot make a temporary directory in " + fs::temp_directory_path().string());
     return pattern;
 }
 
 }  // namespace
 
-int RunDemo(const std::string& keepDir, bool quiet) {
-    std::filesystem::path workspace = MakeWorkspace(keepDir);
-    std::ostream& out = std::cout;
-    if (!quiet) {
-        out << "tervane demo: the emulated NT machine, step by step (workspace " << workspace.string() << ").\n"
-            << "The walk through the driver's layered view is not part of this demo yet: it comes with the\n"
-            << "driver's filter directories. Every result below is checked; a difference ends the demo with\n"
-            << "exit status 1.\n\n";
+int RunDemo(const DemoOptions& options) {
+    std::ostream& out = options.out ? *options.out : std::cout;
+    fs::path workspace;
+    try {
+        workspace = MakeWorkspace(options.keepDir);
+        WriteDemoContent(workspace);
+    } catch (const std::exception& e) {
+        out << "tervane demo: cannot prepare the workspace: " << e.what() << "\n";
+        return 2;
     }
-    int failures = 0;
-    int code = kExitOk;
+    std::vector<DemoStep> steps = DemoSteps();
+    if (options.adjust) options.adjust(steps);
+
+    int checks = 0;
+    std::vector<std::string> differences;
     {
-        std::ostringstream transcript;
-        Interpreter interpreter(transcript, workspace);
-        int line = 0;
-        for (const auto& step : kSteps) {
-            transcript.str("");
-            int before = interpreter.FailureCount();
-            bool scriptError = false;
-            try {
-                interpreter.Execute(step.command, ++line);
-                for (const char* expect : step.expects)
-                    if (expect) interpreter.Execute(expect, line);
-            } catch (const ScriptError& e) {
-                transcript << "script error: " << e.what() << "\n";
-                ++failures;
-                scriptError = true;
-            }
-            bool failed = scriptError || interpreter.FailureCount() != before;
-            failures += interpreter.FailureCount() - before;
-            if (!quiet || failed) {
-                if (step.say) out << step.say << "\n";
-                out << "  > " << step.command << "\n";
-                std::istringstream lines(transcript.str());
-                for (std::string l; std::getline(lines, l);) out << "    " << l << "\n";
-            }
-        }
-        // The host side: what the machine wrote is in the volume's directory.
-        std::ifstream minutes(workspace / "volume" / "Docs" / "Meeting minutes.txt");
-        std::string text((std::istreambuf_iterator<char>(minutes)), std::istreambuf_iterator<char>());
-        if (text != "agenda") {
-            out << "DIFFERENCE: the host file Docs/Meeting minutes.txt holds \"" << EscapeBytes(text)
-                << "\", not \"agenda\"\n";
-            ++failures;
-        } else if (!quiet) {
-            out << "On the host, " << (workspace / "volume" / "Docs" / "Meeting minutes.txt").string()
-                << " holds \"agenda\".\n";
-        }
-        transcript.str("");
-        code = interpreter.Finish();
-        if (code != kExitOk) {
-            out << transcript.str();
-            ++failures;
-        } else if (!quiet) {
-            out << "The machine shut down; the verifier found no pool, handles or file objects outstanding.\n";
-        }
+        DemoRun run(out, options.quiet, workspace);
+        run.Say("tervane demo: the driver's layered view, step by step, every result checked.\nWorkspace: " +
+                workspace.string() +
+                (options.keepDir.empty() ? " (removed at the end; --keep DIR keeps one)" : "") + "\n\n");
+        run.BuildIndex();
+        for (size_t i = 0; i < steps.size(); ++i) run.Step(i + 1, steps[i]);
+        run.ShutDown();
+        checks = run.checks();
+        differences = run.differences();
     }
-    if (keepDir.empty()) std::filesystem::remove_all(workspace);
-    else if (!quiet) out << "The workspace stays in " << workspace.string() << ".\n";
-    if (failures) {
-        out << "tervane demo: " << failures << " step(s) differed from what was expected.\n";
+    if (options.keepDir.empty()) {
+        std::error_code ignored;
+        fs::remove_all(workspace, ignored);
+    } else if (!options.quiet) {
+        out << "\nThe workspace stays in " << workspace.string()
+            << ": volume/ is drive C:, volume/layers/ holds the filter directories.\n";
+    }
+    if (!differences.empty()) {
+        out << (options.quiet ? "" : "\n") << "tervane demo: " << differences.size() << " of " << checks << " checks differed:\n";
+        for (const auto& d : differences) out << "  - " << d << "\n";
         return 1;
     }
-    if (!quiet) out << "tervane demo: every step behaved as expected.\n";
+    out << (options.quiet ? "" : "\n") << "tervane demo: all " << checks << " checks passed.\n";
     return 0;
+}
+
+int RunDemo(const std::string& keepDir, bool quiet) {
+    DemoOptions options;
+    options.keepDir = keepDir;
+    options.quiet = quiet;
+    return RunDemo(options);
 }
 
 }  // namespace tervane::tool

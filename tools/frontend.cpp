@@ -76,9 +76,9 @@ int Main(int argc, char** argv) {
 
     std::string keep;
     bool quiet = false;
-    auto* demo = app.add_subcommand("demo", "a self-checking walk through the emulated machine");
+    auto* demo = app.add_subcommand("demo", "a narrated, self-checking walk through the layered view");
     demo->add_option("--keep", keep, "keep the workspace in this directory");
-    demo->add_flag("--quiet", quiet, "print only what went wrong");
+    demo->add_flag("--quiet", quiet, "print only the verdict");
 
     auto* index = app.add_subcommand("index", "build, dump and look up index files");
     index->require_subcommand(1);

@@ -30,8 +30,12 @@ const CliHelp kCliHelp[] = {
      "mistake is reported and the shell goes on; `exit` or end of input ends it and shuts the machine down.",
      "tervane shell"},
     {"demo", "tervane demo [--keep DIR] [--quiet]",
-     "A short, self-checking walk through the emulated machine on a workspace made in a temporary directory "
-     "(kept in DIR with --keep). Exits non-zero when anything differs from what it expects.",
+     "A narrated, self-checking walk through the driver's layered view on a workspace made in a temporary "
+     "directory (kept in DIR with --keep, which must be new or empty): three filter directories with an indexed "
+     "base layer, a monitored and an unmonitored process side by side, a layered open, copy-up, a hidden "
+     "deletion, a rename, a merged listing, an exclusion, the kernel log, pool by tag and the verifier's report. "
+     "--quiet prints only the verdict. Exit status: 0 every check passed, 1 something differed (each difference "
+     "is named), 2 the workspace could not be made.",
      "tervane demo --keep /tmp/tervane-demo"},
     {"index", "tervane index build HOSTDIR NODEFILE NAMEFILE | dump NODEFILE NAMEFILE | lookup NODEFILE NAMEFILE PATH",
      "Index files: build writes the pair describing the tree below HOSTDIR (refusing a tree that does not fit "
