@@ -160,4 +160,15 @@ TEST_F(DemoTest, EveryKindOfDifferenceFailsTheRunAndIsNamed) {
     }
 }
 
+TEST_F(DemoTest, AFailedSetUpStopsTheWalkButStillShutsDownClean) {
+    DemoOptions options;
+    options.adjust = [](auto& steps) { steps[0].left[4].line = "ctl add-process"; };  // a script error
+    auto r = Demo(options);
+    EXPECT_EQ(r.code, 1) << r.text;
+    EXPECT_NE(r.text.find("The walk stops here"), std::string::npos) << r.text;
+    EXPECT_EQ(r.text.find("2. A layered open"), std::string::npos) << r.text;
+    EXPECT_NE(r.text.find("checked: nothing outstanding."), std::string::npos) << r.text;
+    EXPECT_NE(r.text.find("tervane demo: 1 of "), std::string::npos) << r.text;
+}
+
 }  // namespace
