@@ -244,9 +244,10 @@ void Tree(Context& ctx, std::vector<Token> tokens) {
 void AddTreeCommands(std::vector<CommandSpec>& t) {
     t.push_back({"tree", Scope::Process, "tree PATH",
                  "Draws the process's view below the directory PATH as a tree, entries in the order the listing "
-                 "returns them, each with its size or <DIR> (info: entries). Once the driver has filter "
-                 "directories, each entry is marked with what serves this process's open of it: [N] the file in "
-                 "filter directory N, [volume] the volume's own file, [?] neither; a legend names the roots.",
+                 "returns them, each name once, with its size or <DIR> (info: entries). Once the driver has "
+                 "filter directories, each entry is marked with what serves this process's open of it: [N] the "
+                 "file in filter directory N, [volume] the volume's own file, [?] neither; \"also in N...\" names "
+                 "the other filter directories holding a copy on disk; a legend names the roots.",
                  "1234: tree C:\\dir", Tree});
 }
 
