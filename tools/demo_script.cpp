@@ -169,9 +169,10 @@ std::vector<DemoStep> DemoSteps() {
     steps.push_back({
         "A merged listing",
         "Listing C:\\Inkpad\\plugins gives that folder of every filter directory, one after the other from the "
-        "lowest: the middle layer's autosave.dll and spell.dll (640 bytes), then the base layer's entries "
-        "without wordcount.dll, which was deleted. Duplicates are not removed: spell.dll comes once from each "
-        "layer, the copy that an open reaches first; '.' and '..' once per layer too.",
+        "lowest: the pack location's copy (empty: the delete made it), the middle layer's autosave.dll and "
+        "spell.dll (640 bytes), then the base layer's spell.dll, without wordcount.dll, which was deleted. "
+        "Duplicates are not removed: spell.dll comes once from each layer that holds it, first the copy an "
+        "open reaches; '.' and '..' come once per layer.",
         {
             Cmd("1234: ls C:\\Inkpad\\plugins",
                 {"expect \"autosave.dll 448\n  spell.dll 640\"", "expect \"spell.dll 512\"",
