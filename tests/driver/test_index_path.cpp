@@ -132,6 +132,19 @@ TEST_F(IndexPathTest, LongPathsAreStoredAndFound) {
     EXPECT_EQ(Lookup(wide.substr(0, wide.size() - 1)), -1);
 }
 
+// Lookups run for every redirected request: they must not allocate.
+TEST_F(IndexPathTest, LookupsTakeNoAllocation) {
+    ASSERT_TRUE(Insert(u"C:\\a\\b\\c\\d.txt"));
+    auto allocations = [this] {
+        uint64_t n = 0;
+        for (const auto& use : machine->PoolUsage()) n += use.allocs;
+        return n;
+    };
+    uint64_t before = allocations();
+    for (const char16_t* path : {u"C:\\a\\b\\c\\d.txt", u"C:\\A\\B\\missing", u"C:\\a\\\\b\\"}) Lookup(path);
+    EXPECT_EQ(allocations(), before);
+}
+
 TEST_F(IndexPathTest, RemoveUnlinksTheWholeSubtree) {
     ASSERT_TRUE(Insert(u"C:\\a\\b\\c"));
     ASSERT_TRUE(Insert(u"C:\\a2"));
