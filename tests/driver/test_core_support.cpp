@@ -145,9 +145,9 @@ NTSTATUS NTAPI RecordControlOutcome(PDEVICE_OBJECT, PIRP irp, PVOID context) {
     auto* result = static_cast<ControlResult*>(context);
     result->status = irp->IoStatus.Status;
     result->information = irp->IoStatus.Information;
-    if (irp->AssociatedIrp.SystemBuffer != nullptr) {
-        memcpy(result->output.data(), irp->AssociatedIrp.SystemBuffer,
-               std::min<size_t>(irp->IoStatus.Information, result->output.size()));
+    const size_t copied = std::min<size_t>(irp->IoStatus.Information, result->output.size());
+    if (irp->AssociatedIrp.SystemBuffer != nullptr && copied != 0) {
+        memcpy(result->output.data(), irp->AssociatedIrp.SystemBuffer, copied);
     }
     return STATUS_SUCCESS;
 }
