@@ -114,7 +114,8 @@ void Index(Context& ctx, std::vector<Token> tokens) {
         ctx.Line(error);
         return;
     }
-    ctx.Line("entries=" + std::to_string(files.node.size() > 72 ? (files.node.size() - 72) / 48 : 0) +
+    size_t entries = (files.node.size() - indexfile::kNodeFileExtra) / indexfile::kEntrySize;
+    ctx.Line("entries=" + std::to_string(entries) +
              " node=" + std::to_string(files.node.size()) + " name=" + std::to_string(files.name.size()));
 }
 
