@@ -17,7 +17,9 @@ struct CliHelp {
 const CliHelp kCliHelp[] = {
     {"run", "tervane run FILE [--json] [--echo] [--workdir DIR | --temp]",
      "Runs a scenario script: one command a line, # starts a comment, arguments separated by blanks, double "
-     "quotes with C escapes (\\n \\\\ \\\" \\xHH) around arguments with blanks. Every command prints its status "
+     "quotes with C escapes (\\n \\r \\t \\0 \\\\ \\\" \\xHH) around arguments with blanks; any other backslash in quotes "
+     "stays as written, so \"C:\\docs\\My file\" needs no doubling (but \"C:\\new\" holds a newline). Every command "
+     "prints its status "
      "line and indented output; --json prints one JSON object a line instead, --echo prints each command first. "
      "Relative host directories (volume C: work) are taken beside the script, in DIR with --workdir, or in a "
      "fresh temporary directory, removed at the end, with --temp. "
