@@ -51,6 +51,10 @@ void DispatchTest::TearDown() {
     if (HasFailure() && getenv("TERVANE_TEST_LOG") != nullptr) {
         for (const auto& line : machine->LogLines()) std::cerr << line << "\n";
     }
+    // Handles a failed test left open are closed while the driver still
+    // serves their redirected opens.
+    machine->TerminateProcess(app);
+    machine->TerminateProcess(other);
     machine->Run(machine->SystemProcess(), [] { ReleaseDriverState(); });
     emu::VerifierReport report = machine->Shutdown();
     EXPECT_TRUE(report.Clean()) << report.ToString();
