@@ -16,16 +16,18 @@ namespace {
 
 struct HostFd {
     int fd = -1;
+    bool owned = true;  // false: borrowed (the volume's root), never closed here
     HostFd() = default;
-    explicit HostFd(int f) : fd(f) {}
+    explicit HostFd(int f, bool own = true) : fd(f), owned(own) {}
     HostFd(const HostFd&) = delete;
     HostFd& operator=(const HostFd&) = delete;
     ~HostFd() {
-        if (fd >= 0) close(fd);
+        if (owned && fd >= 0) close(fd);
     }
     void reset(int f) {
-        if (fd >= 0) close(fd);
+        if (owned && fd >= 0) close(fd);
         fd = f;
+        owned = true;
     }
 };
 
@@ -309,8 +311,9 @@ NTSTATUS CommonCreate(Vcb* vcb, PIRP irp, ULONG_PTR* info, std::vector<PIRP>* do
     if (!NT_SUCCESS(status)) return status;
     bool targetDir = (rq.flags & SL_OPEN_TARGET_DIRECTORY) != 0;
 
-    // Walk to the parent of the last component.
-    HostFd dir(OpenHostDir(vcb, ""));
+    // Walk to the parent of the last component, starting at the volume's own
+    // root descriptor (an open of it per request would cost a system call).
+    HostFd dir(vcb->rootFd, false);
     if (dir.fd < 0) return StatusFromErrno(errno);
     std::u16string dirName = u"\\";
     std::string dirHost;

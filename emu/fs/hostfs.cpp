@@ -90,7 +90,8 @@ int OpenHostChild(int dirFd, const std::string& hostName, bool directory, bool* 
         errno = EACCES;
         return -1;
     }
-    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+    // Back to blocking I/O; none of the other status flags were asked for.
+    fcntl(fd, F_SETFL, 0);
     return fd;
 }
 

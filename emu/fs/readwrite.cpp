@@ -87,25 +87,42 @@ NTSTATUS WriteLocked(Vcb* vcb, Fcb* fcb, PFILE_OBJECT fo, PIRP irp, LARGE_INTEGE
     return STATUS_SUCCESS;
 }
 
+// What a read or a write names (Read and Write share one layout), or the
+// status that refuses it: only a data file of this volume is read or written.
+struct Transfer {
+    Vcb* vcb;
+    Fcb* fcb;
+    PFILE_OBJECT fo;
+    ULONG length;
+    LARGE_INTEGER offset;
+    bool paging;
+};
+NTSTATUS GetTransfer(PDEVICE_OBJECT device, PIRP irp, Transfer* t) {
+    PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
+    t->vcb = VcbOf(device);
+    t->fo = sp->FileObject;
+    t->fcb = FcbOf(t->fo);
+    if (!t->vcb || !t->fcb) return STATUS_INVALID_PARAMETER;
+    if (t->fcb->isDirectory || t->fcb->isVolume) return STATUS_INVALID_DEVICE_REQUEST;
+    t->length = sp->Parameters.Read.Length;
+    t->offset = sp->Parameters.Read.ByteOffset;
+    t->paging = (irp->Flags & IRP_PAGING_IO) != 0;
+    return STATUS_SUCCESS;
+}
+
 }  // namespace
 
 NTSTATUS FsdRead(PDEVICE_OBJECT device, PIRP irp) {
-    Vcb* vcb = VcbOf(device);
-    PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
-    PFILE_OBJECT fo = sp->FileObject;
-    Fcb* fcb = FcbOf(fo);
-    if (!vcb || !fcb) return CompleteRequest(irp, STATUS_INVALID_PARAMETER, 0);
-    if (fcb->isDirectory || fcb->isVolume) return CompleteRequest(irp, STATUS_INVALID_DEVICE_REQUEST, 0);
-    ULONG length = sp->Parameters.Read.Length;
-    LARGE_INTEGER offset = sp->Parameters.Read.ByteOffset;
-    bool paging = (irp->Flags & IRP_PAGING_IO) != 0;
+    Transfer t;
+    NTSTATUS status = GetTransfer(device, irp, &t);
+    if (!NT_SUCCESS(status)) return CompleteRequest(irp, status, 0);
+    auto [vcb, fcb, fo, length, offset, paging] = t;
     if (UsesFilePointer(offset)) offset = fo->CurrentByteOffset;
     if (offset.QuadPart < 0) return CompleteRequest(irp, STATUS_INVALID_PARAMETER, 0);
     if (length == 0) return CompleteRequest(irp, STATUS_SUCCESS, 0);
     PVOID buffer = RequestBuffer(irp);
     if (!buffer) return CompleteRequest(irp, STATUS_INVALID_USER_BUFFER, 0);
 
-    NTSTATUS status = STATUS_SUCCESS;
     size_t got = 0;
     {
         std::lock_guard<std::mutex> lock(vcb->mutex);
@@ -115,21 +132,14 @@ NTSTATUS FsdRead(PDEVICE_OBJECT device, PIRP irp) {
 }
 
 NTSTATUS FsdWrite(PDEVICE_OBJECT device, PIRP irp) {
-    Vcb* vcb = VcbOf(device);
-    PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
-    PFILE_OBJECT fo = sp->FileObject;
-    Fcb* fcb = FcbOf(fo);
-    if (!vcb || !fcb) return CompleteRequest(irp, STATUS_INVALID_PARAMETER, 0);
-    if (fcb->isDirectory || fcb->isVolume) return CompleteRequest(irp, STATUS_INVALID_DEVICE_REQUEST, 0);
-    ULONG length = sp->Parameters.Write.Length;
-    LARGE_INTEGER offset = sp->Parameters.Write.ByteOffset;
-    bool paging = (irp->Flags & IRP_PAGING_IO) != 0;
+    Transfer t;
+    NTSTATUS status = GetTransfer(device, irp, &t);
+    if (!NT_SUCCESS(status)) return CompleteRequest(irp, status, 0);
     std::vector<PIRP> done;
-    NTSTATUS status;
     size_t put = 0;
     {
-        std::lock_guard<std::mutex> lock(vcb->mutex);
-        status = WriteLocked(vcb, fcb, fo, irp, offset, length, paging, &put, &done);
+        std::lock_guard<std::mutex> lock(t.vcb->mutex);
+        status = WriteLocked(t.vcb, t.fcb, t.fo, irp, t.offset, t.length, t.paging, &put, &done);
     }
     CompleteAll(done);
     return CompleteRequest(irp, status, put);

@@ -75,6 +75,33 @@ NTSTATUS FillWithName(PVOID buf, ULONG length, const void* fixed, ULONG fixedSiz
     return copy < bytes ? STATUS_BUFFER_OVERFLOW : STATUS_SUCCESS;
 }
 
+// Copies a fixed-size record into BUF of LENGTH bytes.
+NTSTATUS FillFixed(PVOID buf, ULONG length, const void* record, ULONG size, ULONG_PTR* information) {
+    if (length < size) return STATUS_INFO_LENGTH_MISMATCH;
+    memcpy(buf, record, size);
+    *information = size;
+    return STATUS_SUCCESS;
+}
+
+constexpr ULONG kSectorSize = 512;
+
+// The host file system's space in allocation units of this volume.
+struct HostSpace {
+    LONGLONG total = 0, callerAvailable = 0, actualAvailable = 0;
+};
+HostSpace QuerySpace(const Vcb* vcb) {
+    struct statvfs sv {};
+    HostSpace space;
+    if (fstatvfs(vcb->rootFd, &sv) != 0) return space;
+    auto units = [&](unsigned long long blocks) {
+        return static_cast<LONGLONG>(blocks * sv.f_frsize / kClusterSize);
+    };
+    space.total = units(sv.f_blocks);
+    space.callerAvailable = units(sv.f_bavail);
+    space.actualAvailable = units(sv.f_bfree);
+    return space;
+}
+
 }  // namespace
 
 Vcb* VcbOf(PDEVICE_OBJECT device) {
@@ -95,7 +122,6 @@ NTSTATUS FsdQueryVolumeInformation(PDEVICE_OBJECT device, PIRP irp) {
     PVOID buf = irp->AssociatedIrp.SystemBuffer ? irp->AssociatedIrp.SystemBuffer : RequestBuffer(irp);
     ULONG_PTR info = 0;
     NTSTATUS status;
-    struct statvfs sv {};
     ULONG cls = ClassValue(sp->Parameters.QueryVolume.FsInformationClass);
     switch (cls) {
         case FileFsVolumeInformation: {
@@ -109,38 +135,29 @@ NTSTATUS FsdQueryVolumeInformation(PDEVICE_OBJECT device, PIRP irp) {
             break;
         }
         case FileFsSizeInformation: {
-            if (length < sizeof(FILE_FS_SIZE_INFORMATION)) { status = STATUS_INFO_LENGTH_MISMATCH; break; }
-            fstatvfs(vcb->rootFd, &sv);
+            HostSpace space = QuerySpace(vcb);
             FILE_FS_SIZE_INFORMATION r{};
-            r.TotalAllocationUnits.QuadPart = static_cast<LONGLONG>(sv.f_blocks * sv.f_frsize / kClusterSize);
-            r.AvailableAllocationUnits.QuadPart = static_cast<LONGLONG>(sv.f_bavail * sv.f_frsize / kClusterSize);
-            r.SectorsPerAllocationUnit = kClusterSize / 512;
-            r.BytesPerSector = 512;
-            memcpy(buf, &r, sizeof r);
-            info = sizeof r;
-            status = STATUS_SUCCESS;
+            r.TotalAllocationUnits.QuadPart = space.total;
+            r.AvailableAllocationUnits.QuadPart = space.callerAvailable;
+            r.SectorsPerAllocationUnit = kClusterSize / kSectorSize;
+            r.BytesPerSector = kSectorSize;
+            status = FillFixed(buf, length, &r, sizeof r, &info);
             break;
         }
         case FileFsFullSizeInformation: {
-            if (length < sizeof(FILE_FS_FULL_SIZE_INFORMATION)) { status = STATUS_INFO_LENGTH_MISMATCH; break; }
-            fstatvfs(vcb->rootFd, &sv);
+            HostSpace space = QuerySpace(vcb);
             FILE_FS_FULL_SIZE_INFORMATION r{};
-            r.TotalAllocationUnits.QuadPart = static_cast<LONGLONG>(sv.f_blocks * sv.f_frsize / kClusterSize);
-            r.CallerAvailableAllocationUnits.QuadPart = static_cast<LONGLONG>(sv.f_bavail * sv.f_frsize / kClusterSize);
-            r.ActualAvailableAllocationUnits.QuadPart = static_cast<LONGLONG>(sv.f_bfree * sv.f_frsize / kClusterSize);
-            r.SectorsPerAllocationUnit = kClusterSize / 512;
-            r.BytesPerSector = 512;
-            memcpy(buf, &r, sizeof r);
-            info = sizeof r;
-            status = STATUS_SUCCESS;
+            r.TotalAllocationUnits.QuadPart = space.total;
+            r.CallerAvailableAllocationUnits.QuadPart = space.callerAvailable;
+            r.ActualAvailableAllocationUnits.QuadPart = space.actualAvailable;
+            r.SectorsPerAllocationUnit = kClusterSize / kSectorSize;
+            r.BytesPerSector = kSectorSize;
+            status = FillFixed(buf, length, &r, sizeof r, &info);
             break;
         }
         case FileFsDeviceInformation: {
-            if (length < sizeof(FILE_FS_DEVICE_INFORMATION)) { status = STATUS_INFO_LENGTH_MISMATCH; break; }
             FILE_FS_DEVICE_INFORMATION r{FILE_DEVICE_DISK, kFileDeviceIsMounted};
-            memcpy(buf, &r, sizeof r);
-            info = sizeof r;
-            status = STATUS_SUCCESS;
+            status = FillFixed(buf, length, &r, sizeof r, &info);
             break;
         }
         case FileFsAttributeInformation: {

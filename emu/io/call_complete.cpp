@@ -26,16 +26,6 @@ void ZeroStackLocation(PIO_STACK_LOCATION sp) {
     sp->FileObject = nullptr;
 }
 
-void FreeMdls(PIRP irp) {
-    for (PMDL mdl = irp->MdlAddress; mdl;) {
-        PMDL next = mdl->Next;
-        if (mdl->MdlFlags & MDL_PAGES_LOCKED) MmUnlockPages(mdl);
-        IoFreeMdl(mdl);
-        mdl = next;
-    }
-    irp->MdlAddress = nullptr;
-}
-
 // The second stage of completion for a packet the I/O manager built.
 void CompleteServiceIrp(PIRP irp) {
     PFILE_OBJECT file = irp->Tail.Overlay.OriginalFileObject;
@@ -46,18 +36,10 @@ void CompleteServiceIrp(PIRP irp) {
         IoFreeIrp(irp);
         return;
     }
-    if (irp->Flags & IRP_BUFFERED_IO) {
-        if ((irp->Flags & IRP_INPUT_OPERATION) && !NT_ERROR(status) && irp->IoStatus.Information && irp->UserBuffer)
-            memcpy(irp->UserBuffer, irp->AssociatedIrp.SystemBuffer, irp->IoStatus.Information);
-        if (irp->Flags & IRP_DEALLOCATE_BUFFER) ExFreePoolWithTag(irp->AssociatedIrp.SystemBuffer, kTagBuffer);
-        irp->AssociatedIrp.SystemBuffer = nullptr;
-    }
-    irp->Flags &= ~(IRP_DEALLOCATE_BUFFER | IRP_BUFFERED_IO);
-    FreeMdls(irp);
-    if (irp->Tail.Overlay.AuxiliaryBuffer) {
-        ExFreePoolWithTag(irp->Tail.Overlay.AuxiliaryBuffer, kTagBuffer);
-        irp->Tail.Overlay.AuxiliaryBuffer = nullptr;
-    }
+    if ((irp->Flags & IRP_BUFFERED_IO) && (irp->Flags & IRP_INPUT_OPERATION) && !NT_ERROR(status) &&
+        irp->IoStatus.Information && irp->UserBuffer)
+        memcpy(irp->UserBuffer, irp->AssociatedIrp.SystemBuffer, irp->IoStatus.Information);
+    IopReleaseIrpBuffers(irp);
     bool create = (irp->Flags & IRP_CREATE_OPERATION) != 0;
     bool synchronousApi = (irp->Flags & IRP_SYNCHRONOUS_API) != 0;
     PKEVENT userEvent = irp->UserEvent;
@@ -82,6 +64,26 @@ void CompleteServiceIrp(PIRP irp) {
 }
 
 }  // namespace
+
+void IopReleaseIrpBuffers(PIRP irp) {
+    if (irp->Flags & IRP_DEALLOCATE_BUFFER) {
+        ExFreePoolWithTag(irp->AssociatedIrp.SystemBuffer, kTagBuffer);
+        irp->AssociatedIrp.SystemBuffer = nullptr;
+    }
+    irp->Flags &= ~(IRP_DEALLOCATE_BUFFER | IRP_BUFFERED_IO);
+    for (PMDL mdl = irp->MdlAddress; mdl;) {
+        PMDL next = mdl->Next;
+        if (mdl->MdlFlags & MDL_PAGES_LOCKED) MmUnlockPages(mdl);
+        IoFreeMdl(mdl);
+        mdl = next;
+    }
+    irp->MdlAddress = nullptr;
+    if (irp->Tail.Overlay.AuxiliaryBuffer) {
+        ExFreePoolWithTag(irp->Tail.Overlay.AuxiliaryBuffer, kTagBuffer);
+        irp->Tail.Overlay.AuxiliaryBuffer = nullptr;
+    }
+}
+
 }  // namespace tervane::emu
 
 using namespace tervane::emu;

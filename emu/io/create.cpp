@@ -75,14 +75,9 @@ NTSTATUS IopMountIfNeeded(PDEVICE_OBJECT device, PVPB* result) {
         KEVENT event;
         IO_STATUS_BLOCK iosb{};
         KeInitializeEvent(&event, NotificationEvent, FALSE);
-        irp->AllocationFlags |= kIrpService;
+        IopInitializeServiceIrp(irp, nullptr, IRP_MJ_FILE_SYSTEM_CONTROL, KernelMode, &iosb, &event);
         irp->Flags = IRP_MOUNT_COMPLETION | IRP_SYNCHRONOUS_API;
-        irp->UserEvent = &event;
-        irp->UserIosb = &iosb;
-        irp->RequestorMode = KernelMode;
-        irp->Tail.Overlay.Thread = CurrentThread();
         PIO_STACK_LOCATION sp = IoGetNextIrpStackLocation(irp);
-        sp->MajorFunction = IRP_MJ_FILE_SYSTEM_CONTROL;
         sp->MinorFunction = IRP_MN_MOUNT_VOLUME;
         sp->Parameters.MountVolume.Vpb = vpb;
         sp->Parameters.MountVolume.DeviceObject = IoGetAttachedDevice(device);

@@ -45,15 +45,6 @@ NTSTATUS SetControlBuffers(PIRP irp, ULONG code, PVOID input, ULONG inputLength,
     return STATUS_SUCCESS;
 }
 
-void DiscardBuffers(PIRP irp) {
-    if (irp->Flags & IRP_DEALLOCATE_BUFFER) ExFreePoolWithTag(irp->AssociatedIrp.SystemBuffer, kTagBuffer);
-    if (irp->MdlAddress) {
-        MmUnlockPages(irp->MdlAddress);
-        IoFreeMdl(irp->MdlAddress);
-    }
-    IoFreeIrp(irp);
-}
-
 NTSTATUS Control(bool deviceControl, KPROCESSOR_MODE mode, HANDLE handle, HANDLE event, PIO_APC_ROUTINE apcRoutine,
                  PVOID apcContext, PIO_STATUS_BLOCK iosb, ULONG code, PVOID input, ULONG inputLength, PVOID output,
                  ULONG outputLength) {
@@ -65,8 +56,7 @@ NTSTATUS Control(bool deviceControl, KPROCESSOR_MODE mode, HANDLE handle, HANDLE
     ULONG access = (code >> 14) & 3;
     if (mode != KernelMode && (((access & FILE_READ_ACCESS) && !(request.granted & FILE_READ_DATA)) ||
                                ((access & FILE_WRITE_ACCESS) && !(request.granted & FILE_WRITE_DATA)))) {
-        IopReleaseRequest(&request);
-        return STATUS_ACCESS_DENIED;
+        return IopAbandonRequest(&request, nullptr, STATUS_ACCESS_DENIED);
     }
     if (deviceControl) {
         IO_STATUS_BLOCK result{};
@@ -74,35 +64,13 @@ NTSTATUS Control(bool deviceControl, KPROCESSOR_MODE mode, HANDLE handle, HANDLE
         if (fast && fast(request.file, TRUE, input, inputLength, output, outputLength, code, &result, request.device))
             return IopFinishFastIo(&request, result, iosb);
     }
-    PIRP irp = IopBuildServiceIrp(request.device, request.file,
-                                  deviceControl ? IRP_MJ_DEVICE_CONTROL : IRP_MJ_FILE_SYSTEM_CONTROL, mode, iosb,
-                                  request.event);
-    if (!irp) {
-        IopReleaseRequest(&request);
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
-    irp->Overlay.AsynchronousParameters.UserApcRoutine = apcRoutine;
-    irp->Overlay.AsynchronousParameters.UserApcContext = apcContext;
+    PIRP irp = IopBuildRequestIrp(&request, deviceControl ? IRP_MJ_DEVICE_CONTROL : IRP_MJ_FILE_SYSTEM_CONTROL, mode,
+                                  iosb, apcRoutine, apcContext);
+    if (!irp) return IopAbandonRequest(&request, nullptr, STATUS_INSUFFICIENT_RESOURCES);
     if (!deviceControl) IoGetNextIrpStackLocation(irp)->MinorFunction = IRP_MN_USER_FS_REQUEST;
     status = SetControlBuffers(irp, code, input, inputLength, output, outputLength, mode);
-    if (!NT_SUCCESS(status)) {
-        DiscardBuffers(irp);
-        IopReleaseRequest(&request);
-        return status;
-    }
+    if (!NT_SUCCESS(status)) return IopAbandonRequest(&request, irp, status);
     return IopSynchronousServiceTail(&request, irp);
-}
-
-PIRP BuildKernelIrp(PDEVICE_OBJECT device, UCHAR major, PKEVENT event, PIO_STATUS_BLOCK iosb) {
-    PIRP irp = IoAllocateIrp(device->StackSize, FALSE);
-    if (!irp) return nullptr;
-    irp->AllocationFlags |= kIrpService;
-    irp->RequestorMode = KernelMode;
-    irp->UserEvent = event;
-    irp->UserIosb = iosb;
-    irp->Tail.Overlay.Thread = CurrentThread();
-    IoGetNextIrpStackLocation(irp)->MajorFunction = major;
-    return irp;
 }
 
 }  // namespace
@@ -113,13 +81,13 @@ using namespace tervane::emu;
 PIRP IoBuildDeviceIoControlRequest(ULONG IoControlCode, PDEVICE_OBJECT DeviceObject, PVOID InputBuffer,
                                    ULONG InputBufferLength, PVOID OutputBuffer, ULONG OutputBufferLength,
                                    BOOLEAN InternalDeviceIoControl, PKEVENT Event, PIO_STATUS_BLOCK IoStatusBlock) {
-    PIRP irp = BuildKernelIrp(DeviceObject,
-                              InternalDeviceIoControl ? IRP_MJ_INTERNAL_DEVICE_CONTROL : IRP_MJ_DEVICE_CONTROL, Event,
-                              IoStatusBlock);
+    PIRP irp = IopBuildServiceIrp(DeviceObject, nullptr,
+                                  InternalDeviceIoControl ? IRP_MJ_INTERNAL_DEVICE_CONTROL : IRP_MJ_DEVICE_CONTROL,
+                                  KernelMode, IoStatusBlock, Event);
     if (!irp) return nullptr;
     if (!NT_SUCCESS(SetControlBuffers(irp, IoControlCode, InputBuffer, InputBufferLength, OutputBuffer,
                                       OutputBufferLength, KernelMode))) {
-        DiscardBuffers(irp);
+        IopDiscardIrp(irp);
         return nullptr;
     }
     return irp;
@@ -127,12 +95,12 @@ PIRP IoBuildDeviceIoControlRequest(ULONG IoControlCode, PDEVICE_OBJECT DeviceObj
 
 PIRP IoBuildSynchronousFsdRequest(ULONG MajorFunction, PDEVICE_OBJECT DeviceObject, PVOID Buffer, ULONG Length,
                                   PLARGE_INTEGER StartingOffset, PKEVENT Event, PIO_STATUS_BLOCK IoStatusBlock) {
-    PIRP irp = BuildKernelIrp(DeviceObject, UCHAR(MajorFunction), Event, IoStatusBlock);
+    PIRP irp = IopBuildServiceIrp(DeviceObject, nullptr, UCHAR(MajorFunction), KernelMode, IoStatusBlock, Event);
     if (!irp) return nullptr;
     if (MajorFunction == IRP_MJ_READ || MajorFunction == IRP_MJ_WRITE) {
         if (!NT_SUCCESS(IopSetTransferBuffer(irp, DeviceObject, Buffer, Length, MajorFunction == IRP_MJ_READ,
                                              KernelMode))) {
-            DiscardBuffers(irp);
+            IopDiscardIrp(irp);
             return nullptr;
         }
         PIO_STACK_LOCATION sp = IoGetNextIrpStackLocation(irp);

@@ -27,14 +27,8 @@ ULONG DirectoryClassLength(FILE_INFORMATION_CLASS c) {
 NTSTATUS SendDirectoryControl(FileRequest* request, KPROCESSOR_MODE mode, UCHAR minor, PIO_APC_ROUTINE apcRoutine,
                               PVOID apcContext, PIO_STATUS_BLOCK iosb, PVOID buffer, ULONG length,
                               PUNICODE_STRING pattern, UCHAR flags, FILE_INFORMATION_CLASS c, ULONG filter) {
-    PIRP irp = IopBuildServiceIrp(request->device, request->file, IRP_MJ_DIRECTORY_CONTROL, mode, iosb,
-                                  request->event);
-    if (!irp) {
-        IopReleaseRequest(request);
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
-    irp->Overlay.AsynchronousParameters.UserApcRoutine = apcRoutine;
-    irp->Overlay.AsynchronousParameters.UserApcContext = apcContext;
+    PIRP irp = IopBuildRequestIrp(request, IRP_MJ_DIRECTORY_CONTROL, mode, iosb, apcRoutine, apcContext);
+    if (!irp) return IopAbandonRequest(request, nullptr, STATUS_INSUFFICIENT_RESOURCES);
     NTSTATUS status = IopSetTransferBuffer(irp, request->device, buffer, length, true, mode);
     PIO_STACK_LOCATION sp = IoGetNextIrpStackLocation(irp);
     sp->MinorFunction = minor;
@@ -53,16 +47,7 @@ NTSTATUS SendDirectoryControl(FileRequest* request, KPROCESSOR_MODE mode, UCHAR 
             sp->Parameters.QueryDirectory.FileName = copy;
         }
     }
-    if (!NT_SUCCESS(status)) {
-        if (irp->AssociatedIrp.SystemBuffer) ExFreePoolWithTag(irp->AssociatedIrp.SystemBuffer, kTagBuffer);
-        if (irp->MdlAddress) {
-            MmUnlockPages(irp->MdlAddress);
-            IoFreeMdl(irp->MdlAddress);
-        }
-        IoFreeIrp(irp);
-        IopReleaseRequest(request);
-        return status;
-    }
+    if (!NT_SUCCESS(status)) return IopAbandonRequest(request, irp, status);
     if (minor == IRP_MN_QUERY_DIRECTORY) {
         sp->Parameters.QueryDirectory.Length = length;
         sp->Parameters.QueryDirectory.FileInformationClass = c;

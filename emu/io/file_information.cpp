@@ -75,6 +75,17 @@ ULONG ModeOf(PFILE_OBJECT file) {
     return mode;
 }
 
+// The checks both services make, in NT's order, before the handle is
+// referenced with the access the class needs.
+NTSTATUS ReferenceForClass(KPROCESSOR_MODE mode, HANDLE handle, PIO_STATUS_BLOCK iosb, PVOID buffer, ULONG length,
+                           ClassRule rule, FileRequest* request) {
+    if (!iosb) return STATUS_ACCESS_VIOLATION;
+    if (!rule.length) return STATUS_INVALID_INFO_CLASS;
+    if (length < rule.length) return STATUS_INFO_LENGTH_MISMATCH;
+    if (!buffer) return STATUS_ACCESS_VIOLATION;
+    return IopReferenceFileRequest(handle, rule.access, nullptr, mode, request);
+}
+
 NTSTATUS Answer(FileRequest* request, PIO_STATUS_BLOCK iosb, NTSTATUS status, ULONG information) {
     iosb->Status = status;
     iosb->Information = information;
@@ -119,13 +130,8 @@ bool TryFastQuery(FileRequest* request, FILE_INFORMATION_CLASS c, PVOID buffer, 
 
 NTSTATUS QueryInformation(KPROCESSOR_MODE mode, HANDLE handle, PIO_STATUS_BLOCK iosb, PVOID buffer, ULONG length,
                           FILE_INFORMATION_CLASS c) {
-    if (!iosb) return STATUS_ACCESS_VIOLATION;
-    ClassRule rule = QueryRule(c);
-    if (!rule.length) return STATUS_INVALID_INFO_CLASS;
-    if (length < rule.length) return STATUS_INFO_LENGTH_MISMATCH;
-    if (!buffer) return STATUS_ACCESS_VIOLATION;
     FileRequest request;
-    NTSTATUS status = IopReferenceFileRequest(handle, rule.access, nullptr, mode, &request);
+    NTSTATUS status = ReferenceForClass(mode, handle, iosb, buffer, length, QueryRule(c), &request);
     if (!NT_SUCCESS(status)) return status;
     PFILE_OBJECT file = request.file;
     switch (c) {
@@ -146,17 +152,11 @@ NTSTATUS QueryInformation(KPROCESSOR_MODE mode, HANDLE handle, PIO_STATUS_BLOCK 
     IO_STATUS_BLOCK result{};
     if (TryFastQuery(&request, c, buffer, &result)) return IopFinishFastIo(&request, result, iosb);
 
-    PIRP irp = IopBuildServiceIrp(request.device, file, IRP_MJ_QUERY_INFORMATION, mode, nullptr, nullptr);
-    PVOID system = irp ? ExAllocatePoolWithTag(NonPagedPool, length, kTagBuffer) : nullptr;
-    if (!system) {
-        if (irp) IoFreeIrp(irp);
-        IopReleaseRequest(&request);
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
-    memset(system, 0, length);
-    irp->AssociatedIrp.SystemBuffer = system;
-    irp->UserBuffer = buffer;
-    irp->Flags |= IRP_BUFFERED_IO | IRP_DEALLOCATE_BUFFER | IRP_INPUT_OPERATION | IRP_DEFER_IO_COMPLETION;
+    PIRP irp = IopBuildRequestIrp(&request, IRP_MJ_QUERY_INFORMATION, mode, nullptr);
+    if (!irp) return IopAbandonRequest(&request, nullptr, STATUS_INSUFFICIENT_RESOURCES);
+    status = IopSetSystemBuffer(irp, buffer, length, true);
+    if (!NT_SUCCESS(status)) return IopAbandonRequest(&request, irp, status);
+    irp->Flags |= IRP_DEFER_IO_COMPLETION;
     PIO_STACK_LOCATION sp = IoGetNextIrpStackLocation(irp);
     sp->Parameters.QueryFile.Length = length;
     sp->Parameters.QueryFile.FileInformationClass = c;
@@ -167,13 +167,8 @@ NTSTATUS QueryInformation(KPROCESSOR_MODE mode, HANDLE handle, PIO_STATUS_BLOCK 
 
 NTSTATUS SetInformation(KPROCESSOR_MODE mode, HANDLE handle, PIO_STATUS_BLOCK iosb, PVOID buffer, ULONG length,
                         FILE_INFORMATION_CLASS c) {
-    if (!iosb) return STATUS_ACCESS_VIOLATION;
-    ClassRule rule = SetRule(c);
-    if (!rule.length) return STATUS_INVALID_INFO_CLASS;
-    if (length < rule.length) return STATUS_INFO_LENGTH_MISMATCH;
-    if (!buffer) return STATUS_ACCESS_VIOLATION;
     FileRequest request;
-    NTSTATUS status = IopReferenceFileRequest(handle, rule.access, nullptr, mode, &request);
+    NTSTATUS status = ReferenceForClass(mode, handle, iosb, buffer, length, SetRule(c), &request);
     if (!NT_SUCCESS(status)) return status;
     PFILE_OBJECT file = request.file;
     if (c == FileModeInformation)
@@ -207,15 +202,12 @@ NTSTATUS SetInformation(KPROCESSOR_MODE mode, HANDLE handle, PIO_STATUS_BLOCK io
         }
     }
 
-    PIRP irp = IopBuildServiceIrp(request.device, file, IRP_MJ_SET_INFORMATION, mode, nullptr, nullptr);
-    PVOID system = irp ? ExAllocatePoolWithTag(NonPagedPool, length, kTagBuffer) : nullptr;
-    if (!system) {
-        if (irp) IoFreeIrp(irp);
-        status = STATUS_INSUFFICIENT_RESOURCES;
+    PIRP irp = IopBuildRequestIrp(&request, IRP_MJ_SET_INFORMATION, mode, nullptr);
+    status = irp ? IopSetSystemBuffer(irp, buffer, length, false) : STATUS_INSUFFICIENT_RESOURCES;
+    if (!NT_SUCCESS(status)) {
+        if (irp) IopDiscardIrp(irp);
     } else {
-        memcpy(system, buffer, length);
-        irp->AssociatedIrp.SystemBuffer = system;
-        irp->Flags |= IRP_BUFFERED_IO | IRP_DEALLOCATE_BUFFER | IRP_DEFER_IO_COMPLETION;
+        irp->Flags |= IRP_DEFER_IO_COMPLETION;
         PIO_STACK_LOCATION sp = IoGetNextIrpStackLocation(irp);
         sp->Parameters.SetFile.Length = length;
         sp->Parameters.SetFile.FileInformationClass = c;

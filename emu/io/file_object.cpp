@@ -27,23 +27,17 @@ std::set<PFILE_OBJECT>& Files() {
     return *g_files;
 }
 
-// Sends IRP_MJ_CLEANUP or IRP_MJ_CLOSE for FILE and waits for it.
-void SendCloseOperation(PFILE_OBJECT file, UCHAR major) {
+// Sends a packet of the close path (cleanup, close, the unlock-all before
+// cleanup) for FILE and waits for it; such packets are never refused.
+void SendCloseOperation(PFILE_OBJECT file, UCHAR major, UCHAR minor = 0) {
     PDEVICE_OBJECT device = IoGetRelatedDeviceObject(file);
     PIRP irp = IopAllocateIrpMustSucceed(device->StackSize);
     KEVENT event;
     IO_STATUS_BLOCK iosb{};
     KeInitializeEvent(&event, NotificationEvent, FALSE);
-    irp->AllocationFlags |= kIrpService;
+    IopInitializeServiceIrp(irp, file, major, KernelMode, &iosb, &event);
     irp->Flags = IRP_CLOSE_OPERATION | IRP_SYNCHRONOUS_API;
-    irp->UserEvent = &event;
-    irp->UserIosb = &iosb;
-    irp->RequestorMode = KernelMode;
-    irp->Tail.Overlay.Thread = CurrentThread();
-    irp->Tail.Overlay.OriginalFileObject = file;
-    PIO_STACK_LOCATION sp = IoGetNextIrpStackLocation(irp);
-    sp->MajorFunction = major;
-    sp->FileObject = file;
+    IoGetNextIrpStackLocation(irp)->MinorFunction = minor;
     IopSendAndWait(device, irp, &event, &iosb);
 }
 
@@ -51,21 +45,7 @@ void UnlockAll(_EPROCESS* process, PFILE_OBJECT file) {
     PDEVICE_OBJECT device = IoGetRelatedDeviceObject(file);
     IO_STATUS_BLOCK iosb{};
     if (auto fast = IOP_FAST_IO(device, FastIoUnlockAll); fast && fast(file, process, &iosb, device)) return;
-    PIRP irp = IopAllocateIrpMustSucceed(device->StackSize);
-    KEVENT event;
-    KeInitializeEvent(&event, NotificationEvent, FALSE);
-    irp->AllocationFlags |= kIrpService;
-    irp->Flags = IRP_CLOSE_OPERATION | IRP_SYNCHRONOUS_API;
-    irp->UserEvent = &event;
-    irp->UserIosb = &iosb;
-    irp->RequestorMode = KernelMode;
-    irp->Tail.Overlay.Thread = CurrentThread();
-    irp->Tail.Overlay.OriginalFileObject = file;
-    PIO_STACK_LOCATION sp = IoGetNextIrpStackLocation(irp);
-    sp->MajorFunction = IRP_MJ_LOCK_CONTROL;
-    sp->MinorFunction = IRP_MN_UNLOCK_ALL;
-    sp->FileObject = file;
-    IopSendAndWait(device, irp, &event, &iosb);
+    SendCloseOperation(file, IRP_MJ_LOCK_CONTROL, IRP_MN_UNLOCK_ALL);
 }
 
 void CloseFile(_EPROCESS* process, PVOID object, ACCESS_MASK granted, ULONG handlesLeft) {

@@ -82,6 +82,15 @@ void IopReleaseFileObjectLock(PFILE_OBJECT file);
 // and event. The next stack location has MAJOR and the file object.
 PIRP IopBuildServiceIrp(PDEVICE_OBJECT device, PFILE_OBJECT file, UCHAR major, KPROCESSOR_MODE mode,
                         PIO_STATUS_BLOCK userIosb, PKEVENT userEvent);
+// The same fields on a packet the caller allocated (FILE may be null).
+void IopInitializeServiceIrp(PIRP irp, PFILE_OBJECT file, UCHAR major, KPROCESSOR_MODE mode,
+                             PIO_STATUS_BLOCK userIosb, PKEVENT userEvent);
+
+// Frees what a service packet holds besides itself: its system buffer
+// (IRP_DEALLOCATE_BUFFER), its MDLs and its auxiliary buffer.
+void IopReleaseIrpBuffers(PIRP irp);
+// Frees a packet that was never sent, with everything it holds.
+void IopDiscardIrp(PIRP irp);
 
 // Services: a file handle resolved for a request.
 struct FileRequest {
@@ -97,6 +106,19 @@ struct FileRequest {
 NTSTATUS IopReferenceFileRequest(HANDLE handle, ACCESS_MASK access, HANDLE event, KPROCESSOR_MODE mode,
                                  FileRequest* request);
 void IopReleaseRequest(FileRequest* request);
+
+// The service packet of REQUEST: the caller's status block (USERIOSB), its
+// event and its APC. Null when no packet could be allocated.
+PIRP IopBuildRequestIrp(FileRequest* request, UCHAR major, KPROCESSOR_MODE mode, PIO_STATUS_BLOCK userIosb,
+                        PIO_APC_ROUTINE apcRoutine = nullptr, PVOID apcContext = nullptr);
+// Ends a request that fails before its packet is sent: discards IRP (may be
+// null), releases the request and returns STATUS.
+NTSTATUS IopAbandonRequest(FileRequest* request, PIRP irp, NTSTATUS status);
+
+// A buffered information transfer of LENGTH bytes through a system buffer:
+// zeroed and copied back to BUFFER at completion (OUTPUT), or a copy of
+// BUFFER for the driver to read.
+NTSTATUS IopSetSystemBuffer(PIRP irp, PVOID buffer, ULONG length, bool output);
 
 // Sends a service packet built for REQUEST. For a synchronous file object it
 // waits for a pending packet, releases the lock and returns the final

@@ -31,14 +31,8 @@ NTSTATUS Lock(KPROCESSOR_MODE mode, HANDLE handle, HANDLE event, PIO_APC_ROUTINE
     auto fast = IOP_FAST_IO(request.device, FastIoLock);
     if (fast && fast(file, &offset, &size, CurrentProcess(), key, failImmediately, exclusive, &result, request.device))
         return IopFinishFastIo(&request, result, iosb);
-    PIRP irp = IopBuildServiceIrp(request.device, file, IRP_MJ_LOCK_CONTROL, mode, iosb, request.event);
-    if (!irp || !AttachLength(irp, size)) {
-        if (irp) IoFreeIrp(irp);
-        IopReleaseRequest(&request);
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
-    irp->Overlay.AsynchronousParameters.UserApcRoutine = apcRoutine;
-    irp->Overlay.AsynchronousParameters.UserApcContext = apcContext;
+    PIRP irp = IopBuildRequestIrp(&request, IRP_MJ_LOCK_CONTROL, mode, iosb, apcRoutine, apcContext);
+    if (!irp || !AttachLength(irp, size)) return IopAbandonRequest(&request, irp, STATUS_INSUFFICIENT_RESOURCES);
     PIO_STACK_LOCATION sp = IoGetNextIrpStackLocation(irp);
     sp->MinorFunction = IRP_MN_LOCK;
     sp->Flags = (failImmediately ? SL_FAIL_IMMEDIATELY : 0) | (exclusive ? SL_EXCLUSIVE_LOCK : 0);
@@ -58,12 +52,8 @@ NTSTATUS Unlock(KPROCESSOR_MODE mode, HANDLE handle, PIO_STATUS_BLOCK iosb, PLAR
     auto fast = IOP_FAST_IO(request.device, FastIoUnlockSingle);
     if (fast && fast(request.file, &offset, &size, CurrentProcess(), key, &result, request.device))
         return IopFinishFastIo(&request, result, iosb);
-    PIRP irp = IopBuildServiceIrp(request.device, request.file, IRP_MJ_LOCK_CONTROL, mode, nullptr, nullptr);
-    if (!irp || !AttachLength(irp, size)) {
-        if (irp) IoFreeIrp(irp);
-        IopReleaseRequest(&request);
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
+    PIRP irp = IopBuildRequestIrp(&request, IRP_MJ_LOCK_CONTROL, mode, nullptr);
+    if (!irp || !AttachLength(irp, size)) return IopAbandonRequest(&request, irp, STATUS_INSUFFICIENT_RESOURCES);
     PIO_STACK_LOCATION sp = IoGetNextIrpStackLocation(irp);
     sp->MinorFunction = IRP_MN_UNLOCK_SINGLE;
     sp->Parameters.LockControl.Key = key;
@@ -78,11 +68,8 @@ NTSTATUS Flush(KPROCESSOR_MODE mode, HANDLE handle, PIO_STATUS_BLOCK iosb) {
     FileRequest request;
     NTSTATUS status = IopReferenceFileRequest(handle, FILE_WRITE_DATA | FILE_APPEND_DATA, nullptr, mode, &request);
     if (!NT_SUCCESS(status)) return status;
-    PIRP irp = IopBuildServiceIrp(request.device, request.file, IRP_MJ_FLUSH_BUFFERS, mode, nullptr, nullptr);
-    if (!irp) {
-        IopReleaseRequest(&request);
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
+    PIRP irp = IopBuildRequestIrp(&request, IRP_MJ_FLUSH_BUFFERS, mode, nullptr);
+    if (!irp) return IopAbandonRequest(&request, nullptr, STATUS_INSUFFICIENT_RESOURCES);
     KEVENT event;
     IO_STATUS_BLOCK local{};
     return IopSynchronousApi(&request, irp, iosb, &event, &local);

@@ -28,8 +28,8 @@ NTSTATUS ReadWrite(bool write, KPROCESSOR_MODE mode, HANDLE fileHandle, HANDLE e
     if (request.synchronous && usePosition) {
         offset = file->CurrentByteOffset;
     } else if (!byteOffset) {
-        IopReleaseRequest(&request);
-        return STATUS_INVALID_PARAMETER;  // an asynchronous file object has no position to use
+        // An asynchronous file object has no position to use.
+        return IopAbandonRequest(&request, nullptr, STATUS_INVALID_PARAMETER);
     } else {
         offset = *byteOffset;
     }
@@ -49,26 +49,13 @@ NTSTATUS ReadWrite(bool write, KPROCESSOR_MODE mode, HANDLE fileHandle, HANDLE e
         if (done) return IopFinishFastIo(&request, result, ioStatusBlock);
     }
 
-    PIRP irp = IopBuildServiceIrp(device, file, write ? IRP_MJ_WRITE : IRP_MJ_READ, mode, ioStatusBlock,
-                                  request.event);
-    if (!irp) {
-        IopReleaseRequest(&request);
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
-    irp->Overlay.AsynchronousParameters.UserApcRoutine = apcRoutine;
-    irp->Overlay.AsynchronousParameters.UserApcContext = apcContext;
+    PIRP irp = IopBuildRequestIrp(&request, write ? IRP_MJ_WRITE : IRP_MJ_READ, mode, ioStatusBlock, apcRoutine,
+                                  apcContext);
+    if (!irp) return IopAbandonRequest(&request, nullptr, STATUS_INSUFFICIENT_RESOURCES);
     irp->Flags |= (write ? IRP_WRITE_OPERATION : IRP_READ_OPERATION) | IRP_DEFER_IO_COMPLETION;
     if (file->Flags & FO_NO_INTERMEDIATE_BUFFERING) irp->Flags |= IRP_NOCACHE;
     status = IopSetTransferBuffer(irp, device, buffer, length, !write, mode);
-    if (!NT_SUCCESS(status)) {
-        if (irp->MdlAddress) {
-            MmUnlockPages(irp->MdlAddress);
-            IoFreeMdl(irp->MdlAddress);
-        }
-        IoFreeIrp(irp);
-        IopReleaseRequest(&request);
-        return status;
-    }
+    if (!NT_SUCCESS(status)) return IopAbandonRequest(&request, irp, status);
     PIO_STACK_LOCATION sp = IoGetNextIrpStackLocation(irp);
     // Read and Write share one layout.
     sp->Parameters.Read.Length = length;

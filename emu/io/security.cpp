@@ -5,6 +5,7 @@
 #include <functional>
 
 #include "io/io_internal.h"
+#include "rtl/security_descriptor.h"
 
 namespace tervane::emu {
 namespace {
@@ -37,10 +38,7 @@ NTSTATUS SendSecurityIrp(KPROCESSOR_MODE mode, PFILE_OBJECT file, UCHAR major, P
     if (request.synchronous) IopAcquireFileObjectLock(file);
     request.device = IoGetRelatedDeviceObject(file);
     PIRP irp = IopBuildServiceIrp(request.device, file, major, mode, nullptr, nullptr);
-    if (!irp) {
-        IopReleaseRequest(&request);
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
+    if (!irp) return IopAbandonRequest(&request, nullptr, STATUS_INSUFFICIENT_RESOURCES);
     fill(irp, IoGetNextIrpStackLocation(irp));
     KEVENT event;
     IO_STATUS_BLOCK local{};
@@ -82,17 +80,23 @@ NTSTATUS SetSecurity(KPROCESSOR_MODE mode, HANDLE handle, SECURITY_INFORMATION i
     PVOID object;
     NTSTATUS status = ObpReferenceByHandle(handle, SetAccess(info), nullptr, mode, &object, nullptr);
     if (!NT_SUCCESS(status)) return status;
-    if (ObGetObjectType(object) != *IoFileObjectType) {
+    // The descriptor is captured (validated part by part and copied) before
+    // anything else looks at it, whatever the object.
+    std::vector<UCHAR> captured;
+    status = RtlpCaptureSecurityDescriptor(sd, &captured);
+    if (NT_SUCCESS(status) && (info & OWNER_SECURITY_INFORMATION) &&
+        !reinterpret_cast<const SECURITY_DESCRIPTOR_RELATIVE*>(captured.data())->Owner)
+        status = STATUS_INVALID_OWNER;
+    if (!NT_SUCCESS(status) || ObGetObjectType(object) != *IoFileObjectType) {
         ObfDereferenceObject(object);
-        return STATUS_SUCCESS;
+        return status;
     }
-    ULONG size = RtlLengthSecurityDescriptor(sd);
-    PVOID copy = size ? ExAllocatePoolWithTag(NonPagedPool, size, kTagBuffer) : nullptr;
+    PVOID copy = ExAllocatePoolWithTag(NonPagedPool, ULONG(captured.size()), kTagBuffer);
     if (!copy) {
         ObfDereferenceObject(object);
-        return size ? STATUS_INSUFFICIENT_RESOURCES : STATUS_INVALID_SECURITY_DESCR;
+        return STATUS_INSUFFICIENT_RESOURCES;
     }
-    memcpy(copy, sd, size);
+    memcpy(copy, captured.data(), captured.size());
     IO_STATUS_BLOCK iosb{};
     return SendSecurityIrp(mode, static_cast<PFILE_OBJECT>(object), IRP_MJ_SET_SECURITY, &iosb,
                            [&](PIRP irp, PIO_STACK_LOCATION sp) {

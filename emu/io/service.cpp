@@ -44,10 +44,8 @@ void IopReleaseRequest(FileRequest* request) {
     *request = {};
 }
 
-PIRP IopBuildServiceIrp(PDEVICE_OBJECT device, PFILE_OBJECT file, UCHAR major, KPROCESSOR_MODE mode,
-                        PIO_STATUS_BLOCK userIosb, PKEVENT userEvent) {
-    PIRP irp = IoAllocateIrp(device->StackSize, FALSE);
-    if (!irp) return nullptr;
+void IopInitializeServiceIrp(PIRP irp, PFILE_OBJECT file, UCHAR major, KPROCESSOR_MODE mode,
+                             PIO_STATUS_BLOCK userIosb, PKEVENT userEvent) {
     irp->AllocationFlags |= kIrpService;
     irp->RequestorMode = mode;
     irp->UserIosb = userIosb;
@@ -57,7 +55,48 @@ PIRP IopBuildServiceIrp(PDEVICE_OBJECT device, PFILE_OBJECT file, UCHAR major, K
     PIO_STACK_LOCATION sp = IoGetNextIrpStackLocation(irp);
     sp->MajorFunction = major;
     sp->FileObject = file;
+}
+
+PIRP IopBuildServiceIrp(PDEVICE_OBJECT device, PFILE_OBJECT file, UCHAR major, KPROCESSOR_MODE mode,
+                        PIO_STATUS_BLOCK userIosb, PKEVENT userEvent) {
+    PIRP irp = IoAllocateIrp(device->StackSize, FALSE);
+    if (irp) IopInitializeServiceIrp(irp, file, major, mode, userIosb, userEvent);
     return irp;
+}
+
+PIRP IopBuildRequestIrp(FileRequest* request, UCHAR major, KPROCESSOR_MODE mode, PIO_STATUS_BLOCK userIosb,
+                        PIO_APC_ROUTINE apcRoutine, PVOID apcContext) {
+    PIRP irp = IopBuildServiceIrp(request->device, request->file, major, mode, userIosb, request->event);
+    if (!irp) return nullptr;
+    irp->Overlay.AsynchronousParameters.UserApcRoutine = apcRoutine;
+    irp->Overlay.AsynchronousParameters.UserApcContext = apcContext;
+    return irp;
+}
+
+void IopDiscardIrp(PIRP irp) {
+    IopReleaseIrpBuffers(irp);
+    IoFreeIrp(irp);
+}
+
+NTSTATUS IopAbandonRequest(FileRequest* request, PIRP irp, NTSTATUS status) {
+    if (irp) IopDiscardIrp(irp);
+    IopReleaseRequest(request);
+    return status;
+}
+
+NTSTATUS IopSetSystemBuffer(PIRP irp, PVOID buffer, ULONG length, bool output) {
+    PVOID system = ExAllocatePoolWithTag(NonPagedPool, length, kTagBuffer);
+    if (!system) return STATUS_INSUFFICIENT_RESOURCES;
+    if (output) {
+        memset(system, 0, length);
+        irp->UserBuffer = buffer;
+        irp->Flags |= IRP_INPUT_OPERATION;
+    } else {
+        memcpy(system, buffer, length);
+    }
+    irp->AssociatedIrp.SystemBuffer = system;
+    irp->Flags |= IRP_BUFFERED_IO | IRP_DEALLOCATE_BUFFER;
+    return STATUS_SUCCESS;
 }
 
 NTSTATUS IopSetTransferBuffer(PIRP irp, PDEVICE_OBJECT device, PVOID buffer, ULONG length, bool read,

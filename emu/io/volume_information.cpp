@@ -46,18 +46,10 @@ NTSTATUS QueryVolume(KPROCESSOR_MODE mode, HANDLE handle, PIO_STATUS_BLOCK iosb,
         IopReleaseRequest(&request);
         return STATUS_SUCCESS;
     }
-    PIRP irp = IopBuildServiceIrp(request.device, request.file, IRP_MJ_QUERY_VOLUME_INFORMATION, mode, nullptr,
-                                  nullptr);
-    PVOID system = irp ? ExAllocatePoolWithTag(NonPagedPool, length, kTagBuffer) : nullptr;
-    if (!system) {
-        if (irp) IoFreeIrp(irp);
-        IopReleaseRequest(&request);
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
-    memset(system, 0, length);
-    irp->AssociatedIrp.SystemBuffer = system;
-    irp->UserBuffer = buffer;
-    irp->Flags |= IRP_BUFFERED_IO | IRP_DEALLOCATE_BUFFER | IRP_INPUT_OPERATION;
+    PIRP irp = IopBuildRequestIrp(&request, IRP_MJ_QUERY_VOLUME_INFORMATION, mode, nullptr);
+    if (!irp) return IopAbandonRequest(&request, nullptr, STATUS_INSUFFICIENT_RESOURCES);
+    status = IopSetSystemBuffer(irp, buffer, length, true);
+    if (!NT_SUCCESS(status)) return IopAbandonRequest(&request, irp, status);
     PIO_STACK_LOCATION sp = IoGetNextIrpStackLocation(irp);
     sp->Parameters.QueryVolume.Length = length;
     sp->Parameters.QueryVolume.FsInformationClass = c;

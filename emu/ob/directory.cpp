@@ -204,7 +204,7 @@ NTSTATUS ObInsertNamedObject(PVOID object, PCUNICODE_STRING name) {
     return ObpInsertName(object, captured);
 }
 
-NTSTATUS ObRemoveNamedObject(PCUNICODE_STRING name) {
+NTSTATUS ObpRemoveNamedObject(PCUNICODE_STRING name, POBJECT_TYPE type) {
     std::u16string captured;
     NTSTATUS status = ObpCaptureName(name, &captured);
     if (!NT_SUCCESS(status)) return status;
@@ -212,11 +212,13 @@ NTSTATUS ObRemoveNamedObject(PCUNICODE_STRING name) {
     std::u16string rest;
     status = ObpLookup(nullptr, captured, true, true, &object, &rest);
     if (!NT_SUCCESS(status)) return status;
-    if (!rest.empty()) status = STATUS_OBJECT_NAME_NOT_FOUND;
-    else if (!ObpRemoveName(object)) status = STATUS_OBJECT_NAME_NOT_FOUND;
+    if (type && (!rest.empty() || ObGetObjectType(object) != type)) status = STATUS_OBJECT_TYPE_MISMATCH;
+    else if (!rest.empty() || !ObpRemoveName(object)) status = STATUS_OBJECT_NAME_NOT_FOUND;
     ObfDereferenceObject(object);
     return status;
 }
+
+NTSTATUS ObRemoveNamedObject(PCUNICODE_STRING name) { return ObpRemoveNamedObject(name, nullptr); }
 
 void ObStartup() {
     ObpCreateSymbolicLinkType();

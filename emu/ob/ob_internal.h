@@ -60,6 +60,10 @@ void ObpCreateEventType();
 // the name away again (false when it had none).
 NTSTATUS ObpInsertName(PVOID object, const std::u16string& name);
 bool ObpRemoveName(PVOID object);
+// Removes the name NAME from the namespace (the object itself lives on while
+// referenced). With TYPE, the name must be an object of that type
+// (STATUS_OBJECT_TYPE_MISMATCH otherwise).
+NTSTATUS ObpRemoveNamedObject(PCUNICODE_STRING name, POBJECT_TYPE type);
 
 // Upper-cases a name for case-insensitive comparison.
 std::u16string ObpUpcase(const std::u16string& s);

@@ -91,17 +91,7 @@ NTSTATUS IoCreateSymbolicLink(PUNICODE_STRING SymbolicLinkName, PUNICODE_STRING 
 }
 
 NTSTATUS IoDeleteSymbolicLink(PUNICODE_STRING SymbolicLinkName) {
-    std::u16string name;
-    NTSTATUS status = ObpCaptureName(SymbolicLinkName, &name);
-    if (!NT_SUCCESS(status)) return status;
-    PVOID object;
-    std::u16string rest;
-    status = ObpLookup(nullptr, name, true, true, &object, &rest);
-    if (!NT_SUCCESS(status)) return status;
-    if (!rest.empty() || ObGetObjectType(object) != ObpSymbolicLinkType) status = STATUS_OBJECT_TYPE_MISMATCH;
-    else if (!ObpRemoveName(object)) status = STATUS_OBJECT_NAME_NOT_FOUND;
-    ObfDereferenceObject(object);
-    return status;
+    return ObpRemoveNamedObject(SymbolicLinkName, ObpSymbolicLinkType);
 }
 
 #define LINK_SERVICES(P, MODE)                                                                                   \

@@ -262,34 +262,40 @@ private:
 
 using tervane::emu::Formatter;
 
-extern "C" int _vsnprintf(char* Buffer, size_t Count, const char* Format, va_list Args) {
+namespace {
+
+// The formatter works on its own copy of ARGS, so a caller's list stays usable.
+template <typename Ch>
+int FormatList(Ch* buffer, size_t count, const Ch* format, va_list args) {
     va_list copy;
-    va_copy(copy, Args);
-    int n = Formatter<char>(Buffer, Count).Run(Format, copy);
+    va_copy(copy, args);
+    int n = Formatter<Ch>(buffer, count).Run(format, copy);
     va_end(copy);
     return n;
+}
+
+}  // namespace
+
+extern "C" int _vsnprintf(char* Buffer, size_t Count, const char* Format, va_list Args) {
+    return FormatList(Buffer, Count, Format, Args);
+}
+
+extern "C" int _vsnwprintf(WCHAR* Buffer, size_t Count, const WCHAR* Format, va_list Args) {
+    return FormatList(Buffer, Count, Format, Args);
 }
 
 extern "C" int _snprintf(char* Buffer, size_t Count, const char* Format, ...) {
     va_list args;
     va_start(args, Format);
-    int n = _vsnprintf(Buffer, Count, Format, args);
+    int n = FormatList(Buffer, Count, Format, args);
     va_end(args);
-    return n;
-}
-
-extern "C" int _vsnwprintf(WCHAR* Buffer, size_t Count, const WCHAR* Format, va_list Args) {
-    va_list copy;
-    va_copy(copy, Args);
-    int n = Formatter<WCHAR>(Buffer, Count).Run(Format, copy);
-    va_end(copy);
     return n;
 }
 
 extern "C" int _snwprintf(WCHAR* Buffer, size_t Count, const WCHAR* Format, ...) {
     va_list args;
     va_start(args, Format);
-    int n = _vsnwprintf(Buffer, Count, Format, args);
+    int n = FormatList(Buffer, Count, Format, args);
     va_end(args);
     return n;
 }

@@ -106,3 +106,27 @@ TEST(Utf, ConversionsRoundTripAndReplaceBadInput) {
     EXPECT_EQ(Utf8ToUtf16("\xE2\x82"), u"\uFFFD") << "truncated sequence";
     EXPECT_EQ(Utf16ToUtf8(std::u16string(1, u'\xD800')), "\xEF\xBF\xBD") << "lone surrogate";
 }
+
+// Status names print and parse both ways; the later additions to the header
+// are the ones a table falls behind on.
+TEST(StatusNames, RoundTrip) {
+    const struct {
+        const char* name;
+        NTSTATUS value;
+    } cases[] = {
+        {"STATUS_UNRECOGNIZED_VOLUME", STATUS_UNRECOGNIZED_VOLUME},
+        {"STATUS_NOT_MAPPED_VIEW", STATUS_NOT_MAPPED_VIEW},
+        {"STATUS_INVALID_SID", STATUS_INVALID_SID},
+        {"STATUS_INVALID_ACL", STATUS_INVALID_ACL},
+        {"STATUS_INVALID_SECURITY_DESCR", STATUS_INVALID_SECURITY_DESCR},
+        {"STATUS_USER_APC", STATUS_USER_APC},
+        {"STATUS_SUCCESS", STATUS_SUCCESS},  // printed before its alias STATUS_WAIT_0
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(StatusName(c.value), c.name);
+        NTSTATUS parsed = 0x12345678;
+        EXPECT_TRUE(StatusFromName(c.name, &parsed)) << c.name;
+        EXPECT_EQ(parsed, c.value) << c.name;
+    }
+    EXPECT_EQ(StatusName(static_cast<NTSTATUS>(0xC0DE0001u)), "0xC0DE0001");
+}

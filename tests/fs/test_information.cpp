@@ -155,7 +155,7 @@ TEST_F(FsTest, SecurityDescriptors) {
         uint8_t bad[sizeof newSd];
         memcpy(bad, newSd, sizeof bad);
         bad[20] = 9;  // not a SID revision
-        EXPECT_EQ(NtSetSecurityObject(f.handle, OWNER_SECURITY_INFORMATION, bad), STATUS_INVALID_SECURITY_DESCR);
+        EXPECT_EQ(NtSetSecurityObject(f.handle, OWNER_SECURITY_INFORMATION, bad), STATUS_INVALID_SID);
         Close(f.handle);
     });
 }
