@@ -82,7 +82,9 @@ NTSTATUS RtlpCaptureSecurityDescriptor(PSECURITY_DESCRIPTOR sd, std::vector<UCHA
     int count = 0;
     for (int i = 0; i < 4; ++i)
         if (present[i]) order[count++] = &parts[i];
-    std::sort(order, order + count, [](const Part* a, const Part* b) { return a->offset < b->offset; });
+    // At most four parts: order them by offset with an insertion sort.
+    for (int i = 1; i < count; ++i)
+        for (int j = i; j > 0 && order[j]->offset < order[j - 1]->offset; --j) std::swap(order[j], order[j - 1]);
 
     ULONG implied = kHeaderSize;
     for (int i = 0; i < count; ++i) {

@@ -66,7 +66,9 @@ TEST_F(CreateTest, DispositionChoosesTheFilterDirectory) {
         EXPECT_TRUE(NT_SUCCESS(Read(app, open.handle, &data, 100, 0)) || std::string(c.content).empty());
         EXPECT_EQ(data, c.content);
         Close(app, open.handle);
-        if (c.packFile != nullptr) EXPECT_TRUE(HostExists(c.packFile));
+        if (c.packFile != nullptr) {
+            EXPECT_TRUE(HostExists(c.packFile));
+        }
     }
     // The lower filter directories are never written.
     EXPECT_EQ(HostContent(std::string(kMid) + "/dir/both.txt"), "mid");
