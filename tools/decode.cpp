@@ -438,15 +438,17 @@ std::vector<std::string> DescribeSecurityDescriptor(const uint8_t* buf, size_t v
         std::string sid = offset < valid ? SidText(buf + offset, valid - offset) : std::string();
         out.push_back(std::string(name) + "=" + (sid.empty() ? "(outside the descriptor)" : sid));
     }
-    if (control & SE_DACL_PRESENT) {
-        uint32_t offset = Load<uint32_t>(buf + offsetof(SD, Dacl));
-        if (offset == 0) out.push_back("Dacl=null");
-        else DescribeAcl("Dacl", buf, valid, offset, out);
-    }
-    if (control & SE_SACL_PRESENT) {
-        uint32_t offset = Load<uint32_t>(buf + offsetof(SD, Sacl));
-        if (offset == 0) out.push_back("Sacl=null");
-        else DescribeAcl("Sacl", buf, valid, offset, out);
+    struct AclField {
+        const char* name;
+        uint32_t presentBit;
+        size_t offsetField;
+    };
+    for (const AclField& acl : {AclField{"Dacl", SE_DACL_PRESENT, offsetof(SD, Dacl)},
+                                AclField{"Sacl", SE_SACL_PRESENT, offsetof(SD, Sacl)}}) {
+        if (!(control & acl.presentBit)) continue;
+        uint32_t offset = Load<uint32_t>(buf + acl.offsetField);
+        if (offset == 0) out.push_back(std::string(acl.name) + "=null");
+        else DescribeAcl(acl.name, buf, valid, offset, out);
     }
     return out;
 }

@@ -112,16 +112,7 @@ void DriverTest::TearDown() {
 ControlResult DriverTest::Fast(ULONG code, const std::vector<uint8_t>& input, ULONG outputLength) {
     if (controlHandle_ == nullptr) {
         controller_ = machine->CreateProcess(900, "controller.exe");
-        machine->Run(controller_, [&] {
-            UNICODE_STRING name;
-            RtlInitUnicodeString(&name, L"\\??\\Tervane");
-            OBJECT_ATTRIBUTES oa;
-            InitializeObjectAttributes(&oa, &name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
-            IO_STATUS_BLOCK iosb;
-            EXPECT_EQ(NtCreateFile(&controlHandle_, GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE, &oa, &iosb, nullptr,
-                                   0, 0, FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0),
-                      STATUS_SUCCESS);
-        });
+        EXPECT_EQ(OpenControlDevice(*machine, controller_, &controlHandle_), STATUS_SUCCESS);
     }
     ControlResult result;
     result.output.assign(outputLength, kUntouched);
@@ -181,22 +172,6 @@ std::vector<std::string> DriverTest::LogMatching(const std::string& text) const 
         if (line.find(text) != std::string::npos) lines.push_back(line);
     }
     return lines;
-}
-
-std::vector<uint8_t> Slots(const std::vector<std::u16string>& paths) {
-    std::vector<uint8_t> buffer(paths.size() * PATH_SLOT_SIZE, 0);
-    for (size_t i = 0; i < paths.size(); i++) {
-        memcpy(buffer.data() + i * PATH_SLOT_SIZE, paths[i].data(),
-               std::min<size_t>(paths[i].size() * 2, PATH_SLOT_SIZE));
-    }
-    return buffer;
-}
-
-std::vector<uint8_t> ProcessRecord(ULONG pid, const std::u16string& name) {
-    std::vector<uint8_t> record(sizeof(TervaneProcessRecord), 0);
-    memcpy(record.data(), &pid, 4);
-    memcpy(record.data() + 4, name.data(), std::min<size_t>(name.size() * 2, 40));
-    return record;
 }
 
 std::u16string SlotPath(const std::vector<uint8_t>& buffer, size_t slot) {

@@ -23,6 +23,7 @@
 #include "control/control.h"
 #include "control/filter_directory.h"
 #include "core/tervane.h"
+#include "test_harness.h"
 
 namespace tervane::test {
 
@@ -86,9 +87,7 @@ private:
     HANDLE controlHandle_ = nullptr;
 };
 
-// Input records.
-std::vector<uint8_t> Slots(const std::vector<std::u16string>& paths);
-std::vector<uint8_t> ProcessRecord(ULONG pid, const std::u16string& name);
+// The path in one slot of an output buffer.
 std::u16string SlotPath(const std::vector<uint8_t>& buffer, size_t slot);
 
 // Fill byte of output buffers: whatever keeps it was not written.

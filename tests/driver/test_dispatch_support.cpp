@@ -9,29 +9,13 @@
 #include "control/control.h"
 #include "control/filter_directory.h"
 #include "core/tervane.h"
+#include "dispatch/file_handle_table.h"
 #include "indexfile/indexfile.h"
+#include "test_harness.h"
 
 namespace fs = std::filesystem;
 
 namespace tervane::test {
-
-namespace {
-// Path slots and the process record of the control protocol.
-std::vector<uint8_t> PathSlots(const std::vector<std::u16string>& paths) {
-    std::vector<uint8_t> buffer(paths.size() * PATH_SLOT_SIZE, 0);
-    for (size_t i = 0; i < paths.size(); i++) {
-        memcpy(buffer.data() + i * PATH_SLOT_SIZE, paths[i].data(), paths[i].size() * 2);
-    }
-    return buffer;
-}
-
-std::vector<uint8_t> Process(ULONG pid, const std::u16string& name) {
-    std::vector<uint8_t> record(sizeof(TervaneProcessRecord), 0);
-    memcpy(record.data(), &pid, 4);
-    memcpy(record.data() + 4, name.data(), name.size() * 2);
-    return record;
-}
-}  // namespace
 
 void DispatchTest::SetUp() {
     char tmpl[] = "/tmp/tervane-dispatch-XXXXXX";
@@ -97,22 +81,13 @@ void DispatchTest::Configure() {
         << error;
 
     controller_ = machine->CreateProcess(900, "controller.exe");
-    machine->Run(controller_, [&] {
-        UNICODE_STRING name;
-        RtlInitUnicodeString(&name, L"\\??\\Tervane");
-        OBJECT_ATTRIBUTES oa;
-        InitializeObjectAttributes(&oa, &name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
-        IO_STATUS_BLOCK iosb;
-        ASSERT_EQ(NtCreateFile(&controlHandle_, GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE, &oa, &iosb, nullptr, 0,
-                               0, FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0),
-                  STATUS_SUCCESS);
-    });
+    ASSERT_EQ(OpenControlDevice(*machine, controller_, &controlHandle_), STATUS_SUCCESS);
     ASSERT_EQ(Control(IOCTL_SET_FILTER_LIST,
-                      PathSlots({u"C:\\layers\\pack", u"C:\\layers\\mid", u"C:\\layers\\base"})),
+                      Slots({u"C:\\layers\\pack", u"C:\\layers\\mid", u"C:\\layers\\base"})),
               STATUS_SUCCESS);
-    ASSERT_EQ(Control(IOCTL_LOAD_FILTER_INDEX, PathSlots({u"C:\\ctl\\base.node", u"C:\\ctl\\base.name"})),
+    ASSERT_EQ(Control(IOCTL_LOAD_FILTER_INDEX, Slots({u"C:\\ctl\\base.node", u"C:\\ctl\\base.name"})),
               STATUS_SUCCESS);
-    ASSERT_EQ(Control(IOCTL_ADD_PROCESS, Process(1234, u"app.exe")), STATUS_SUCCESS);
+    ASSERT_EQ(Control(IOCTL_ADD_PROCESS, ProcessRecord(1234, u"app.exe")), STATUS_SUCCESS);
     ASSERT_EQ(Control(IOCTL_START_FILTERING, {}), STATUS_SUCCESS);
 }
 
@@ -203,12 +178,19 @@ std::vector<std::string> DispatchTest::List(emu::Process* process, const std::u1
     return names;
 }
 
-size_t DispatchTest::LogCount(const std::string& text) const {
-    size_t n = 0;
-    for (const auto& line : machine->LogLines()) {
-        for (size_t pos = line.find(text); pos != std::string::npos; pos = line.find(text, pos + 1)) n++;
-    }
-    return n;
+size_t DispatchTest::LogCount(const std::string& text) const { return CountInLog(*machine, text); }
+
+ULONG DispatchTest::FilterFlagOf(HANDLE handle) {
+    ULONG flag = 0;
+    App([&] {
+        PFILE_OBJECT fileObject = nullptr;
+        ASSERT_EQ(ObReferenceObjectByHandle(handle, 0, *IoFileObjectType, KernelMode, (PVOID*)&fileObject, nullptr),
+                  STATUS_SUCCESS);
+        PFileHandleEntry entry = FindFileHandleEntry(fileObject);
+        flag = entry != nullptr ? entry->m_ulFilterEntryFlag : 0;
+        ObDereferenceObject(fileObject);
+    });
+    return flag;
 }
 
 }  // namespace tervane::test

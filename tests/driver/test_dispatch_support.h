@@ -70,6 +70,9 @@ protected:
     // Log lines since the fixture started that hold TEXT.
     size_t LogCount(const std::string& text) const;
 
+    // The filter entry flag the handle table holds for HANDLE, 0 when none.
+    ULONG FilterFlagOf(HANDLE handle);
+
     std::filesystem::path host;
     std::unique_ptr<emu::Machine> machine;
     emu::Process* app = nullptr;

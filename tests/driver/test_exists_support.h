@@ -27,6 +27,7 @@
 #include "dispatch/file_handle_table.h"
 #include "filemgr/file_manager.h"
 #include "index/file_index.h"
+#include "test_harness.h"
 
 namespace tervane::test::layers {
 
@@ -143,35 +144,12 @@ protected:
     PDEVICE_OBJECT FilterDevice() { return g_apFilterDevices['C' - 'A']; }
 
     // Occurrences of TEXT in the debug log.
-    size_t Count(const std::string& text) {
-        std::string all;
-        for (const auto& line : machine->LogLines()) all += line + "\n";
-        size_t n = 0;
-        for (size_t pos = all.find(text); pos != std::string::npos; pos = all.find(text, pos + 1)) n++;
-        return n;
-    }
-
-    static std::vector<uint8_t> Slots(const std::vector<std::u16string>& paths) {
-        std::vector<uint8_t> buffer(paths.size() * PATH_SLOT_SIZE, 0);
-        for (size_t i = 0; i < paths.size(); i++) {
-            memcpy(buffer.data() + i * PATH_SLOT_SIZE, paths[i].data(), paths[i].size() * 2);
-        }
-        return buffer;
-    }
+    size_t Count(const std::string& text) { return CountInLog(*machine, text); }
 
     NTSTATUS Control(ULONG code, std::vector<uint8_t> input, ULONG outputLength = 0) {
         if (controlHandle_ == nullptr) {
             controller_ = machine->CreateProcess(900, "controller.exe");
-            machine->Run(controller_, [&] {
-                UNICODE_STRING name;
-                RtlInitUnicodeString(&name, L"\\??\\Tervane");
-                OBJECT_ATTRIBUTES oa;
-                InitializeObjectAttributes(&oa, &name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
-                IO_STATUS_BLOCK iosb;
-                EXPECT_EQ(NtCreateFile(&controlHandle_, GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE, &oa, &iosb,
-                                       nullptr, 0, 0, FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0),
-                          STATUS_SUCCESS);
-            });
+            EXPECT_EQ(OpenControlDevice(*machine, controller_, &controlHandle_), STATUS_SUCCESS);
         }
         std::vector<uint8_t> output(outputLength + 1, 0);
         NTSTATUS status = STATUS_SUCCESS;

@@ -63,13 +63,7 @@ protected:
     }
 
     // Occurrences of TEXT in the debug log (a head and its message may share a line).
-    size_t Count(const std::string& text) {
-        std::string all;
-        for (const auto& line : machine->LogLines()) all += line + "\n";
-        size_t n = 0;
-        for (size_t pos = all.find(text); pos != std::string::npos; pos = all.find(text, pos + 1)) n++;
-        return n;
-    }
+    size_t Count(const std::string& text) { return CountInLog(*machine, text); }
 
     std::filesystem::path host;
     std::unique_ptr<emu::Machine> machine;

@@ -61,19 +61,6 @@ protected:
         HostFile(std::string(kMid) + "/dir/vol.txt", "V");
         Configure();
     }
-    ULONG FilterFlagOf(HANDLE handle) {
-        ULONG flag = 0;
-        App([&] {
-            PFILE_OBJECT fileObject = nullptr;
-            ASSERT_EQ(ObReferenceObjectByHandle(handle, 0, *IoFileObjectType, KernelMode, (PVOID*)&fileObject,
-                                                nullptr),
-                      STATUS_SUCCESS);
-            PFileHandleEntry entry = FindFileHandleEntry(fileObject);
-            flag = entry != nullptr ? entry->m_ulFilterEntryFlag : 0;
-            ObDereferenceObject(fileObject);
-        });
-        return flag;
-    }
     enum Op { kShared, kExclusive, kUnlock };
     NTSTATUS Lock(HANDLE handle, Op op, LONGLONG offset, LONGLONG length) {
         NTSTATUS status = STATUS_UNSUCCESSFUL;

@@ -16,19 +16,6 @@ protected:
         HostFile(std::string(kMid) + "/dir/mid.txt", "middle");
         Configure();
     }
-    ULONG FilterFlagOf(HANDLE handle) {
-        ULONG flag = 0;
-        App([&] {
-            PFILE_OBJECT fileObject = nullptr;
-            ASSERT_EQ(ObReferenceObjectByHandle(handle, 0, *IoFileObjectType, KernelMode, (PVOID*)&fileObject,
-                                                nullptr),
-                      STATUS_SUCCESS);
-            PFileHandleEntry entry = FindFileHandleEntry(fileObject);
-            flag = entry != nullptr ? entry->m_ulFilterEntryFlag : 0;
-            ObDereferenceObject(fileObject);
-        });
-        return flag;
-    }
     LONGLONG Position(HANDLE handle) {
         FILE_POSITION_INFORMATION info = {};
         App([&] {
