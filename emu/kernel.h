@@ -130,6 +130,10 @@ void VerifierViolation(const std::string& what);
 // depth is a violation naming WHAT ("IRP_MJ_CREATE dispatch of \Driver\X");
 // the depth is restored so that one fault is reported once.
 void VerifierCheckCriticalRegion(LONG depthBefore, const std::string& what);
+// Queues a user APC to THREAD: ROUTINE(CONTEXT, IOSB, 0) runs when the thread
+// next waits alertably in user mode (the wait then returns STATUS_USER_APC)
+// or calls NtTestAlert; if the thread ends first it is dropped unrun.
+void KeQueueUserApc(_KTHREAD* thread, PIO_APC_ROUTINE routine, PVOID context, PIO_STATUS_BLOCK ioStatusBlock);
 // The System process (id 4), which owns kernel handles and driver loading.
 _EPROCESS* PsSystemProcess();
 _EPROCESS* PsLookupProcess(uint32_t pid);  // no reference taken; null if none

@@ -47,6 +47,11 @@ void CompleteServiceIrp(PIRP irp) {
     // leaves the status block and the events alone. An open always reports.
     if (!NT_ERROR(status) || irp->PendingReturned || create) {
         if (irp->UserIosb) *irp->UserIosb = irp->IoStatus;
+        // NT runs this stage in the requesting thread, which therefore sees
+        // the caller's APC queued by the time it sees the event signalled.
+        if (PIO_APC_ROUTINE apc = irp->Overlay.AsynchronousParameters.UserApcRoutine; apc && !create)
+            KeQueueUserApc(irp->Tail.Overlay.Thread ? &irp->Tail.Overlay.Thread->Tcb : nullptr, apc,
+                           irp->Overlay.AsynchronousParameters.UserApcContext, irp->UserIosb);
         if (userEvent) {
             KeSetEvent(userEvent, 0, FALSE);
             if (file && !create && (file->Flags & FO_SYNCHRONOUS_IO)) {

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <unordered_map>
 
@@ -16,12 +17,22 @@ namespace tervane::emu {
 
 namespace {
 
+struct UserApc {
+    PIO_APC_ROUTINE routine;
+    PVOID context;
+    PIO_STATUS_BLOCK ioStatusBlock;
+};
+
 struct ThreadWait {
     std::condition_variable wake;
     PVOID object = nullptr;   // what the thread waits on, null when not waiting
     bool satisfied = false;
     bool alertable = false;
     bool alerted = false;     // guarded by the dispatcher lock (mirrors Tcb.Alerted)
+    bool userWait = false;    // the current alertable wait is a user-mode one
+    // User APCs waiting for the thread's next alertable user-mode wait, oldest
+    // first; guarded by the dispatcher lock.
+    std::deque<UserApc> userApcs;
 };
 
 std::mutex gDispatcherLock;
@@ -76,6 +87,21 @@ Clock::time_point Deadline(LONGLONG timeout) {
     return Clock::now() + std::chrono::nanoseconds(relative) * 100;
 }
 
+// A user APC ends an alertable wait only when the thread waits in user mode.
+bool UserApcsDeliverable(const ThreadWait* wait, KPROCESSOR_MODE mode, BOOLEAN alertable) {
+    return alertable && mode == UserMode && !wait->userApcs.empty();
+}
+
+// Called with the dispatcher lock held (GUARD); drops it and runs every
+// queued user APC in order, as the thread's return to user mode would.
+NTSTATUS DeliverUserApcs(ThreadWait* wait, std::unique_lock<std::mutex>& guard) {
+    std::deque<UserApc> due;
+    due.swap(wait->userApcs);
+    guard.unlock();
+    for (const UserApc& apc : due) apc.routine(apc.context, apc.ioStatusBlock, 0);
+    return STATUS_USER_APC;
+}
+
 bool TakeAlert(_KTHREAD* thread, ThreadWait* wait, BOOLEAN alertable) {
     if (!alertable || !wait->alerted) return false;
     wait->alerted = false;
@@ -93,8 +119,19 @@ void CheckWaitIrql(PLARGE_INTEGER timeout, const char* service) {
 void KeInitializeThreadWait(_KTHREAD* thread) { thread->WaitBlock = new ThreadWait(); }
 
 void KeDeleteThreadWait(_KTHREAD* thread) {
-    delete static_cast<ThreadWait*>(thread->WaitBlock);
+    // User APCs still queued die with the thread unrun.
+    std::unique_ptr<ThreadWait> wait(static_cast<ThreadWait*>(thread->WaitBlock));
+    std::lock_guard<std::mutex> guard(gDispatcherLock);
     thread->WaitBlock = nullptr;
+    wait->userApcs.clear();
+}
+
+void KeQueueUserApc(_KTHREAD* thread, PIO_APC_ROUTINE routine, PVOID context, PIO_STATUS_BLOCK ioStatusBlock) {
+    if (!thread || !routine) return;
+    std::lock_guard<std::mutex> guard(gDispatcherLock);
+    ThreadWait* wait = WaitStateOf(thread);
+    wait->userApcs.push_back({routine, context, ioStatusBlock});
+    if (wait->alertable && wait->userWait) wait->wake.notify_one();
 }
 
 LONGLONG KeSystemTimeNow() {
@@ -159,13 +196,17 @@ extern "C" NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason,
         return STATUS_SUCCESS;
     }
     if (TakeAlert(thread, wait, Alertable)) return STATUS_ALERTED;
+    if (UserApcsDeliverable(wait, WaitMode, Alertable)) return DeliverUserApcs(wait, guard);
     if (Timeout && Timeout->QuadPart == 0) return STATUS_TIMEOUT;
 
     wait->object = Object;
     wait->satisfied = false;
     wait->alertable = Alertable;
+    wait->userWait = WaitMode == UserMode;
     gWaitLists[Object].push_back(wait);
-    auto done = [&] { return wait->satisfied || (Alertable && wait->alerted); };
+    auto done = [&] {
+        return wait->satisfied || (Alertable && wait->alerted) || UserApcsDeliverable(wait, WaitMode, Alertable);
+    };
     bool inTime = true;
     if (Timeout) {
         inTime = wait->wake.wait_until(guard, Deadline(Timeout->QuadPart), done);
@@ -173,10 +214,12 @@ extern "C" NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason,
         wait->wake.wait(guard, done);
     }
     wait->alertable = false;
+    wait->userWait = false;
     if (wait->satisfied) return STATUS_SUCCESS;
     RemoveWaiter(Object, wait);
     wait->object = nullptr;
     if (TakeAlert(thread, wait, Alertable)) return STATUS_ALERTED;
+    if (UserApcsDeliverable(wait, WaitMode, Alertable)) return DeliverUserApcs(wait, guard);
     (void)inTime;
     return STATUS_TIMEOUT;
 }
@@ -188,6 +231,7 @@ extern "C" NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Ale
     ThreadWait* wait = WaitStateOf(thread);
     std::unique_lock<std::mutex> guard(gDispatcherLock);
     if (TakeAlert(thread, wait, Alertable)) return STATUS_ALERTED;
+    if (UserApcsDeliverable(wait, WaitMode, Alertable)) return DeliverUserApcs(wait, guard);
     LONGLONG interval = Interval ? Interval->QuadPart : 0;
     if (interval == 0) {
         guard.unlock();
@@ -195,9 +239,14 @@ extern "C" NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Ale
         return STATUS_SUCCESS;
     }
     wait->alertable = Alertable;
-    wait->wake.wait_until(guard, Deadline(interval), [&] { return Alertable && wait->alerted; });
+    wait->userWait = WaitMode == UserMode;
+    wait->wake.wait_until(guard, Deadline(interval), [&] {
+        return (Alertable && wait->alerted) || UserApcsDeliverable(wait, WaitMode, Alertable);
+    });
     wait->alertable = false;
+    wait->userWait = false;
     if (TakeAlert(thread, wait, Alertable)) return STATUS_ALERTED;
+    if (UserApcsDeliverable(wait, WaitMode, Alertable)) return DeliverUserApcs(wait, guard);
     return STATUS_SUCCESS;
 }
 
@@ -212,6 +261,18 @@ extern "C" BOOLEAN KeAlertThread(PKTHREAD Thread, KPROCESSOR_MODE AlertMode) {
     Thread->Alerted = true;
     if (wait->alertable) wait->wake.notify_one();
     return previous;
+}
+
+// Ends a pending alert of the calling thread (STATUS_ALERTED) and delivers
+// its queued user APCs, as the return to user mode then does.
+extern "C" NTSTATUS NtTestAlert(VOID) {
+    _ETHREAD* current = CurrentThread();
+    _KTHREAD* thread = current ? &current->Tcb : nullptr;
+    ThreadWait* wait = WaitStateOf(thread);
+    std::unique_lock<std::mutex> guard(gDispatcherLock);
+    NTSTATUS status = TakeAlert(thread, wait, TRUE) ? STATUS_ALERTED : STATUS_SUCCESS;
+    if (!wait->userApcs.empty()) DeliverUserApcs(wait, guard);
+    return status;
 }
 
 extern "C" VOID KeQuerySystemTime(PLARGE_INTEGER CurrentTime) { CurrentTime->QuadPart = KeSystemTimeNow(); }

@@ -34,6 +34,9 @@ NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR
                                BOOLEAN Alertable, PLARGE_INTEGER Timeout);
 NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLARGE_INTEGER Interval);
 BOOLEAN KeAlertThread(PKTHREAD Thread, KPROCESSOR_MODE AlertMode);
+// Returns STATUS_ALERTED (clearing the alert) if the calling thread was
+// alerted, else STATUS_SUCCESS; either way its queued user APCs run.
+NTSTATUS NtTestAlert(VOID);
 VOID KeEnterCriticalRegion(VOID);
 VOID KeLeaveCriticalRegion(VOID);
 PKTHREAD KeGetCurrentThread(VOID);
