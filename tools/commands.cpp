@@ -24,8 +24,8 @@ std::span<const CommandSpec> AllCommands() {
 }
 
 const CommandSpec* FindCommand(const std::string& name, Scope scope) {
-    for (const auto& spec : AllCommands())
-        if (spec.scope == scope && name == spec.name) return &spec;
+    for (const auto& entry : AllCommands())
+        if (entry.scope == scope && name == entry.name) return &entry;
     return nullptr;
 }
 

@@ -40,18 +40,18 @@ void Interpreter::Execute(const std::string& line, int lineNumber) {
 void Interpreter::RunCommand(const std::vector<Token>& tokens, const std::string& line, int lineNumber) {
     Context ctx{session_, nullptr, {}, {}};
     std::vector<Token> args;
-    const CommandSpec* spec = nullptr;
+    const CommandSpec* command = nullptr;
     if (auto pid = ProcessPrefix(tokens[0])) {
         if (tokens.size() < 2) throw ScriptError("missing operation after \"" + tokens[0].text + "\"");
         ctx.name = tokens[1].text;
-        spec = FindCommand(ctx.name, Scope::Process);
-        if (!spec) throw ScriptError("unknown operation \"" + ctx.name + "\"");
+        command = FindCommand(ctx.name, Scope::Process);
+        if (!command) throw ScriptError("unknown operation \"" + ctx.name + "\"");
         ctx.process = &session_.Process(*pid);
         args.assign(tokens.begin() + 2, tokens.end());
     } else {
         ctx.name = tokens[0].text;
-        spec = FindCommand(ctx.name, Scope::Machine);
-        if (!spec) {
+        command = FindCommand(ctx.name, Scope::Machine);
+        if (!command) {
             if (FindCommand(ctx.name, Scope::Process))
                 throw ScriptError("\"" + ctx.name + "\" is an operation of a process: write PID: " + ctx.name + " ...");
             throw ScriptError("unknown command \"" + ctx.name + "\"");
@@ -62,9 +62,9 @@ void Interpreter::RunCommand(const std::vector<Token>& tokens, const std::string
 
     // The close of a handle that a pending request waits on ends that
     // request (its cleanup); give it time to finish.
-    bool endsPending = ctx.process && spec->name == std::string("close") && !args.empty() &&
+    bool endsPending = ctx.process && command->name == std::string("close") && !args.empty() &&
                        session_.HasPending(ctx.process->pid, args[0].text);
-    spec->run(ctx, std::move(args));
+    command->run(ctx, std::move(args));
     ReportCompleted(ctx.result, endsPending ? kPendingCleanupMs : kPendingSettleMs);
     ctx.result.log = session_.TakeCommandLog();
 

@@ -43,7 +43,7 @@ public:
     }
 
 private:
-    struct Spec {
+    struct Directive {
         bool left = false, plus = false, space = false, alt = false, zero = false;
         int width = 0;
         int precision = -1;
@@ -69,154 +69,154 @@ private:
 
     // Writes PREFIX and TEXT (LENGTH units, narrow or wide) padded to the width.
     template <typename TextT>
-    void Emit(const Spec& spec, const char* prefix, const TextT* text, int length) {
+    void Emit(const Directive& directive, const char* prefix, const TextT* text, int length) {
         int prefixLength = 0;
         while (prefix[prefixLength]) ++prefixLength;
-        int padding = spec.width - prefixLength - length;
-        if (!spec.left && !spec.zero) Pad(padding, ' ');
+        int padding = directive.width - prefixLength - length;
+        if (!directive.left && !directive.zero) Pad(padding, ' ');
         for (int i = 0; i < prefixLength; ++i) Put(static_cast<CharT>(prefix[i]));
-        if (!spec.left && spec.zero) Pad(padding, '0');
+        if (!directive.left && directive.zero) Pad(padding, '0');
         for (int i = 0; i < length; ++i) {
             if constexpr (sizeof(TextT) == 1) Put(FromNarrow(text[i]));
             else Put(FromWide(text[i]));
         }
-        if (spec.left) Pad(padding, ' ');
+        if (directive.left) Pad(padding, ' ');
     }
 
     template <typename TextT>
-    void EmitString(const Spec& spec, const TextT* text) {
+    void EmitString(const Directive& directive, const TextT* text) {
         if (!text) {
-            EmitString(spec, "(null)");
+            EmitString(directive, "(null)");
             return;
         }
         int length = 0;
-        int limit = spec.precision < 0 ? INT32_MAX : spec.precision;
+        int limit = directive.precision < 0 ? INT32_MAX : directive.precision;
         while (length < limit && text[length]) ++length;
-        Emit(spec, "", text, length);
+        Emit(directive, "", text, length);
     }
 
-    void EmitCounted(const Spec& spec, const void* counted, bool wide) {
+    void EmitCounted(const Directive& directive, const void* counted, bool wide) {
         if (wide) {
             auto* s = static_cast<const UNICODE_STRING*>(counted);
-            if (!s || !s->Buffer) return EmitString<char>(spec, nullptr);
-            Emit(spec, "", s->Buffer, s->Length / 2);
+            if (!s || !s->Buffer) return EmitString<char>(directive, nullptr);
+            Emit(directive, "", s->Buffer, s->Length / 2);
         } else {
             auto* s = static_cast<const ANSI_STRING*>(counted);
-            if (!s || !s->Buffer) return EmitString<char>(spec, nullptr);
-            Emit(spec, "", s->Buffer, s->Length);
+            if (!s || !s->Buffer) return EmitString<char>(directive, nullptr);
+            Emit(directive, "", s->Buffer, s->Length);
         }
     }
 
-    void EmitInteger(Spec spec, uint64_t magnitude, bool negative, unsigned base, bool upper, bool hexPrefix) {
+    void EmitInteger(Directive directive, uint64_t magnitude, bool negative, unsigned base, bool upper, bool hexPrefix) {
         char digits[80];
         int n = 0;
         const char* set = upper ? "0123456789ABCDEF" : "0123456789abcdef";
         // Precision gives the minimum number of digits and turns off zero
         // padding; a zero printed with precision 0 prints no digits.
-        if (spec.precision < 0) spec.precision = 1;
-        else spec.zero = false;
+        if (directive.precision < 0) directive.precision = 1;
+        else directive.zero = false;
         uint64_t v = magnitude;
         while (v != 0) {
             digits[n++] = set[v % base];
             v /= base;
         }
-        if (spec.precision > 64) spec.precision = 64;
-        while (n < spec.precision) digits[n++] = '0';
-        if (base == 8 && spec.alt && (n == 0 || digits[n - 1] != '0')) digits[n++] = '0';
+        if (directive.precision > 64) directive.precision = 64;
+        while (n < directive.precision) digits[n++] = '0';
+        if (base == 8 && directive.alt && (n == 0 || digits[n - 1] != '0')) digits[n++] = '0';
         char text[80];
         for (int i = 0; i < n; ++i) text[i] = digits[n - 1 - i];
         const char* prefix = "";
         if (negative) prefix = "-";
-        else if (spec.plus) prefix = "+";
-        else if (spec.space) prefix = " ";
-        if (hexPrefix && spec.alt && magnitude != 0) prefix = upper ? "0X" : "0x";
-        Emit(spec, prefix, text, n);
+        else if (directive.plus) prefix = "+";
+        else if (directive.space) prefix = " ";
+        if (hexPrefix && directive.alt && magnitude != 0) prefix = upper ? "0X" : "0x";
+        Emit(directive, prefix, text, n);
     }
 
     const CharT* Conversion(const CharT* f) {
-        Spec spec;
+        Directive directive;
         for (;; ++f) {
-            if (*f == '-') spec.left = true;
-            else if (*f == '+') spec.plus = true;
-            else if (*f == ' ') spec.space = true;
-            else if (*f == '#') spec.alt = true;
-            else if (*f == '0') spec.zero = true;
+            if (*f == '-') directive.left = true;
+            else if (*f == '+') directive.plus = true;
+            else if (*f == ' ') directive.space = true;
+            else if (*f == '#') directive.alt = true;
+            else if (*f == '0') directive.zero = true;
             else break;
         }
         if (*f == '*') {
-            spec.width = va_arg(args_, int);
-            if (spec.width < 0) {
-                spec.left = true;
-                spec.width = -spec.width;
+            directive.width = va_arg(args_, int);
+            if (directive.width < 0) {
+                directive.left = true;
+                directive.width = -directive.width;
             }
             ++f;
         } else {
-            while (*f >= '0' && *f <= '9') spec.width = spec.width * 10 + (*f++ - '0');
+            while (*f >= '0' && *f <= '9') directive.width = directive.width * 10 + (*f++ - '0');
         }
         if (*f == '.') {
             ++f;
-            spec.precision = 0;
+            directive.precision = 0;
             if (*f == '*') {
-                spec.precision = va_arg(args_, int);
-                if (spec.precision < 0) spec.precision = -1;
+                directive.precision = va_arg(args_, int);
+                if (directive.precision < 0) directive.precision = -1;
                 ++f;
             } else {
-                while (*f >= '0' && *f <= '9') spec.precision = spec.precision * 10 + (*f++ - '0');
+                while (*f >= '0' && *f <= '9') directive.precision = directive.precision * 10 + (*f++ - '0');
             }
         }
-        if (spec.left) spec.zero = false;
+        if (directive.left) directive.zero = false;
         // Size prefixes.
-        if (*f == 'h') { spec.size = kShort; ++f; }
-        else if (*f == 'l' && f[1] == 'l') { spec.size = k64; f += 2; }
-        else if (*f == 'l') { spec.size = kLong; ++f; }
-        else if (*f == 'w') { spec.size = kWide; ++f; }
+        if (*f == 'h') { directive.size = kShort; ++f; }
+        else if (*f == 'l' && f[1] == 'l') { directive.size = k64; f += 2; }
+        else if (*f == 'l') { directive.size = kLong; ++f; }
+        else if (*f == 'w') { directive.size = kWide; ++f; }
         else if (*f == 'L') { ++f; }
         else if (*f == 'I') {
-            if (f[1] == '6' && f[2] == '4') { spec.size = k64; f += 3; }
-            else if (f[1] == '3' && f[2] == '2') { spec.size = kDefault; f += 3; }
-            else { spec.size = kPointer; ++f; }
+            if (f[1] == '6' && f[2] == '4') { directive.size = k64; f += 3; }
+            else if (f[1] == '3' && f[2] == '2') { directive.size = kDefault; f += 3; }
+            else { directive.size = kPointer; ++f; }
         }
         CharT type = *f;
         if (type == 0) return f;  // a lone '%' at the end prints nothing
         ++f;
         const bool narrowEngine = sizeof(CharT) == 1;
-        const bool sizeWide = spec.size == kLong || spec.size == kWide;
+        const bool sizeWide = directive.size == kLong || directive.size == kWide;
         switch (type) {
         case 'c':
         case 'C': {
             // Which width the character argument has.
-            bool wide = type == 'c' ? (narrowEngine ? sizeWide : spec.size != kShort)
-                                    : (narrowEngine ? spec.size != kShort : sizeWide);
+            bool wide = type == 'c' ? (narrowEngine ? sizeWide : directive.size != kShort)
+                                    : (narrowEngine ? directive.size != kShort : sizeWide);
             int value = va_arg(args_, int);
             if (wide) {
                 WCHAR w = static_cast<WCHAR>(value);
-                Emit(spec, "", &w, 1);
+                Emit(directive, "", &w, 1);
             } else {
                 char a = static_cast<char>(value);
-                Emit(spec, "", &a, 1);
+                Emit(directive, "", &a, 1);
             }
             break;
         }
         case 's':
         case 'S': {
-            bool wide = type == 's' ? (narrowEngine ? sizeWide : spec.size != kShort)
-                                    : (narrowEngine ? spec.size != kShort : sizeWide);
-            if (wide) EmitString(spec, va_arg(args_, const WCHAR*));
-            else EmitString(spec, va_arg(args_, const char*));
+            bool wide = type == 's' ? (narrowEngine ? sizeWide : directive.size != kShort)
+                                    : (narrowEngine ? directive.size != kShort : sizeWide);
+            if (wide) EmitString(directive, va_arg(args_, const WCHAR*));
+            else EmitString(directive, va_arg(args_, const char*));
             break;
         }
         case 'Z':
-            EmitCounted(spec, va_arg(args_, const void*), sizeWide);
+            EmitCounted(directive, va_arg(args_, const void*), sizeWide);
             break;
         case 'd':
         case 'i': {
             int64_t v;
-            if (spec.size == k64) v = va_arg(args_, int64_t);
-            else if (spec.size == kPointer) v = va_arg(args_, intptr_t);
-            else if (spec.size == kShort) v = static_cast<short>(va_arg(args_, int));
+            if (directive.size == k64) v = va_arg(args_, int64_t);
+            else if (directive.size == kPointer) v = va_arg(args_, intptr_t);
+            else if (directive.size == kShort) v = static_cast<short>(va_arg(args_, int));
             else v = va_arg(args_, int);
             uint64_t magnitude = v < 0 ? 0 - static_cast<uint64_t>(v) : static_cast<uint64_t>(v);
-            EmitInteger(spec, magnitude, v < 0, 10, false, false);
+            EmitInteger(directive, magnitude, v < 0, 10, false, false);
             break;
         }
         case 'u':
@@ -224,21 +224,21 @@ private:
         case 'x':
         case 'X': {
             uint64_t v;
-            if (spec.size == k64) v = va_arg(args_, uint64_t);
-            else if (spec.size == kPointer) v = va_arg(args_, uintptr_t);
-            else if (spec.size == kShort) v = static_cast<unsigned short>(va_arg(args_, unsigned));
+            if (directive.size == k64) v = va_arg(args_, uint64_t);
+            else if (directive.size == kPointer) v = va_arg(args_, uintptr_t);
+            else if (directive.size == kShort) v = static_cast<unsigned short>(va_arg(args_, unsigned));
             else v = va_arg(args_, unsigned);
             unsigned base = type == 'u' ? 10 : type == 'o' ? 8 : 16;
-            EmitInteger(spec, v, false, base, type == 'X', base == 16);
+            EmitInteger(directive, v, false, base, type == 'X', base == 16);
             break;
         }
         case 'p': {
             // Upper-case hex padded to the pointer width: 8 digits on 32-bit
             // NT, 16 in this 64-bit build of the machine.
             uintptr_t v = reinterpret_cast<uintptr_t>(va_arg(args_, void*));
-            spec.precision = 2 * sizeof(void*);
-            spec.alt = false;
-            EmitInteger(spec, v, false, 16, true, true);
+            directive.precision = 2 * sizeof(void*);
+            directive.alt = false;
+            EmitInteger(directive, v, false, 16, true, true);
             break;
         }
         case 'n':
