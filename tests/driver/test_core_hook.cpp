@@ -50,20 +50,5 @@ TEST_F(HookTest, LetterWithoutVolumeIsLeftOut) {
     EXPECT_EQ(LogMatching("HookDriveSet() (396):\tHook Drive failure").size(), 1u);
 }
 
-TEST_F(HookTest, HookingTwiceOnlyRaisesTheFlag) {
-    ASSERT_EQ(Load(), STATUS_SUCCESS);
-    Kernel([&] {
-        UnhookDrive(2);
-        EXPECT_FALSE(Hooked('C'));
-        EXPECT_TRUE(HookDrive(2, driver));
-        EXPECT_TRUE(Hooked('C'));
-        EXPECT_FALSE(HookDrive(26, driver));
-        EXPECT_FALSE(HookDrive(0xFFFFFFFF, driver));
-        UnhookDrive(26);  // no slot, nothing happens
-    });
-    EXPECT_EQ(TestVolume::Device()->AttachedDevice, g_apFilterDevices[2]);
-    EXPECT_EQ(g_apFilterDevices[2]->AttachedDevice, nullptr);
-}
-
 }  // namespace
 }  // namespace tervane::test

@@ -90,33 +90,6 @@ TEST_F(CreateTest, UnmonitoredAndBypassedOpensSeeTheRealVolume) {
     EXPECT_EQ(Cat(app, u"C:\\dir\\real.txt$??_"), "<STATUS_OBJECT_NAME_INVALID>");
 }
 
-TEST_F(CreateTest, OptionsOfTheRealOpen) {
-    OpenResult open = Open(app, u"C:\\dir\\low.txt", GENERIC_READ | DELETE | SYNCHRONIZE, FILE_OPEN,
-                           FILE_SYNCHRONOUS_IO_NONALERT | FILE_DELETE_ON_CLOSE | FILE_NON_DIRECTORY_FILE);
-    ASSERT_EQ(open.status, STATUS_SUCCESS);
-    machine->Run(app, [&] {
-        PFILE_OBJECT fileObject = nullptr;
-        ASSERT_EQ(ObReferenceObjectByHandle(open.handle, 0, *IoFileObjectType, KernelMode, (PVOID*)&fileObject,
-                                            nullptr),
-                  STATUS_SUCCESS);
-        PFileHandleEntry entry = FindFileHandleEntry(fileObject);
-        ASSERT_NE(entry, nullptr);
-        EXPECT_EQ(entry->m_ulFilterEntryFlag, 4u);
-        EXPECT_TRUE(entry->m_bDeleteOnClose);
-        EXPECT_EQ(entry->m_ulCreateOptions & FILE_DELETE_ON_CLOSE, 0u);
-        EXPECT_EQ(entry->m_ulShareAccess & FILE_SHARE_READ, (ULONG)FILE_SHARE_READ);
-        EXPECT_EQ(emu::Utf16ToUtf8(entry->m_ustrFullPath), "C:\\dir\\low.txt");
-        EXPECT_TRUE(fileObject->ReadAccess);
-        EXPECT_TRUE(fileObject->DeleteAccess);
-        ObDereferenceObject(fileObject);
-    });
-    Close(app, open.handle);
-    // The delete asked for at create hides the base's copy from the view and
-    // leaves it on disk.
-    EXPECT_FALSE(NT_SUCCESS(Open(app, u"C:\\dir\\low.txt").status));
-    EXPECT_EQ(HostContent(std::string(kBase) + "/dir/low.txt"), "low");
-}
-
 // Names relative to an open directory resolve through that open's path.
 TEST_F(CreateTest, RelativeNames) {
     OpenResult dir = Open(app, u"C:\\dir", FILE_LIST_DIRECTORY | SYNCHRONIZE, FILE_OPEN,

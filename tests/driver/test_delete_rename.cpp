@@ -1,4 +1,4 @@
-// Delete in filter directories: FiltDeleteFile, DeleteRealFile, ResetFileAttributes.
+// Delete in filter directories: FiltDeleteFile and DeleteRealFile.
 #include "test_exists_support.h"
 
 namespace tervane::test::layers {
@@ -70,42 +70,6 @@ TEST_F(DeleteTest, OnlyFilterDirectory0IsChangedAndLowerCopiesAreHidden) {
     EXPECT_FALSE(Hidden(u"C:\\nowhere.txt"));
 }
 
-TEST_F(DeleteTest, ACopyHeldWithoutDeleteSharingStopsTheWholeDelete) {
-    HostFile("L0/held.txt", "0");
-    HostFile("L1/held.txt", "1");
-    HostFile("L0/busy.txt", "0");
-    Configure();
-    struct Case {
-        std::u16string held;  // the real path held open without FILE_SHARE_DELETE
-        std::u16string path;
-    } cases[] = {
-        {u"C:\\L1\\held.txt", u"C:\\held.txt"},
-        {u"C:\\L0\\held.txt", u"C:\\held.txt"},
-        {u"C:\\L0\\busy.txt", u"C:\\busy.txt"},
-    };
-    for (const auto& c : cases) {
-        HANDLE h;
-        ASSERT_EQ(OpenReal(c.held, &h, GENERIC_READ | SYNCHRONIZE, FILE_SHARE_READ | FILE_SHARE_WRITE),
-                  STATUS_SUCCESS);
-        EXPECT_FALSE(Delete(c.path));
-        Close(h);
-        EXPECT_FALSE(Hidden(c.path));
-    }
-    EXPECT_TRUE(HostExists("L0/held.txt"));
-    EXPECT_TRUE(HostExists("L1/held.txt"));
-    EXPECT_TRUE(HostExists("L0/busy.txt"));
-    EXPECT_EQ(Exists(u"C:\\held.txt"), 3u);
-}
-
-TEST_F(DeleteTest, ADirectoryThatIsNotEmptyInFilterDirectory0IsNotDeletedNorHidden) {
-    HostFile("L0/full/inside.txt", "0");
-    HostDir("L1/full");
-    Configure();
-    EXPECT_FALSE(Delete(u"C:\\full"));
-    EXPECT_TRUE(HostExists("L0/full/inside.txt"));
-    EXPECT_FALSE(Hidden(u"C:\\full"));
-}
-
 TEST_F(DeleteTest, WithoutTheDispositionRecordNothingIsDeletedOrHidden) {
     HostFile("L0/keep.txt", "0");
     HostFile("L1/keep.txt", "1");
@@ -121,35 +85,6 @@ TEST_F(DeleteTest, WithoutTheDispositionRecordNothingIsDeletedOrHidden) {
     Kernel([&] { status = DeleteRealFile(real.us()); });
     machine->ClearFaultInjection();
     EXPECT_EQ(status, STATUS_INSUFFICIENT_RESOURCES);
-}
-
-TEST_F(DeleteTest, ResettingAttributesKeepsTheTimes) {
-    HostFile("L0/r.txt", "0");
-    Configure();
-    SetAttributes(u"C:\\L0\\r.txt", FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN);
-    auto basic = [&] {
-        FILE_BASIC_INFORMATION b = {};
-        HANDLE h;
-        EXPECT_EQ(OpenReal(u"C:\\L0\\r.txt", &h), STATUS_SUCCESS);
-        Kernel([&] {
-            IO_STATUS_BLOCK iosb;
-            ZwQueryInformationFile(h, &iosb, &b, sizeof(b), FileBasicInformation);
-        });
-        Close(h);
-        return b;
-    };
-    FILE_BASIC_INFORMATION before = basic();
-    Text real(u"C:\\L0\\r.txt");
-    NTSTATUS status = 1;
-    Kernel([&] { status = ResetFileAttributes(real.us()); });
-    EXPECT_EQ(status, STATUS_SUCCESS);
-    FILE_BASIC_INFORMATION after = basic();
-    EXPECT_EQ(after.FileAttributes, ULONG(FILE_ATTRIBUTE_NORMAL));
-    EXPECT_EQ(after.LastWriteTime.QuadPart, before.LastWriteTime.QuadPart);
-    EXPECT_EQ(after.CreationTime.QuadPart, before.CreationTime.QuadPart);
-    Text missing(u"C:\\L0\\missing.txt");
-    Kernel([&] { status = ResetFileAttributes(missing.us()); });
-    EXPECT_EQ(status, STATUS_OBJECT_NAME_NOT_FOUND);
 }
 
 }  // namespace

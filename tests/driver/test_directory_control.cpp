@@ -114,41 +114,6 @@ TEST_F(DirectoryControlTest, MergedListingInEverySupportedClass) {
     EXPECT_EQ(LogCount("late.txt"), 0u);
 }
 
-// The pattern of the first query or of a restart holds for the whole
-// listing; single entries come one at a time across filter directories.
-TEST_F(DirectoryControlTest, PatternRestartAndSingleEntry) {
-    struct Step {
-        const char* name;
-        const char16_t* pattern;
-        bool single;
-        bool restart;
-        NTSTATUS status;
-        Names names;
-    };
-    const Step steps[] = {
-        {"first query sets the pattern", u"m*", false, false, STATUS_SUCCESS, {"m.txt"}},
-        {"a later pattern is ignored", u"*", false, false, STATUS_NO_MORE_FILES, {}},
-        {"after the end the listing starts afresh", nullptr, false, false, STATUS_SUCCESS, {".", "..", "a.txt"}},
-        {"restart with a new pattern, single", u"*.txt", true, true, STATUS_SUCCESS, {"a.txt"}},
-        {"single from the next filter directory", nullptr, true, false, STATUS_SUCCESS, {"m.txt"}},
-        {"single from the last filter directory", nullptr, true, false, STATUS_SUCCESS, {"b.txt"}},
-        {"end of the single-entry listing", nullptr, true, false, STATUS_NO_MORE_FILES, {}},
-        {"restart without a pattern, single", nullptr, true, true, STATUS_SUCCESS, {"."}},
-        {"a pattern nothing matches", u"zz*", false, true, STATUS_NO_MORE_FILES, {}},
-    };
-    OpenResult dir = OpenDir(u"C:\\dir");
-    ASSERT_EQ(dir.status, STATUS_SUCCESS);
-    for (const Step& step : steps) {
-        SCOPED_TRACE(step.name);
-        Names names;
-        EXPECT_EQ(Query(dir.handle, kNames, &names, step.single, step.restart, step.pattern), step.status);
-        EXPECT_EQ(names, step.names);
-    }
-    Close(app, dir.handle);
-    EXPECT_EQ(LogCount("QueryDirectory\tName[m*] Status[0] Information["), 1u);
-    EXPECT_EQ(LogCount("QueryDirectory\tName[zz*] Status[80000006] Information[0]"), 1u);
-}
-
 // A directory deleted from the view by another open while it is listed: a
 // restart finds it in no filter directory.
 TEST_F(DirectoryControlTest, ListingOfADirectoryGoneFromTheView) {

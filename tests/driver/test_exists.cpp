@@ -113,23 +113,5 @@ TEST_F(ExistsTest, HiddenAndUnlistedPathsAreNeverProbedOnDisk) {
     Close(heldHidden);
 }
 
-TEST_F(ExistsTest, NothingExistsBeforeTheFilterDirectoriesAreSet) {
-    HostFile("L0/a.txt", "0");
-    NTSTATUS status = 0x12345678;
-    EXPECT_EQ(Exists(u"C:\\a.txt", kAll, &status), 0u);
-    EXPECT_EQ(status, 0x12345678);
-}
-
-TEST_F(ExistsTest, NoWorkingBufferMeansNothingExists) {
-    Populate();
-    NTSTATUS status = 0x12345678;
-    machine->FailAllocationsWithTag("Trvm");
-    EXPECT_EQ(Exists(u"C:\\only0.txt", kAll, &status), 0u);
-    machine->ClearFaultInjection();
-    EXPECT_EQ(status, 0x12345678);
-    EXPECT_EQ(Count("FiltCheckFileExists() ("), 1u);
-    EXPECT_EQ(Count("alloc fail"), 1u);
-}
-
 }  // namespace
 }  // namespace tervane::test::layers

@@ -61,26 +61,6 @@ protected:
     std::unique_ptr<emu::Machine> machine;
 };
 
-TEST_F(FileHandleTableTest, EntryCopiesTemplateAndOwnsItsPath) {
-    std::u16string path = u"C:\\dir\\file.txt";
-    Add(Key(64), path, 2048, 4);
-    PFileHandleEntry entry = Find(Key(64));
-    ASSERT_NE(entry, nullptr);
-    EXPECT_EQ(entry->m_ulFilterEntryFlag, 4u);
-    EXPECT_EQ(PathOf(entry), "C:\\dir\\file.txt");
-    EXPECT_EQ(entry->m_ustrFullPath.MaximumLength, 2048);
-    EXPECT_NE(reinterpret_cast<const void*>(entry->m_ustrFullPath.Buffer),
-              reinterpret_cast<const void*>(path.data()));
-    // The entry's event starts signalled: the first handler does not block.
-    Kernel([&] {
-        LARGE_INTEGER zero = {};
-        EXPECT_EQ(KeWaitForSingleObject(&entry->m_kEvent, Executive, KernelMode, FALSE, &zero), STATUS_SUCCESS);
-        KeSetEvent(&entry->m_kEvent, 0, FALSE);
-    });
-    EXPECT_EQ(Find(Key(96)), nullptr);
-    EXPECT_EQ(Find(Key(64 + kSameBucket)), nullptr);
-}
-
 // Removing any position of a chain keeps the others reachable.
 TEST_F(FileHandleTableTest, RemovalAnywhereInAChainKeepsTheRest) {
     for (int victim = 0; victim < 3; victim++) {
@@ -143,33 +123,6 @@ TEST_F(FileHandleTableTest, PathCopy) {
     BOOLEAN result = TRUE;
     Kernel([&] { result = GetFileHandleEntryPath(Key(512), nullptr); });
     EXPECT_FALSE(result);
-}
-
-TEST_F(FileHandleTableTest, EmptyTemplatePathKeepsItsCapacity) {
-    Add(Key(1024), u"", 64);
-    Add(Key(1056), u"", 0);
-    for (PFILE_OBJECT key : {Key(1024), Key(1056)}) {
-        PFileHandleEntry entry = Find(key);
-        ASSERT_NE(entry, nullptr);
-        EXPECT_EQ(entry->m_ustrFullPath.Length, 0);
-    }
-    EXPECT_EQ(Find(Key(1024))->m_ustrFullPath.MaximumLength, 64);
-    Kernel([] { AddFileHandleEntry(nullptr); });
-}
-
-TEST_F(FileHandleTableTest, ReplacedPathIsWhatReadersSee) {
-    Add(Key(2048), u"C:\\before");
-    PFileHandleEntry entry = Find(Key(2048));
-    Kernel([&] {
-        UNICODE_STRING path;
-        path.Buffer = static_cast<PWSTR>(ExAllocatePoolWithTag(NonPagedPool, 2048, TRVN_TAG_GENERAL));
-        path.MaximumLength = 2048;
-        RtlCopyMemory(path.Buffer, L"C:\\after", 16);
-        path.Length = 16;
-        ReplaceFileHandleEntryPath(entry, &path);
-        EXPECT_EQ(path.Buffer, nullptr);
-    });
-    EXPECT_EQ(PathOf(Find(Key(2048))), "C:\\after");
 }
 
 // Allocation failures leave no entry behind and nothing allocated.

@@ -30,26 +30,6 @@ protected:
     }
 };
 
-TEST_F(FilterDirectoryTest, UnsetListAnswersEmpty) {
-    Kernel([] {
-        ULONG last = 99;
-        EXPECT_EQ(GetFilterDirectoryCount(&last), 0u);
-        EXPECT_EQ(last, 0u);
-        EXPECT_EQ(GetFilterMask(), 0u);
-        EXPECT_EQ(GetFilterDirectory(1), nullptr);
-        EXPECT_FALSE(IsFilterIndexLoaded());
-        BOOLEAN ok = TRUE;
-        Map(u"C:\\a", 1, &ok);
-        EXPECT_FALSE(ok);
-        ULONG written = 5;
-        EXPECT_TRUE(GetFilterDirectoryList(nullptr, 0, &written));
-        EXPECT_EQ(written, 0u);
-        EXPECT_FALSE(SetFilterDirectories(nullptr, 0));
-        std::vector<uint8_t> tooMany = Slots(std::vector<std::u16string>(32, u"C:\\F"));
-        EXPECT_FALSE(SetFilterDirectories(tooMany.data(), (ULONG)tooMany.size())) << "32 cannot all be named";
-    });
-}
-
 TEST_F(FilterDirectoryTest, ThreeDirectoriesMasksAndMapping) {
     Kernel([] {
         const std::u16string longRoot = u"D:\\" + std::u16string(256, u'r');  // 259 characters

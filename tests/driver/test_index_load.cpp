@@ -79,62 +79,6 @@ IndexFiles Pair(std::initializer_list<std::u16string> paths, uint32_t type = 0) 
     return builder.Files();
 }
 
-TEST_F(IndexLoadTest, TheFilesBecomeTheAreas) {
-    Write(Pair({}));
-    PFileIndex empty = Load();
-    ASSERT_NE(empty, nullptr);
-    EXPECT_EQ(empty->m_ulNodeUsed, 48u);
-    EXPECT_EQ(empty->m_ulNameUsed, 0u);
-    EXPECT_EQ(Lookup(empty, u"C:\\"), 0);
-    EXPECT_EQ(Lookup(empty, u"C:\\anything"), -1);
-
-    Write(Pair({u"dir\\file.txt"}, 1));
-    EXPECT_EQ(fs::file_size(host / "idx" / "node"), 216u);
-    EXPECT_EQ(fs::file_size(host / "idx" / "name"), 36u);
-    PFileIndex example = Load();
-    ASSERT_NE(example, nullptr);
-    EXPECT_EQ(example->m_ulNodeUsed, 144u);
-    EXPECT_EQ(example->m_ulNameUsed, 22u);
-    EXPECT_EQ(Lookup(example, u"C:\\dir\\file.txt"), 96);
-    EXPECT_EQ(example->m_ulNodeAreaSize, 0x500000u);
-}
-
-// A pair built by the host library from a tree: the driver finds every path
-// the host dump lists at the same offset, and no other.
-TEST_F(IndexLoadTest, HostBuiltPairAgreesWithTheDriver) {
-    fs::path tree = host / "tree";
-    for (const char* f : {"Windows/System32/drivers/etc/hosts", "Windows/win.ini", "Program Files/App/App.exe",
-                          "Documents and Settings/All Users/desktop.ini"}) {
-        fs::create_directories((tree / f).parent_path());
-        std::ofstream(tree / f) << "data";
-    }
-    fs::create_directories(tree / "Empty");
-    IndexFiles files;
-    std::string error;
-    ASSERT_TRUE(indexfile::BuildIndex(tree, &files, &error)) << error;
-    Write(files);
-    PFileIndex index = Load();
-    ASSERT_NE(index, nullptr);
-    int checked = 0;
-    ASSERT_TRUE(indexfile::DumpIndex(
-        files,
-        [&](const indexfile::DumpLine& line) {
-            std::u16string path;
-            ASSERT_TRUE(indexfile::Utf8ToUtf16("C:" + line.path, &path));
-            EXPECT_EQ(Lookup(index, path), long(line.offset)) << line.path;
-            auto host = indexfile::LookupPath(files, path, &error);
-            ASSERT_TRUE(host.has_value());
-            EXPECT_EQ(host->offset, line.offset);
-            checked++;
-        },
-        &error));
-    EXPECT_EQ(checked, 14);
-    for (const char16_t* absent : {u"C:\\Windows\\System32\\hosts", u"C:\\Empty\\x", u"C:\\win.ini"}) {
-        EXPECT_EQ(Lookup(index, absent), -1);
-        EXPECT_FALSE(indexfile::LookupPath(files, absent, &error).has_value());
-    }
-}
-
 TEST_F(IndexLoadTest, MalformedPairsAreRefusedAndLeaveNothingOpen) {
     IndexFiles good = Pair({u"a\\b"});
     struct Case {
@@ -193,37 +137,6 @@ TEST_F(IndexLoadTest, RenamesChangeMemoryOnly) {
     ASSERT_TRUE(indexfile::ReadIndexFiles(host / "idx" / "node", host / "idx" / "name", &onDisk, &error));
     EXPECT_EQ(onDisk.node, files.node);
     EXPECT_EQ(onDisk.name, files.name);
-}
-
-TEST_F(IndexLoadTest, FilterIndexLoadsOnceForItsFilterDirectory) {
-    Write(Pair({u"known.txt"}));
-    std::vector<uint8_t> roots = Slots({u"C:\\F0", u"C:\\F1", u"C:\\F2"});
-    Kernel([&] { ASSERT_TRUE(SetFilterDirectories(roots.data(), ULONG(roots.size()))); });
-    auto load = [&](ULONG flag, std::vector<uint8_t> record) {
-        BOOLEAN ok = FALSE;
-        Kernel([&] { ok = LoadFilterIndex(flag, record.data()); });
-        return bool(ok);
-    };
-    std::vector<uint8_t> missing = Slots({u"C:\\idx\\node", u"C:\\idx\\nothing"});
-    std::vector<uint8_t> good = Slots({u"C:\\idx\\node", u"C:\\idx\\name"});
-    std::vector<uint8_t> unterminated = good;
-    for (size_t i = 520; i < 1040; i += 2) unterminated[i] = 'x', unterminated[i + 1] = 0;
-
-    EXPECT_FALSE(load(8, good));  // no filter directory of that flag
-    EXPECT_FALSE(load(4, missing));
-    EXPECT_FALSE(load(4, unterminated));
-    BOOLEAN loadedNow = TRUE;
-    Kernel([&] { loadedNow = IsFilterIndexLoaded(); });
-    EXPECT_FALSE(loadedNow);
-    EXPECT_TRUE(load(4, good));  // a failed load leaves room for a later one
-    EXPECT_FALSE(load(4, good));  // once only
-    Kernel([&] {
-        EXPECT_TRUE(IsFilterIndexLoaded());
-        PFilterDirectoryEntry last = GetFilterDirectory(4);
-        Path known(u"C:\\known.txt"), unknown(u"C:\\unknown.txt");
-        EXPECT_TRUE(LookupFilterIndex(last->m_ppIndexHolder, known.us()));
-        EXPECT_FALSE(LookupFilterIndex(last->m_ppIndexHolder, unknown.us()));
-    });
 }
 
 }  // namespace

@@ -40,16 +40,6 @@ protected:
     }
 };
 
-TEST_F(LayeredOpenTest, MaskZeroOpensThePathAsGiven) {
-    HostFile("dir/a.txt", "hello");
-    HANDLE h;
-    ASSERT_EQ(Open(0, u"C:\\dir\\a.txt", &h), STATUS_SUCCESS);
-    EXPECT_EQ(Read(h, 16), "hello");
-    Close(h);
-    EXPECT_EQ(Open(0, u"C:\\dir\\missing.txt", &h), STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(h, nullptr);
-}
-
 TEST_F(LayeredOpenTest, AMaskWithoutFilterDirectoryOpensNothing) {
     HANDLE h;
     for (ULONG mask : {1u, 8u}) {
@@ -102,59 +92,6 @@ TEST_F(LayeredOpenTest, ParentsAreMadeOnlyForNewObjectsInFilterDirectory0) {
         }
     }
     EXPECT_TRUE(fs::is_regular_file(host / "F0/x/y/new.txt"));
-}
-
-TEST_F(LayeredOpenTest, TheBypassSuffixMarksOpensOnceTheFilterIndexIsLoaded) {
-    HANDLE h;
-    ASSERT_EQ(Open(0, u"T:\\plain", &h), STATUS_SUCCESS);
-    Close(h);
-    SetFilters();
-    ASSERT_EQ(Open(0, u"T:\\still-plain", &h), STATUS_SUCCESS);
-    Close(h);
-    LoadIndex();
-    ASSERT_EQ(Open(0, u"T:\\marked", &h), STATUS_SUCCESS);
-    Close(h);
-    std::vector<SeenRequest> creates = Creates();
-    ASSERT_EQ(creates.size(), 3u);
-    EXPECT_EQ(creates[0].fileName, u"\\plain");
-    EXPECT_EQ(creates[1].fileName, u"\\still-plain");
-    EXPECT_EQ(creates[2].fileName, u"\\marked_??$");
-}
-
-TEST_F(LayeredOpenTest, CreateDirectoryRecursiveOpensEachAncestorInOrder) {
-    struct Case {
-        std::u16string path;
-        bool ok;
-        std::vector<std::u16string> opened;
-    } cases[] = {
-        {u"T:\\a\\b\\c.txt", true, {u"\\a", u"\\a\\b"}},
-        {u"T:\\a\\b\\", true, {u"\\a"}},
-        {u"T:\\top", true, {}},
-        {u"T:a", false, {}},
-        {u"T:", false, {}},
-        {u"", false, {}},
-    };
-    for (const auto& c : cases) {
-        TestVolume::Seen().clear();
-        Path p(c.path);
-        BOOLEAN ok = FALSE;
-        Kernel([&] { ok = CreateDirectoryRecursive(p.us()); });
-        EXPECT_EQ(bool(ok), c.ok);
-        std::vector<std::u16string> opened;
-        for (const auto& r : Creates()) {
-            opened.push_back(r.fileName);
-            EXPECT_EQ(r.createOptions & 0x00FFFFFF, ULONG(FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT));
-            EXPECT_EQ(r.createOptions >> 24, ULONG(FILE_OPEN_IF));
-        }
-        EXPECT_EQ(opened, c.opened);
-    }
-    EXPECT_EQ(Count("wrong path[T:a]"), 1u);
-    EXPECT_EQ(Count("CreateDirectoryRecursive() ("), 3u);
-
-    Path real(u"C:\\new1\\new2\\file.txt");
-    Kernel([&] { EXPECT_TRUE(CreateDirectoryRecursive(real.us())); });
-    EXPECT_TRUE(fs::is_directory(host / "new1/new2"));
-    EXPECT_FALSE(fs::exists(host / "new1/new2/file.txt"));
 }
 
 TEST_F(LayeredOpenTest, IsDirectoryFileTellsDirectoriesFromFiles) {

@@ -103,23 +103,6 @@ private:
     std::u16string path_;
 };
 
-TEST_F(MergedListTest, EachFilterDirectoryGivesOneBatchInEverySupportedClass) {
-    Populate();
-    const Names expected[] = {{u".", u"..", u"a", u"h"}, {u".", u"..", u"m"}, {u".", u"..", u"b"}};
-    for (const auto& layout : kClasses) {
-        Open(u"C:\\D");
-        Names names;
-        for (const auto& batch : expected) {
-            ASSERT_EQ(Query(layout, &names), STATUS_SUCCESS) << layout.cls;
-            EXPECT_EQ(Sorted(names), batch) << layout.cls;
-        }
-        EXPECT_EQ(Query(layout, &names), STATUS_NO_MORE_FILES) << layout.cls;
-        EXPECT_EQ(entry.m_hQueryDirHandle, nullptr);
-        EXPECT_EQ(entry.m_ulQueryDirFilterFlag, 0u);
-        EndEntry();
-    }
-}
-
 TEST_F(MergedListTest, SingleEntriesComeOneAtATimeWithoutLosingTheRestOfACopy) {
     Populate();
     Open(u"C:\\D");

@@ -100,17 +100,6 @@ TEST_F(NameResolutionTest, RequestNamesJoinTheRelatedOpenAndTheDriveLetter) {
     }
 }
 
-TEST_F(NameResolutionTest, NothingIsResolvedUntilTheFilterDirectoriesAreInForce) {
-    RequestFileObject request(u"\\a.txt");
-    EXPECT_EQ(Resolve(&request.fo), u"");
-    Configure();
-    EXPECT_EQ(Resolve(&request.fo), u"C:\\a.txt");
-    TervaneDeviceExtension unhooked = extension;
-    unhooked.m_bHooked = FALSE;
-    EXPECT_EQ(Resolve(&request.fo, false, false, &unhooked), u"");
-    EXPECT_EQ(Resolve(nullptr), u"C:");
-}
-
 TEST_F(NameResolutionTest, AnOpenInTheTableIsNamedByItsEntry) {
     Configure();
     RequestFileObject request(u"\\ignored.txt");
@@ -136,42 +125,6 @@ TEST_F(NameResolutionTest, AnOpenFileIsNamedByTheFileSystemUnlessQueriesAreForbi
     EXPECT_EQ(Resolve(fo, false, true), u"C:\\l0\\dir\\file.txt");
     Kernel([&] { ObDereferenceObject(fo); });
     Close(h);
-}
-
-TEST_F(NameResolutionTest, NtfsMetadataOpensAreNamedByTheirRecord) {
-    Configure();
-    ASSERT_EQ(machine->LoadDriver(u"ReferenceDevice", ReferenceDevice::DriverEntry), STATUS_SUCCESS);
-    TervaneDeviceExtension below = extension;
-    below.m_pLowerDevice = ReferenceDevice::device;
-    int context = 0;
-    struct Case {
-        LONGLONG reference;
-        bool noQuery;
-        std::u16string expected;
-    } cases[] = {
-        {0, false, u"C:\\$Mft"},
-        {5, false, u"C:\\$Root"},
-        {0x00070000F000000BLL, false, u"C:\\$Extend"},  // sequence number and high bits are dropped
-        {12, false, u"C:"},                              // no metadata name, no request name
-        {5, true, u"C:"},
-    };
-    for (const auto& c : cases) {
-        ReferenceDevice::reference = c.reference;
-        RequestFileObject request(std::nullopt);
-        request.fo.FsContext = &context;  // opened by the file system
-        EXPECT_EQ(Resolve(&request.fo, false, c.noQuery, &below), c.expected) << c.reference;
-    }
-    // Not NTFS: no record lookup.
-    std::vector<uint8_t> fat(TERVANE_FS_ATTRIBUTE_INFO_SIZE, 0);
-    auto* info = reinterpret_cast<PFILE_FS_ATTRIBUTE_INFORMATION>(fat.data());
-    info->FileSystemNameLength = 6;
-    memcpy(info->FileSystemName, u"FAT", 6);
-    below.m_pFsAttributeInfo = info;
-    ReferenceDevice::reference = 5;
-    RequestFileObject request(std::nullopt);
-    request.fo.FsContext = &context;
-    EXPECT_EQ(Resolve(&request.fo, false, false, &below), u"C:");
-    Kernel([] { IoDeleteDevice(ReferenceDevice::device); });
 }
 
 TEST(ShortNameComponentTest, OnlyComponentsOfAtMostEightCharactersWithATildeCount) {

@@ -76,24 +76,6 @@ TEST_F(OwnIrpTest, ReadsAndWritesReachTheRealFile) {
     EXPECT_EQ(HostContent("data.bin"), "01ABC56789tail");
 }
 
-TEST_F(OwnIrpTest, QueriesGoStraightToTheGivenDevice) {
-    Kernel([&] {
-        FILE_STANDARD_INFORMATION standard = {};
-        EXPECT_TRUE(QueryFileInformationWithIrp(lowerC, file, FileStandardInformation, &standard, sizeof(standard)));
-        EXPECT_EQ(standard.EndOfFile.QuadPart, 10);
-        EXPECT_FALSE(standard.Directory);
-        FILE_INTERNAL_INFORMATION internal = {};
-        EXPECT_TRUE(QueryFileInformationWithIrp(lowerC, file, FileInternalInformation, &internal, sizeof(internal)));
-        UCHAR nameBuffer[sizeof(FILE_NAME_INFORMATION) + 64] = {};
-        auto* name = reinterpret_cast<PFILE_NAME_INFORMATION>(nameBuffer);
-        EXPECT_TRUE(QueryFileInformationWithIrp(lowerC, file, FileNameInformation, name, sizeof(nameBuffer)));
-        EXPECT_EQ(std::u16string(reinterpret_cast<char16_t*>(name->FileName), name->FileNameLength / 2),
-                  u"\\data.bin");
-        ULONG tooSmall = 0;
-        EXPECT_FALSE(QueryFileInformationWithIrp(lowerC, file, FileStandardInformation, &tooSmall, sizeof(tooSmall)));
-    });
-}
-
 // With a caller's request the data goes where that request's data goes: its
 // MDL first, then its system buffer, then its user buffer.
 TEST_F(OwnIrpTest, ACallersRequestLendsItsBuffer) {
@@ -132,31 +114,6 @@ TEST_F(OwnIrpTest, ACallersRequestLendsItsBuffer) {
             ExFreePoolWithTag(mdlBuffer, kTestTag);
             ExFreePoolWithTag(systemBuffer, kTestTag);
         });
-    }
-}
-
-// Route flags 1 and 2 send to the device below drive C:'s filter device
-// whichever filter device is given; other flags use the given one's.
-TEST_F(OwnIrpTest, RouteFlagsChooseTheLowerDevice) {
-    BOOLEAN hooked = FALSE;
-    Kernel([&] { hooked = HookDrive('T' - 'A', driver); });
-    ASSERT_TRUE(hooked);
-    PDEVICE_OBJECT filterT = g_apFilterDevices['T' - 'A'];
-    ASSERT_NE(filterT, nullptr);
-    struct Case {
-        ULONG route;
-        const char* data;
-        bool testVolumeSees;
-    } cases[] = {{1, "0123", false}, {2, "0123", false}, {3, "0123", false}, {4, "vvvv", true}, {0, "vvvv", true}};
-    for (const auto& c : cases) {
-        TestVolume::Seen().clear();
-        std::string buffer(4, '\0');
-        ULONG moved = 0;
-        EXPECT_EQ(Transfer(true, 0, &buffer, &moved, c.route, filterT), STATUS_SUCCESS) << c.route;
-        EXPECT_EQ(buffer, c.data) << c.route;
-        bool seen = false;
-        for (const auto& r : TestVolume::Seen()) seen |= r.major == IRP_MJ_READ && r.fileObject == file;
-        EXPECT_EQ(seen, c.testVolumeSees) << c.route;
     }
 }
 

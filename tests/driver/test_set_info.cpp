@@ -1,5 +1,5 @@
-// Set information on redirected opens: renames of every target form, delete
-// requests carried out at close, and forwarded classes with copy-up.
+// Set information on redirected opens: renames of every target form
+// and forwarded classes with copy-up.
 #include "test_dispatch_support.h"
 
 namespace tervane::test {
@@ -101,36 +101,6 @@ TEST_F(SetInfoTest, RenameKeepsTheOpenOnItsNewName) {
     Close(app, open.handle);
     EXPECT_EQ(Cat(app, u"C:\\dir\\m.txt"), "<STATUS_OBJECT_NAME_NOT_FOUND>");
     EXPECT_EQ(HostContent(std::string(kMid) + "/dir/m.txt"), "M");
-}
-
-TEST_F(SetInfoTest, DeleteHappensAtClose) {
-    struct Case {
-        const char* name;
-        std::vector<BOOLEAN> requests;
-        bool gone;
-    };
-    const Case cases[] = {
-        {"delete", {TRUE}, true},
-        {"delete then undo", {TRUE, FALSE}, false},
-        {"delete twice", {TRUE, TRUE}, true},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        HostFile(std::string(kPack) + "/dir/p.txt", "P");
-        OpenResult open = OpenForChange(u"C:\\dir\\p.txt");
-        ASSERT_EQ(open.status, STATUS_SUCCESS);
-        for (BOOLEAN request : c.requests) EXPECT_EQ(Dispose(open.handle, request), STATUS_SUCCESS);
-        EXPECT_EQ(Cat(app, u"C:\\dir\\p.txt"), "P") << "still there until the close";
-        Close(app, open.handle);
-        EXPECT_EQ(HostExists(std::string(kPack) + "/dir/p.txt"), !c.gone);
-    }
-    // A lower file is hidden, not removed.
-    OpenResult open = OpenForChange(u"C:\\dir\\b.txt");
-    ASSERT_EQ(open.status, STATUS_SUCCESS);
-    EXPECT_EQ(Dispose(open.handle, TRUE), STATUS_SUCCESS);
-    Close(app, open.handle);
-    EXPECT_FALSE(NT_SUCCESS(Open(app, u"C:\\dir\\b.txt").status));
-    EXPECT_EQ(HostContent(std::string(kBase) + "/dir/b.txt"), "B");
 }
 
 TEST_F(SetInfoTest, BasicInformationCopiesUpOnlyForRealChanges) {

@@ -157,28 +157,5 @@ TEST_F(StringsTest, FormatFillsToCapacity) {
     });
 }
 
-// Path buffers come from the general pool; giving back more than its depth
-// frees the surplus instead of keeping it.
-TEST_F(StringsTest, PathBuffersAndPoolDepth) {
-    Kernel([] {
-        EXPECT_FALSE(AllocatePathBuffer(nullptr));
-        FreePathBuffer(nullptr);
-        std::vector<UNICODE_STRING> strings(GENERAL_PATH_POOL_DEPTH + 3);
-        for (auto& s : strings) {
-            ASSERT_TRUE(AllocatePathBuffer(&s));
-            EXPECT_EQ(s.Length, 0);
-            EXPECT_EQ(s.MaximumLength, PATH_BUFFER_SIZE);
-        }
-        const ULONG freesBefore = g_GeneralPathPool.L.TotalFrees;
-        const ULONG missesBefore = g_GeneralPathPool.L.FreeMisses;
-        for (auto& s : strings) {
-            FreePathBuffer(&s);
-            EXPECT_EQ(s.MaximumLength, 0);
-        }
-        EXPECT_EQ(g_GeneralPathPool.L.TotalFrees - freesBefore, strings.size());
-        EXPECT_EQ(g_GeneralPathPool.L.FreeMisses - missesBefore, 3u);
-    });
-}
-
 }  // namespace
 }  // namespace tervane::test
