@@ -159,12 +159,14 @@ NTSTATUS CheckExisting(CreateRequest& rq, Fcb* fcb, bool trailingBackslash) {
     if (rq.options & FILE_DIRECTORY_FILE) return STATUS_NOT_A_DIRECTORY;
     if (trailingBackslash) return STATUS_OBJECT_NAME_INVALID;
     ULONG attrs = ReportedAttributes(fcb->meta, false);
-    bool overwrite = rq.disposition == FILE_SUPERSEDE || rq.disposition == FILE_OVERWRITE ||
-                     rq.disposition == FILE_OVERWRITE_IF;
+    bool truncate = rq.disposition == FILE_OVERWRITE || rq.disposition == FILE_OVERWRITE_IF;
+    bool overwrite = truncate || rq.disposition == FILE_SUPERSEDE;
     if (attrs & FILE_ATTRIBUTE_READONLY) {
         if (rq.requestedAccess & MAXIMUM_ALLOWED) rq.access &= ~(kWriteLike | FILE_DELETE_CHILD);
         if (rq.options & FILE_DELETE_ON_CLOSE) return STATUS_CANNOT_DELETE;
-        if ((rq.access & (kWriteLike | FILE_DELETE_CHILD)) || overwrite) return STATUS_ACCESS_DENIED;
+        // A read-only file may be superseded (it is replaced, not written),
+        // never overwritten; write access to it is refused either way.
+        if ((rq.access & (kWriteLike | FILE_DELETE_CHILD)) || truncate) return STATUS_ACCESS_DENIED;
     }
     if (overwrite) {
         // Overwriting a hidden or system file must restate those attributes.

@@ -138,7 +138,34 @@ TEST_F(FsTest, ReadOnlyAttributeRefusesWriteAndDelete) {
         Close(r.handle);
         EXPECT_EQ(Open(u"\\ro", GENERIC_WRITE | SYNCHRONIZE).status, STATUS_ACCESS_DENIED);
         EXPECT_EQ(Open(u"\\ro", FILE_APPEND_DATA | SYNCHRONIZE).status, STATUS_ACCESS_DENIED);
-        EXPECT_EQ(Open(u"\\ro", GENERIC_READ | SYNCHRONIZE, 7, FILE_OVERWRITE_IF).status, STATUS_ACCESS_DENIED);
+        // NTFS refuses to overwrite a read-only file, but lets a caller that
+        // asks no write access supersede it: the new file has only the
+        // attributes given. Write access stays refused (MS-FSA 2.1.5.1.2.1).
+        struct Case {
+            ULONG disposition;
+            ACCESS_MASK access;
+            NTSTATUS status;
+        } replaceCases[] = {
+            {FILE_OVERWRITE, GENERIC_READ, STATUS_ACCESS_DENIED},
+            {FILE_OVERWRITE_IF, GENERIC_READ, STATUS_ACCESS_DENIED},
+            {FILE_SUPERSEDE, GENERIC_WRITE, STATUS_ACCESS_DENIED},
+            {FILE_SUPERSEDE, GENERIC_READ, STATUS_SUCCESS},
+        };
+        for (auto& c : replaceCases) {
+            OpenResult s = Open(u"\\ro", c.access | SYNCHRONIZE, 7, c.disposition, FILE_SYNCHRONOUS_IO_NONALERT,
+                                FILE_ATTRIBUTE_HIDDEN);
+            EXPECT_EQ(s.status, c.status) << c.disposition;
+            if (!NT_SUCCESS(s.status)) continue;
+            EXPECT_EQ(s.info, FILE_SUPERSEDED);
+            EXPECT_EQ(Attributes(s.handle), static_cast<ULONG>(FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_ARCHIVE));
+            Close(s.handle);
+        }
+        EXPECT_EQ(ReadHostFile(host / "ro"), "");
+        OpenResult again = Open(u"\\ro", FILE_WRITE_ATTRIBUTES | SYNCHRONIZE);
+        FILE_BASIC_INFORMATION readOnly{};
+        readOnly.FileAttributes = FILE_ATTRIBUTE_READONLY;
+        EXPECT_EQ(Set(again.handle, FileBasicInformation, &readOnly, sizeof readOnly), STATUS_SUCCESS);
+        Close(again.handle);
         EXPECT_EQ(Open(u"\\ro", DELETE | SYNCHRONIZE, 7, FILE_OPEN, FILE_DELETE_ON_CLOSE).status, STATUS_CANNOT_DELETE);
         OpenResult d = Open(u"\\ro", DELETE | SYNCHRONIZE);
         ASSERT_EQ(d.status, STATUS_SUCCESS);
