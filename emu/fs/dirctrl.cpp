@@ -4,8 +4,9 @@
 // A query streams: its first call (or a restart) takes the pattern and a
 // sorted snapshot of the directory's names from the directory cache; later
 // calls continue from the cursor kept in the CCB. "." and ".." come first,
-// except at the root. Records are 8-byte aligned. A first call that
-// matches nothing is STATUS_NO_SUCH_FILE, the end STATUS_NO_MORE_FILES. A
+// except at the root. Records are 8-byte aligned. The first call on an open
+// that matches nothing is STATUS_NO_SUCH_FILE, the end (a restart that
+// matches nothing included) STATUS_NO_MORE_FILES. A
 // buffer below the class's fixed part is STATUS_INFO_LENGTH_MISMATCH; when
 // the first record's name does not fit, the record is returned with as much
 // of the name as fits (FileNameLength still the whole length) and
@@ -166,8 +167,10 @@ NTSTATUS QueryDirectory(Vcb* vcb, PIRP irp, ULONG_PTR* info) {
         pattern.assign(reinterpret_cast<const char16_t*>(given->Buffer), given->Length / 2);
     }
     bool restart = (sp->Flags & SL_RESTART_SCAN) != 0;
-    bool firstCall = !ccb->enumStarted || restart;
-    if (firstCall) StartEnumeration(vcb, fcb, ccb, hasPattern ? &pattern : nullptr);
+    // Only the first query of an open answers "no such file"; a restart
+    // that finds nothing is the end of the listing, as on NT.
+    bool firstQuery = !ccb->enumStarted;
+    if (firstQuery || restart) StartEnumeration(vcb, fcb, ccb, hasPattern ? &pattern : nullptr);
     bool single = (sp->Flags & SL_RETURN_SINGLE_ENTRY) != 0;
 
     ULONG offset = 0, lastOffset = 0, lastLength = 0, count = 0;
@@ -212,7 +215,7 @@ NTSTATUS QueryDirectory(Vcb* vcb, PIRP irp, ULONG_PTR* info) {
             break;
         }
     }
-    if (count == 0) return firstCall ? STATUS_NO_SUCH_FILE : STATUS_NO_MORE_FILES;
+    if (count == 0) return firstQuery ? STATUS_NO_SUCH_FILE : STATUS_NO_MORE_FILES;
     *info = offset;
     return status;
 }

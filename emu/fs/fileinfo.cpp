@@ -55,14 +55,14 @@ void FillStandard(Fcb* fcb, const Snapshot& s, FILE_STANDARD_INFORMATION* r) {
     r->Directory = fcb->isDirectory;
 }
 
-ULONG ModeOf(PFILE_OBJECT fo, Ccb* ccb) {
+ULONG ModeOf(PFILE_OBJECT fo) {
     ULONG mode = 0;
     if (fo->Flags & FO_WRITE_THROUGH) mode |= FILE_WRITE_THROUGH;
     if (fo->Flags & FO_SEQUENTIAL_ONLY) mode |= FILE_SEQUENTIAL_ONLY;
     if (fo->Flags & FO_NO_INTERMEDIATE_BUFFERING) mode |= FILE_NO_INTERMEDIATE_BUFFERING;
     if (fo->Flags & FO_SYNCHRONOUS_IO)
         mode |= (fo->Flags & FO_ALERTABLE_IO) ? FILE_SYNCHRONOUS_IO_ALERT : FILE_SYNCHRONOUS_IO_NONALERT;
-    if (ccb && ccb->deleteOnClose) mode |= FILE_DELETE_ON_CLOSE;
+    // An open made with FILE_DELETE_ON_CLOSE does not report it: NT gives 0.
     return mode;
 }
 
@@ -126,7 +126,7 @@ NTSTATUS QueryLocked(Vcb* vcb, Fcb* fcb, Ccb* ccb, PFILE_OBJECT fo, ULONG cls, P
             return STATUS_SUCCESS;
         case FileModeInformation:
             if (!Fits<FILE_MODE_INFORMATION>(length)) return STATUS_INFO_LENGTH_MISMATCH;
-            static_cast<FILE_MODE_INFORMATION*>(buf)->Mode = ModeOf(fo, ccb);
+            static_cast<FILE_MODE_INFORMATION*>(buf)->Mode = ModeOf(fo);
             *info = sizeof(FILE_MODE_INFORMATION);
             return STATUS_SUCCESS;
         case FileAlignmentInformation:
@@ -199,7 +199,7 @@ NTSTATUS QueryLocked(Vcb* vcb, Fcb* fcb, Ccb* ccb, PFILE_OBJECT fo, ULONG cls, P
             r->EaInformation.EaSize = 0;
             r->AccessInformation.AccessFlags = ccb ? ccb->grantedAccess : 0;
             r->PositionInformation.CurrentByteOffset = fo->CurrentByteOffset;
-            r->ModeInformation.Mode = ModeOf(fo, ccb);
+            r->ModeInformation.Mode = ModeOf(fo);
             r->AlignmentInformation.AlignmentRequirement = vcb->volumeDevice->AlignmentRequirement;
             ULONG used;
             NTSTATUS status = FillName(fcb->fullName, &r->NameInformation, length - nameAt, &used);

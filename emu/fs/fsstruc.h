@@ -114,7 +114,6 @@ struct Ccb {
     // snapshot of the directory taken then, and the cursor into it
     // (0 = ".", 1 = "..", 2.. = snapshot entries).
     bool enumStarted = false;
-    bool returnedAny = false;
     std::u16string pattern;
     bool patternHasWildcards = false;
     std::vector<DirEntry> snapshot;

@@ -6,7 +6,8 @@
 // STATUS_NOT_SAME_DEVICE (two letters of one volume are the same device).
 // As NTFS: an existing target needs ReplaceIfExists and may be neither a
 // directory, nor open, nor read-only (STATUS_ACCESS_DENIED); a directory
-// with open files below it cannot be renamed (STATUS_ACCESS_DENIED).
+// may replace a file; a directory with open files below it cannot be
+// renamed (STATUS_ACCESS_DENIED).
 #include <fcntl.h>
 #include <stdio.h>
 #include <unistd.h>
@@ -169,8 +170,20 @@ NTSTATUS RenameFile(Vcb* vcb, Fcb* fcb, PIRP irp, std::vector<PIRP>* done) {
     }
     if (lk.found && lk.st.st_ino == fcb->ino && lk.hostName == newHost && fcb->hostPath == JoinHost(t.dirHost, newHost))
         return finish(STATUS_SUCCESS);  // same name: nothing to do
-    unsigned flags = (replacing || (lk.found && lk.st.st_ino == fcb->ino)) ? 0 : RENAME_NOREPLACE;
-    if (renameat2(srcFd, srcLeafHost.c_str(), dstFd, newHost.c_str(), flags) != 0) return finish(StatusFromErrno(errno));
+    if (replacing && fcb->isDirectory && lk.hostName == newHost) {
+        // A directory replaces a file (the host refuses that in one rename):
+        // the two swap places, then the file, now under the old name, goes.
+        if (renameat2(srcFd, srcLeafHost.c_str(), dstFd, newHost.c_str(), RENAME_EXCHANGE) == 0) {
+            unlinkat(srcFd, srcLeafHost.c_str(), 0);
+        } else if (errno != EINVAL || unlinkat(dstFd, newHost.c_str(), 0) != 0 ||
+                   renameat2(srcFd, srcLeafHost.c_str(), dstFd, newHost.c_str(), RENAME_NOREPLACE) != 0) {
+            return finish(StatusFromErrno(errno));
+        }
+    } else {
+        unsigned flags = (replacing || (lk.found && lk.st.st_ino == fcb->ino)) ? 0 : RENAME_NOREPLACE;
+        if (renameat2(srcFd, srcLeafHost.c_str(), dstFd, newHost.c_str(), flags) != 0)
+            return finish(StatusFromErrno(errno));
+    }
 
     if (replacing) {
         vcb->store->Forget(lk.st.st_ino);

@@ -71,7 +71,7 @@ ULONG ModeOf(PFILE_OBJECT file) {
     if (file->Flags & FO_NO_INTERMEDIATE_BUFFERING) mode |= FILE_NO_INTERMEDIATE_BUFFERING;
     if (file->Flags & FO_SYNCHRONOUS_IO)
         mode |= (file->Flags & FO_ALERTABLE_IO) ? FILE_SYNCHRONOUS_IO_ALERT : FILE_SYNCHRONOUS_IO_NONALERT;
-    if (file->Flags & FO_DELETE_ON_CLOSE) mode |= FILE_DELETE_ON_CLOSE;
+    // An open made with FILE_DELETE_ON_CLOSE does not report it: NT gives 0.
     return mode;
 }
 

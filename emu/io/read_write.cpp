@@ -1,7 +1,9 @@
 // NtReadFile / NtWriteFile. A synchronous file object supplies its current
 // position when no offset (or FILE_USE_FILE_POINTER_POSITION) is given, and
 // the file system advances it; an asynchronous one needs an explicit
-// offset. Fast I/O is tried first on a synchronous, cached file object.
+// offset. A write through a handle granted FILE_APPEND_DATA without
+// FILE_WRITE_DATA always goes to the end of the file. Fast I/O is tried
+// first on a synchronous, cached file object.
 #include "io/io_internal.h"
 
 namespace tervane::emu {
@@ -25,7 +27,12 @@ NTSTATUS ReadWrite(bool write, KPROCESSOR_MODE mode, HANDLE fileHandle, HANDLE e
     LARGE_INTEGER offset{};
     bool usePosition = !byteOffset ||
                        (byteOffset->LowPart == FILE_USE_FILE_POINTER_POSITION && byteOffset->HighPart == -1);
-    if (request.synchronous && usePosition) {
+    if (write && (request.granted & (FILE_WRITE_DATA | FILE_APPEND_DATA)) == FILE_APPEND_DATA) {
+        // A handle that may only append writes at the end of the file,
+        // whatever offset the caller gave.
+        offset.LowPart = FILE_WRITE_TO_END_OF_FILE;
+        offset.HighPart = -1;
+    } else if (request.synchronous && usePosition) {
         offset = file->CurrentByteOffset;
     } else if (!byteOffset) {
         // An asynchronous file object has no position to use.

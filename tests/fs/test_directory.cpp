@@ -53,6 +53,42 @@ TEST_F(FsTest, ListingPatterns) {
     });
 }
 
+// The end of a listing as Windows reports it (Wine's
+// test_NtQueryDirectoryFile): only the first query of an open that matches
+// nothing is STATUS_NO_SUCH_FILE; the calls after it, restarts without a
+// new mask included, are STATUS_NO_MORE_FILES.
+TEST_F(FsTest, ListingEndStatusAfterMaskMatchingNothing) {
+    WriteHostFile(host / "d" / "a.txt", "x");
+    struct Call {
+        const char16_t* pattern;  // null: none given
+        bool restart;
+        NTSTATUS status;
+    } calls[] = {
+        {u"dummy", true, STATUS_NO_SUCH_FILE},
+        {nullptr, false, STATUS_NO_MORE_FILES},
+        {nullptr, true, STATUS_NO_MORE_FILES},
+        {u"none*", true, STATUS_NO_MORE_FILES},
+        {u"a.txt", true, STATUS_SUCCESS},
+    };
+    Run([&] {
+        OpenResult d = Open(u"\\d", FILE_LIST_DIRECTORY | SYNCHRONIZE, 7, FILE_OPEN,
+                            FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT);
+        ASSERT_EQ(d.status, STATUS_SUCCESS);
+        for (size_t i = 0; i < std::size(calls); ++i) {
+            std::u16string text = calls[i].pattern ? calls[i].pattern : u"";
+            UNICODE_STRING mask = MakeUnicodeString(text);
+            uint8_t buf[512];
+            IO_STATUS_BLOCK iosb{};
+            EXPECT_EQ(NtQueryDirectoryFile(d.handle, nullptr, nullptr, nullptr, &iosb, buf, sizeof buf,
+                                           FileNamesInformation, TRUE, calls[i].pattern ? &mask : nullptr,
+                                           calls[i].restart),
+                      calls[i].status)
+                << i;
+        }
+        Close(d.handle);
+    });
+}
+
 TEST_F(FsTest, ListingClassesRecordsAndBuffers) {
     WriteHostFile(host / "d" / "A Long Name.html", "12345");
     WriteHostFile(host / "d" / "short.txt", "1");

@@ -65,6 +65,35 @@ TEST_F(FsTest, QueryClassesAndBufferSizes) {
     });
 }
 
+// FileModeInformation as Windows answers it (Wine's test_file_mode): the
+// caching and synchronous-I/O options come back, FILE_DELETE_ON_CLOSE and
+// the hints RANDOM_ACCESS and NO_COMPRESSION do not.
+TEST_F(FsTest, ModeInformationReportsOpenOptions) {
+    struct Case {
+        ULONG options;
+        ULONG mode;
+    } cases[] = {
+        {0, 0},
+        {FILE_DELETE_ON_CLOSE, 0},
+        {FILE_DELETE_ON_CLOSE | FILE_SYNCHRONOUS_IO_NONALERT, FILE_SYNCHRONOUS_IO_NONALERT},
+        {FILE_WRITE_THROUGH, FILE_WRITE_THROUGH},
+        {FILE_SEQUENTIAL_ONLY, FILE_SEQUENTIAL_ONLY},
+        {FILE_NO_INTERMEDIATE_BUFFERING, FILE_NO_INTERMEDIATE_BUFFERING},
+        {FILE_SYNCHRONOUS_IO_ALERT, FILE_SYNCHRONOUS_IO_ALERT},
+        {FILE_RANDOM_ACCESS | FILE_NO_COMPRESSION, 0},
+    };
+    Run([&] {
+        for (auto& c : cases) {
+            OpenResult f = Open(u"\\m", GENERIC_READ | DELETE | SYNCHRONIZE, 7, FILE_OPEN_IF, c.options);
+            ASSERT_EQ(f.status, STATUS_SUCCESS) << std::hex << c.options;
+            FILE_MODE_INFORMATION mode{0xdead};
+            EXPECT_EQ(Query(f.handle, FileModeInformation, &mode, sizeof mode), STATUS_SUCCESS);
+            EXPECT_EQ(mode.Mode, c.mode) << std::hex << c.options;
+            Close(f.handle);
+        }
+    });
+}
+
 TEST_F(FsTest, SetBasicZeroLeavesAlone) {
     Run([&] {
         OpenResult f = Create(u"\\f");

@@ -45,6 +45,40 @@ TEST_F(FsTest, ReadWriteOffsetsAndPosition) {
     EXPECT_EQ(ReadHostFile(host / "data"), "Jel");
 }
 
+// Writes through a handle granted FILE_APPEND_DATA but not FILE_WRITE_DATA
+// land at the end of the file whatever the offset, and the position
+// follows; with FILE_WRITE_DATA as well the offset holds (Wine's
+// append_file_test, as Windows behaves).
+TEST_F(FsTest, AppendOnlyHandleWritesAtEnd) {
+    struct Step {
+        ACCESS_MASK access;
+        const char* data;
+        LONGLONG offset;
+        const char* contents;
+        LONGLONG position;
+    } steps[] = {
+        {FILE_APPEND_DATA, "ob", 1, "foob", 4},
+        {FILE_APPEND_DATA, "ar", 3, "foobar", 6},
+        {FILE_APPEND_DATA, "!", kNoOffset, "foobar!", 7},
+        {FILE_APPEND_DATA | FILE_WRITE_DATA, "F", 0, "Foobar!", 1},
+    };
+    WriteHostFile(host / "log", "fo");
+    Run([&] {
+        for (auto& s : steps) {
+            OpenResult f = Open(u"\\log", s.access | FILE_READ_DATA | SYNCHRONIZE);
+            ASSERT_EQ(f.status, STATUS_SUCCESS);
+            EXPECT_EQ(Write(f.handle, s.data, s.offset), STATUS_SUCCESS) << s.data;
+            FILE_POSITION_INFORMATION pos{};
+            Query(f.handle, FilePositionInformation, &pos, sizeof pos);
+            EXPECT_EQ(pos.CurrentByteOffset.QuadPart, s.position) << s.data;
+            std::string text;
+            EXPECT_EQ(Read(f.handle, &text, 100, 0), STATUS_SUCCESS);
+            EXPECT_EQ(text, s.contents);
+            Close(f.handle);
+        }
+    });
+}
+
 TEST_F(FsTest, ByteRangeLockConflicts) {
     WriteHostFile(host / "f", std::string(100, 'a'));
     struct Case {

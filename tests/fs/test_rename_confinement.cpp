@@ -11,6 +11,7 @@ TEST_F(FsTest, RenameMatrix) {
         bool replace;
         bool targetExists, targetOpen, targetIsDir;
         NTSTATUS status;
+        bool sourceIsDir = false;
     } cases[] = {
         {"new", false, false, false, false, STATUS_SUCCESS},
         {"tgt", false, true, false, false, STATUS_OBJECT_NAME_COLLISION},
@@ -22,6 +23,12 @@ TEST_F(FsTest, RenameMatrix) {
         {"\\??\\E:$\\moved", false, false, false, false, STATUS_SUCCESS},  // E: is another letter of C:
         {"\\??\\F:\\moved", false, false, false, false, STATUS_NOT_SAME_DEVICE},
         {"bad:name", false, false, false, false, STATUS_OBJECT_NAME_INVALID},
+        // A directory onto a file: a collision, or with ReplaceIfExists the
+        // file goes and the directory takes its name (Wine's
+        // test_file_rename_information, as Windows behaves).
+        {"tgt", false, true, false, false, STATUS_OBJECT_NAME_COLLISION, true},
+        {"tgt", true, true, false, false, STATUS_SUCCESS, true},
+        {"TGT", true, true, false, false, STATUS_SUCCESS, true},
     };
     ASSERT_EQ(machine->AliasVolume('E', 'C'), STATUS_SUCCESS);
     auto other = FreshDir("other-volume");
@@ -30,14 +37,16 @@ TEST_F(FsTest, RenameMatrix) {
     for (auto& c : cases) {
         auto dir = host / ("case" + std::to_string(n++));
         std::filesystem::create_directories(dir / "other");
-        WriteHostFile(dir / "src", "source");
+        if (c.sourceIsDir) std::filesystem::create_directories(dir / "src" / "inner");
+        else WriteHostFile(dir / "src", "source");
         if (c.targetExists) {
             if (c.targetIsDir) std::filesystem::create_directories(dir / "tgt");
             else WriteHostFile(dir / "tgt", "target");
         }
         std::u16string base = U("\\" + dir.filename().string());
         Run([&] {
-            OpenResult src = Open(base + u"\\src", DELETE | SYNCHRONIZE);
+            OpenResult src = Open(base + u"\\src", DELETE | SYNCHRONIZE, 7, FILE_OPEN,
+                                  c.sourceIsDir ? FILE_DIRECTORY_FILE : FILE_NON_DIRECTORY_FILE);
             ASSERT_EQ(src.status, STATUS_SUCCESS);
             OpenResult held{};
             if (c.targetOpen) held = Open(base + u"\\tgt");
@@ -54,6 +63,10 @@ TEST_F(FsTest, RenameMatrix) {
     EXPECT_EQ(ReadHostFile(host / "case2" / "TGT"), "source");  // replaced, with the new spelling
     EXPECT_FALSE(std::filesystem::exists(host / "case2" / "tgt"));
     EXPECT_TRUE(std::filesystem::exists(host / "case5" / "other" / "moved"));
+    EXPECT_TRUE(std::filesystem::is_regular_file(host / "case10" / "tgt"));
+    EXPECT_TRUE(std::filesystem::is_directory(host / "case11" / "tgt" / "inner"));
+    EXPECT_TRUE(std::filesystem::is_directory(host / "case12" / "TGT" / "inner"));
+    EXPECT_FALSE(std::filesystem::exists(host / "case12" / "tgt"));
     std::filesystem::remove_all(other);
 }
 
