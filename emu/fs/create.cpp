@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "fs/fsstruc.h"
 #include "fs/names.h"
@@ -96,18 +97,33 @@ NTSTATUS GetFcb(Vcb* vcb, int parentFd, const Lookup& lk, const std::u16string& 
     return STATUS_SUCCESS;
 }
 
-NTSTATUS AttachToFileObject(CreateRequest& rq, Fcb* fcb) {
-    Ccb* ccb = CreateCcb();
-    if (!ccb) return STATUS_INSUFFICIENT_RESOURCES;
+// The CCB of the open, made before anything on the host changes so that
+// no allocation can fail once a file was made or truncated.
+class PendingCcb {
+public:
+    PendingCcb() : ccb_(CreateCcb()) {}
+    ~PendingCcb() {
+        if (ccb_) DeleteCcb(ccb_);
+    }
+    PendingCcb(const PendingCcb&) = delete;
+    PendingCcb& operator=(const PendingCcb&) = delete;
+    bool Ok() const { return ccb_ != nullptr; }
+    Ccb* Take() { return std::exchange(ccb_, nullptr); }
+
+private:
+    Ccb* ccb_;
+};
+
+// Gives the file object its control blocks. Fails only on share access,
+// which callers that change the host check first.
+NTSTATUS AttachToFileObject(CreateRequest& rq, Fcb* fcb, PendingCcb& pending) {
     if (fcb->openCount == 0) {
         IoSetShareAccess(rq.access, rq.share, rq.fo, &fcb->ShareAccess);
     } else {
         NTSTATUS status = IoCheckShareAccess(rq.access, rq.share, rq.fo, &fcb->ShareAccess, TRUE);
-        if (!NT_SUCCESS(status)) {
-            DeleteCcb(ccb);
-            return status;
-        }
+        if (!NT_SUCCESS(status)) return status;
     }
+    Ccb* ccb = pending.Take();
     ccb->grantedAccess = rq.access;
     ccb->deleteOnClose = (rq.options & FILE_DELETE_ON_CLOSE) != 0;
     fcb->openCount++;
@@ -126,7 +142,7 @@ NTSTATUS AttachToFileObject(CreateRequest& rq, Fcb* fcb) {
     return STATUS_SUCCESS;
 }
 
-NTSTATUS OpenVolume(CreateRequest& rq, ULONG_PTR* info) {
+NTSTATUS OpenVolume(CreateRequest& rq, PendingCcb& ccb, ULONG_PTR* info) {
     Vcb* vcb = rq.vcb;
     if (rq.options & FILE_DIRECTORY_FILE) return STATUS_NOT_A_DIRECTORY;
     if (rq.disposition != FILE_OPEN && rq.disposition != FILE_OPEN_IF) return STATUS_ACCESS_DENIED;
@@ -136,7 +152,7 @@ NTSTATUS OpenVolume(CreateRequest& rq, ULONG_PTR* info) {
         vcb->volumeFcb->isVolume = true;
         vcb->volumeFcb->fullName = u"";
     }
-    NTSTATUS status = AttachToFileObject(rq, vcb->volumeFcb);
+    NTSTATUS status = AttachToFileObject(rq, vcb->volumeFcb, ccb);
     if (!NT_SUCCESS(status)) {
         ReleaseIfUnused(vcb, vcb->volumeFcb);
         return status;
@@ -177,23 +193,43 @@ NTSTATUS CheckExisting(CreateRequest& rq, Fcb* fcb, bool trailingBackslash) {
     return STATUS_SUCCESS;
 }
 
-NTSTATUS Overwrite(CreateRequest& rq, Fcb* fcb, std::vector<PIRP>* done) {
-    if (ftruncate(fcb->fd, 0) != 0) return StatusFromErrno(errno);
+// The status of a metadata store that could not be written: a full disk,
+// the host's refusal, or a plain failure (never the name-not-found of a
+// store file the host lost).
+NTSTATUS StoreStatus(int err) {
+    switch (err) {
+        case ENOSPC: case EDQUOT: return STATUS_DISK_FULL;
+        case EACCES: case EPERM: case EROFS: return STATUS_ACCESS_DENIED;
+        default: return STATUS_UNSUCCESSFUL;
+    }
+}
+
+// Empties the file and gives it the caller's attributes. The new metadata
+// is stored first: a failure leaves the file as it was.
+NTSTATUS Overwrite(CreateRequest& rq, Fcb* fcb) {
+    FileMeta meta = fcb->meta;
+    meta.attributes = (rq.attributes & FILE_ATTRIBUTE_VALID_SET_FLAGS & ~FILE_ATTRIBUTE_NORMAL) | FILE_ATTRIBUTE_ARCHIVE;
+    meta.changeTime = NtTimeNow();
+    meta.present |= FileMeta::kHasAttributes | FileMeta::kHasChangeTime;
+    if (!rq.vcb->store->Save(fcb->fd, fcb->ino, meta)) return StoreStatus(errno);
+    if (ftruncate(fcb->fd, 0) != 0) {
+        int err = errno;
+        rq.vcb->store->Save(fcb->fd, fcb->ino, fcb->meta);
+        return StatusFromErrno(err);
+    }
+    fcb->meta = meta;
     fcb->Header.FileSize.QuadPart = 0;
     fcb->Header.ValidDataLength.QuadPart = 0;
     fcb->Header.AllocationSize.QuadPart = 0;
-    ULONG attrs = (rq.attributes & FILE_ATTRIBUTE_VALID_SET_FLAGS & ~FILE_ATTRIBUTE_NORMAL) | FILE_ATTRIBUTE_ARCHIVE;
-    fcb->meta.attributes = attrs;
-    fcb->meta.changeTime = NtTimeNow();
-    fcb->meta.present |= FileMeta::kHasAttributes | FileMeta::kHasChangeTime;
-    rq.vcb->store->Save(fcb->fd, fcb->ino, fcb->meta);
-    ReportChange(rq.vcb, fcb->fullName, FILE_NOTIFY_CHANGE_SIZE | FILE_NOTIFY_CHANGE_LAST_WRITE |
-                 FILE_NOTIFY_CHANGE_ATTRIBUTES, FILE_ACTION_MODIFIED, done);
     return STATUS_SUCCESS;
 }
 
+// Makes the host file or directory NAME in the directory open as DIRFD,
+// with its metadata and security descriptor. Everything that can fail
+// without touching the host comes first; a failure after the host file
+// was made removes it again.
 NTSTATUS CreateNew(CreateRequest& rq, int dirFd, const std::u16string& dirName, const std::string& dirHost,
-                   const std::u16string& name, std::vector<PIRP>* done, Fcb** out) {
+                   const std::u16string& name, Fcb** out) {
     Vcb* vcb = rq.vcb;
     bool directory = (rq.options & FILE_DIRECTORY_FILE) != 0;
     ULONG attrs = rq.attributes & FILE_ATTRIBUTE_VALID_SET_FLAGS & ~FILE_ATTRIBUTE_NORMAL;
@@ -202,28 +238,17 @@ NTSTATUS CreateNew(CreateRequest& rq, int dirFd, const std::u16string& dirName, 
     std::string host;
     if (!NtNameToHost(name, &host)) return STATUS_OBJECT_NAME_INVALID;
     std::u16string shortName = GenerateShortName(vcb, dirFd, name);
-    int fd;
+    Fcb* fcb = CreateFcb(vcb, 0);
+    if (!fcb) return STATUS_INSUFFICIENT_RESOURCES;
+    int fd = -1;
+    bool onHost;  // the name now stands on the host: undone on failure
     if (directory) {
-        if (mkdirat(dirFd, host.c_str(), 0777) != 0) return StatusFromErrno(errno);
-        fd = OpenHostChild(dirFd, host, true, nullptr);
+        onHost = mkdirat(dirFd, host.c_str(), 0777) == 0;
+        if (onHost) fd = OpenHostChild(dirFd, host, true, nullptr);
     } else {
         fd = openat(dirFd, host.c_str(), O_CREAT | O_EXCL | O_RDWR | O_NOFOLLOW | O_CLOEXEC, 0666);
+        onHost = fd >= 0;
     }
-    if (fd < 0) return StatusFromErrno(errno);
-    struct stat st;
-    fstat(fd, &st);
-    Fcb* fcb = CreateFcb(vcb, st.st_ino);
-    if (!fcb) {
-        close(fd);
-        if (directory) unlinkat(dirFd, host.c_str(), AT_REMOVEDIR);
-        else unlinkat(dirFd, host.c_str(), 0);
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
-    fcb->fd = fd;
-    fcb->fdWritable = !directory;
-    fcb->isDirectory = directory;
-    fcb->fullName = JoinNt(dirName, name);
-    fcb->hostPath = JoinHost(dirHost, host);
     int64_t now = NtTimeNow();
     fcb->meta.present = FileMeta::kHasAttributes | FileMeta::kHasCreationTime | FileMeta::kHasChangeTime |
                         FileMeta::kHasShortName;
@@ -231,13 +256,26 @@ NTSTATUS CreateNew(CreateRequest& rq, int dirFd, const std::u16string& dirName, 
     fcb->meta.creationTime = now;
     fcb->meta.changeTime = now;
     fcb->meta.shortName = shortName;
-    vcb->store->Save(fd, st.st_ino, fcb->meta);
-    vcb->store->SaveSecurity(fd, st.st_ino, DefaultSecurityDescriptor(directory));
+    struct stat st {};
+    bool statted = fd >= 0 && fstat(fd, &st) == 0;
+    if (!statted || !vcb->store->Save(fd, st.st_ino, fcb->meta) ||
+        !vcb->store->SaveSecurity(fd, st.st_ino, DefaultSecurityDescriptor(directory))) {
+        NTSTATUS status = statted ? StoreStatus(errno) : StatusFromErrno(errno);
+        if (statted) vcb->store->Forget(st.st_ino);
+        if (fd >= 0) close(fd);
+        if (onHost) unlinkat(dirFd, host.c_str(), directory ? AT_REMOVEDIR : 0);
+        DeleteFcb(fcb);
+        return status;
+    }
+    fcb->ino = st.st_ino;
+    fcb->fd = fd;
+    fcb->fdWritable = !directory;
+    fcb->isDirectory = directory;
+    fcb->fullName = JoinNt(dirName, name);
+    fcb->hostPath = JoinHost(dirHost, host);
     SetSizes(fcb, st);
     vcb->fcbs[fcb->ino] = fcb;
     DirCacheAdd(vcb, dirFd, DirEntry{host, name, shortName});
-    ReportChange(vcb, fcb->fullName, directory ? FILE_NOTIFY_CHANGE_DIR_NAME : FILE_NOTIFY_CHANGE_FILE_NAME,
-                 FILE_ACTION_ADDED, done);
     *out = fcb;
     return STATUS_SUCCESS;
 }
@@ -271,6 +309,8 @@ NTSTATUS CommonCreate(Vcb* vcb, PIRP irp, ULONG_PTR* info, std::vector<PIRP>* do
         rq.disposition != FILE_OPEN_IF)
         return STATUS_INVALID_PARAMETER;
     if ((rq.options & FILE_DELETE_ON_CLOSE) && !(rq.access & DELETE)) return STATUS_INVALID_PARAMETER;
+    PendingCcb ccb;
+    if (!ccb.Ok()) return STATUS_INSUFFICIENT_RESOURCES;
 
     std::u16string_view given(reinterpret_cast<const char16_t*>(fo->FileName.Buffer), fo->FileName.Length / 2);
     if (fo->FileName.Length % 2) return STATUS_OBJECT_NAME_INVALID;
@@ -292,7 +332,7 @@ NTSTATUS CommonCreate(Vcb* vcb, PIRP irp, ULONG_PTR* info, std::vector<PIRP>* do
             if (!related->isVolume) return STATUS_OBJECT_NAME_INVALID;
             full = std::u16string(given);
         } else if (related->isVolume) {
-            if (given.empty()) return OpenVolume(rq, info);
+            if (given.empty()) return OpenVolume(rq, ccb, info);
             full = u"\\" + std::u16string(given);
         } else if (given.empty()) {
             full = related->fullName;
@@ -302,7 +342,7 @@ NTSTATUS CommonCreate(Vcb* vcb, PIRP irp, ULONG_PTR* info, std::vector<PIRP>* do
             full = JoinNt(related->fullName, std::u16string(given));
         }
     } else {
-        if (given.empty()) return OpenVolume(rq, info);
+        if (given.empty()) return OpenVolume(rq, ccb, info);
         if (given[0] != u'\\') return STATUS_OBJECT_NAME_INVALID;
         full = std::u16string(given);
     }
@@ -334,6 +374,7 @@ NTSTATUS CommonCreate(Vcb* vcb, PIRP irp, ULONG_PTR* info, std::vector<PIRP>* do
     }
 
     Fcb* fcb = nullptr;
+    bool changed = false;  // the file was made, superseded or overwritten
     if (comps.empty()) {
         // The root directory.
         if (targetDir) return STATUS_INVALID_PARAMETER;
@@ -384,7 +425,8 @@ NTSTATUS CommonCreate(Vcb* vcb, PIRP irp, ULONG_PTR* info, std::vector<PIRP>* do
             *info = FILE_OPENED;
             if (NT_SUCCESS(status) && (rq.disposition == FILE_SUPERSEDE || rq.disposition == FILE_OVERWRITE ||
                                        rq.disposition == FILE_OVERWRITE_IF)) {
-                status = Overwrite(rq, fcb, done);
+                status = Overwrite(rq, fcb);
+                changed = NT_SUCCESS(status);
                 *info = rq.disposition == FILE_SUPERSEDE ? FILE_SUPERSEDED : FILE_OVERWRITTEN;
             }
         } else if (rq.disposition == FILE_OPEN || rq.disposition == FILE_OVERWRITE) {
@@ -394,15 +436,26 @@ NTSTATUS CommonCreate(Vcb* vcb, PIRP irp, ULONG_PTR* info, std::vector<PIRP>* do
         } else if (trailing && !(rq.options & FILE_DIRECTORY_FILE)) {
             return STATUS_OBJECT_NAME_INVALID;
         } else {
-            status = CreateNew(rq, dir.fd, dirName, dirHost, comps.back(), done, &fcb);
+            status = CreateNew(rq, dir.fd, dirName, dirHost, comps.back(), &fcb);
             if (!NT_SUCCESS(status)) return status;
+            changed = true;
             *info = FILE_CREATED;
         }
     }
-    if (NT_SUCCESS(status)) status = AttachToFileObject(rq, fcb);
+    if (NT_SUCCESS(status)) status = AttachToFileObject(rq, fcb, ccb);
     if (!NT_SUCCESS(status)) {
         *info = 0;
         ReleaseIfUnused(vcb, fcb);
+        return status;
+    }
+    // The change is reported once the open can no longer fail.
+    if (changed && *info == FILE_CREATED) {
+        ReportChange(vcb, fcb->fullName, fcb->isDirectory ? FILE_NOTIFY_CHANGE_DIR_NAME : FILE_NOTIFY_CHANGE_FILE_NAME,
+                     FILE_ACTION_ADDED, done);
+    } else if (changed) {
+        ReportChange(vcb, fcb->fullName,
+                     FILE_NOTIFY_CHANGE_SIZE | FILE_NOTIFY_CHANGE_LAST_WRITE | FILE_NOTIFY_CHANGE_ATTRIBUTES,
+                     FILE_ACTION_MODIFIED, done);
     }
     return status;
 }

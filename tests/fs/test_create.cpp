@@ -1,4 +1,5 @@
 // Opens and creates on the emulated NTFS volume.
+#include "fs/fsstruc.h"
 #include "fs_fixture.h"
 
 using namespace fstest;
@@ -42,6 +43,69 @@ TEST_F(FsTest, DispositionsOnExistingAndMissingFiles) {
             EXPECT_FALSE(std::filesystem::exists(host / name)) << name;
         }
     }
+}
+
+// A create that fails leaves the host as it was: no new name, and the old
+// contents of a file it was to supersede or overwrite. Each pool
+// allocation on the path fails in turn, then the metadata store refuses
+// (a volume whose store directory went away).
+TEST_F(FsTest, FailedCreateLeavesHostUnchanged) {
+    struct Case {
+        const char* name;
+        ULONG disposition, options;
+        bool exists;
+    } cases[] = {
+        {"new.txt", FILE_CREATE, FILE_NON_DIRECTORY_FILE, false},
+        {"newdir", FILE_CREATE, FILE_DIRECTORY_FILE, false},
+        {"either.txt", FILE_OPEN_IF, 0, false},
+        {"made.txt", FILE_SUPERSEDE, 0, false},
+        {"old1.txt", FILE_SUPERSEDE, 0, true},
+        {"old2.txt", FILE_OVERWRITE, 0, true},
+        {"old3.txt", FILE_OVERWRITE_IF, 0, true},
+    };
+    auto attempt = [&](char drive, const std::filesystem::path& root, const Case& c) {
+        std::u16string path = u"\\??\\" + std::u16string(1, char16_t(drive)) + u":\\" + U(c.name);
+        UNICODE_STRING name = MakeUnicodeString(path);
+        OBJECT_ATTRIBUTES oa;
+        InitializeObjectAttributes(&oa, &name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
+        NTSTATUS status;
+        Run([&] {
+            IO_STATUS_BLOCK iosb{};
+            HANDLE h = nullptr;
+            status = NtCreateFile(&h, GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE, &oa, &iosb, nullptr, 0, 7,
+                                  c.disposition, c.options | FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
+            machine->ClearFaultInjection();
+            if (NT_SUCCESS(status)) Close(h);
+        });
+        if (NT_SUCCESS(status)) return status;
+        if (c.exists) {
+            EXPECT_EQ(ReadHostFile(root / c.name), "old") << c.name << " " << std::hex << status;
+        } else {
+            EXPECT_FALSE(std::filesystem::exists(root / c.name)) << c.name << " " << std::hex << status;
+        }
+        return status;
+    };
+    for (auto& c : cases) {
+        int failures = 0;
+        for (uint64_t n = 1; n < 64; ++n) {
+            std::filesystem::remove_all(host / c.name);
+            if (c.exists) WriteHostFile(host / c.name, "old");
+            machine->FailNthAllocation(n);
+            if (NT_SUCCESS(attempt('C', host, c))) break;
+            ++failures;
+        }
+        EXPECT_GT(failures, 0) << c.name;
+    }
+    tervane::emu::fs::FsSetForceMetadataFiles(true);
+    auto broken = FreshDir("no-store");
+    ASSERT_EQ(machine->MountVolume('D', broken.string()), STATUS_SUCCESS);
+    tervane::emu::fs::FsSetForceMetadataFiles(false);
+    std::filesystem::remove_all(broken / tervane::emu::fs::MetaStore::kStoreDirName);
+    for (auto& c : cases) {
+        if (c.exists) WriteHostFile(broken / c.name, "old");
+        EXPECT_EQ(attempt('D', broken, c), STATUS_UNSUCCESSFUL) << c.name;
+    }
+    std::filesystem::remove_all(broken);
 }
 
 TEST_F(FsTest, DirectoryAndNonDirectoryOptions) {
