@@ -55,6 +55,10 @@ struct _KTHREAD {
 };
 struct _ETHREAD {
     _KTHREAD Tcb;
+    // Emulator-private: one reference for the thread's run, one for each
+    // request packet it issued that is not yet freed (a pending request
+    // outlives the run of its thread; see PsDereferenceThread).
+    std::atomic<LONG> ReferenceCount;
 };
 
 namespace tervane::emu {
@@ -63,6 +67,10 @@ namespace tervane::emu {
 // is not bound to the machine (then kernel services refuse to run).
 _ETHREAD* CurrentThread();
 _EPROCESS* CurrentProcess();
+// Thread object references (ps/thread.cpp): the object is freed with its
+// last reference, which may come after the thread's run has ended.
+void PsReferenceThread(_ETHREAD* thread);
+void PsDereferenceThread(_ETHREAD* thread);
 void BindCurrentThread(_ETHREAD* thread);  // null unbinds
 
 // The live machine's internals.

@@ -186,7 +186,7 @@ NTSTATUS IopCreateFile(KPROCESSOR_MODE mode, PHANDLE fileHandle, ACCESS_MASK des
     irp->UserEvent = &file->Event;
     irp->AssociatedIrp.SystemBuffer = eaCopy;
     if (allocationSize) irp->Overlay.AllocationSize = *allocationSize;
-    irp->Tail.Overlay.Thread = CurrentThread();
+    IopSetRequestingThread(irp, CurrentThread());
     irp->Tail.Overlay.OriginalFileObject = file;
     PIO_STACK_LOCATION sp = IoGetNextIrpStackLocation(irp);
     sp->MajorFunction = IRP_MJ_CREATE;

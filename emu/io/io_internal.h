@@ -86,6 +86,12 @@ PIRP IopBuildServiceIrp(PDEVICE_OBJECT device, PFILE_OBJECT file, UCHAR major, K
 void IopInitializeServiceIrp(PIRP irp, PFILE_OBJECT file, UCHAR major, KPROCESSOR_MODE mode,
                              PIO_STATUS_BLOCK userIosb, PKEVENT userEvent);
 
+// Sets the packet's requesting thread (Tail.Overlay.Thread). A packet the
+// I/O manager allocated references that thread until it is freed, so that
+// a request still pending when its thread has ended finds the thread (and
+// its process) at completion.
+void IopSetRequestingThread(PIRP irp, _ETHREAD* thread);
+
 // Frees what a service packet holds besides itself: its system buffer
 // (IRP_DEALLOCATE_BUFFER), its MDLs and its auxiliary buffer.
 void IopReleaseIrpBuffers(PIRP irp);

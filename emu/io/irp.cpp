@@ -5,6 +5,8 @@
 // packet is still with a driver.
 #include "io/irp_tracker.h"
 
+#include <utility>
+
 namespace tervane::emu {
 namespace {
 
@@ -25,6 +27,21 @@ IrpTracker* IopTracker(PIRP irp) {
     if (!(irp->AllocationFlags & kIrpTracked)) return nullptr;
     return reinterpret_cast<IrpTracker*>(reinterpret_cast<char*>(irp) - kIrpTrackerSize);
 }
+
+void IopSetRequestingThread(PIRP irp, _ETHREAD* thread) {
+    irp->Tail.Overlay.Thread = thread;
+    IrpTracker* tracker = IopTracker(irp);
+    if (!tracker) return;  // the I/O manager's reserve: always waited for by its thread
+    if (thread) PsReferenceThread(thread);
+    if (tracker->thread) PsDereferenceThread(tracker->thread);
+    tracker->thread = thread;
+}
+
+namespace {
+void ReleaseRequestingThread(IrpTracker* tracker) {
+    if (tracker && tracker->thread) PsDereferenceThread(std::exchange(tracker->thread, nullptr));
+}
+}  // namespace
 
 void IopDrainIrpLookaside() {
     std::lock_guard<std::mutex> guard(g_lookasideLock);
@@ -85,6 +102,7 @@ PIRP IoAllocateIrp(CCHAR StackSize, BOOLEAN ChargeQuota) {
     tracker->magic = kIrpLiveMagic;
     tracker->dispatched.store(false, std::memory_order_relaxed);
     tracker->nextFree = nullptr;
+    tracker->thread = nullptr;
     PIRP irp = TrackedIrp(tracker);
     IoInitializeIrp(irp, IoSizeOfIrp(StackSize), StackSize);
     irp->AllocationFlags = flags | (ChargeQuota ? IRP_QUOTA_CHARGED : 0);
@@ -92,6 +110,7 @@ PIRP IoAllocateIrp(CCHAR StackSize, BOOLEAN ChargeQuota) {
 }
 
 VOID IoReuseIrp(PIRP Irp, NTSTATUS Status) {
+    ReleaseRequestingThread(IopTracker(Irp));
     UCHAR flags = Irp->AllocationFlags;
     IoInitializeIrp(Irp, Irp->Size, Irp->StackCount);
     Irp->AllocationFlags = flags;
@@ -115,6 +134,7 @@ VOID IoFreeIrp(PIRP Irp) {
         VerifierViolation("IoFreeIrp on a packet still in use by a driver (sent and not completed)");
         return;
     }
+    ReleaseRequestingThread(tracker);
     tracker->magic = kIrpFreeMagic;
     Irp->Type = 0;
     if (Irp->AllocationFlags & IRP_LOOKASIDE_ALLOCATION) {

@@ -12,6 +12,7 @@ struct IrpTracker {
     uint32_t magic;
     std::atomic<bool> dispatched;  // sent with IofCallDriver, completion not begun
     IrpTracker* nextFree;          // lookaside link while free
+    _ETHREAD* thread;              // the requesting thread a service packet references
 };
 constexpr size_t kIrpTrackerSize = (sizeof(IrpTracker) + 15) & ~size_t(15);
 

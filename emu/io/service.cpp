@@ -50,7 +50,7 @@ void IopInitializeServiceIrp(PIRP irp, PFILE_OBJECT file, UCHAR major, KPROCESSO
     irp->RequestorMode = mode;
     irp->UserIosb = userIosb;
     irp->UserEvent = userEvent;
-    irp->Tail.Overlay.Thread = CurrentThread();
+    IopSetRequestingThread(irp, CurrentThread());
     irp->Tail.Overlay.OriginalFileObject = file;
     PIO_STACK_LOCATION sp = IoGetNextIrpStackLocation(irp);
     sp->MajorFunction = major;
@@ -127,9 +127,11 @@ NTSTATUS IopSynchronousServiceTail(FileRequest* request, PIRP irp) {
     PFILE_OBJECT file = request->file;
     bool synchronous = request->synchronous;
     // The packet now holds the request's references; keep the file object
-    // alive ourselves while we wait on it.
+    // alive ourselves while we wait on it. As NT, every request clears the
+    // file object's event: a caller of an asynchronous file object without
+    // an event of its own waits on the file object for this request.
     ObfReferenceObject(file);
-    if (synchronous) KeClearEvent(&file->Event);
+    KeClearEvent(&file->Event);
     NTSTATUS status = IofCallDriver(request->device, irp);
     if (synchronous) {
         if (status == STATUS_PENDING) {

@@ -130,6 +130,7 @@ void KeQueueUserApc(_KTHREAD* thread, PIO_APC_ROUTINE routine, PVOID context, PI
     if (!thread || !routine) return;
     std::lock_guard<std::mutex> guard(gDispatcherLock);
     ThreadWait* wait = WaitStateOf(thread);
+    if (!wait) return;  // the thread has ended: as NT, its APCs are not queued
     wait->userApcs.push_back({routine, context, ioStatusBlock});
     if (wait->alertable && wait->userWait) wait->wake.notify_one();
 }

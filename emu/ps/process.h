@@ -14,7 +14,9 @@
 
 namespace tervane::emu {
 
-// Creates and destroys thread objects bound to PROCESS.
+// Creates a thread object bound to PROCESS, and ends its run: the object
+// itself goes with its last reference (a request packet of the thread may
+// still be pending).
 _ETHREAD* PsCreateThreadObject(_EPROCESS* process);
 void PsDeleteThreadObject(_ETHREAD* thread);
 // Runs FN on the calling host thread as THREAD, then checks that the thread

@@ -37,6 +37,7 @@ _ETHREAD* PsCreateThreadObject(_EPROCESS* process) {
     thread->Tcb.Alerted = false;
     thread->Tcb.PreviousMode = KernelMode;
     KeInitializeThreadWait(&thread->Tcb);
+    thread->ReferenceCount.store(1);
     process->ThreadCount++;
     return thread;
 }
@@ -44,8 +45,14 @@ _ETHREAD* PsCreateThreadObject(_EPROCESS* process) {
 void PsDeleteThreadObject(_ETHREAD* thread) {
     if (!thread) return;
     thread->Tcb.Process->ThreadCount--;
-    KeDeleteThreadWait(&thread->Tcb);
-    delete thread;
+    KeDeleteThreadWait(&thread->Tcb);  // user APCs queued from now on are dropped
+    PsDereferenceThread(thread);
+}
+
+void PsReferenceThread(_ETHREAD* thread) { thread->ReferenceCount.fetch_add(1, std::memory_order_relaxed); }
+
+void PsDereferenceThread(_ETHREAD* thread) {
+    if (thread->ReferenceCount.fetch_sub(1, std::memory_order_acq_rel) == 1) delete thread;
 }
 
 void PsRunAsThread(_ETHREAD* thread, const std::function<void()>& fn) {

@@ -197,48 +197,70 @@ TEST_F(FsTest, ListingSeesChangesAndShortNamesStayStable) {
     });
 }
 
+// A change notification waits for a change its filter selects, or for its
+// handle's cleanup. On an asynchronous handle the call returns
+// STATUS_PENDING at once and its thread may end before the change: the
+// completion still fills the caller's buffer and status block and signals
+// its event.
 TEST_F(FsTest, ChangeNotification) {
     std::filesystem::create_directories(host / "watched" / "deep");
-    HANDLE dir = nullptr;
-    Run([&] {
-        dir = Open(u"\\watched", FILE_LIST_DIRECTORY | SYNCHRONIZE, 7, FILE_OPEN,
-                   FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT).handle;
-    });
     struct Case {
         ULONG filter;
         bool tree;
+        bool async;
         const char* create;  // made while the request waits
         NTSTATUS status;
         const char* name;    // reported, relative to the watched directory
     } cases[] = {
-        {FILE_NOTIFY_CHANGE_FILE_NAME, false, "\\watched\\new.txt", STATUS_SUCCESS, "new.txt"},
-        {FILE_NOTIFY_CHANGE_FILE_NAME, true, "\\watched\\deep\\x.txt", STATUS_SUCCESS, "deep\\x.txt"},
+        {FILE_NOTIFY_CHANGE_FILE_NAME, false, false, "\\watched\\new.txt", STATUS_SUCCESS, "new.txt"},
+        {FILE_NOTIFY_CHANGE_FILE_NAME, true, false, "\\watched\\deep\\x.txt", STATUS_SUCCESS, "deep\\x.txt"},
+        {FILE_NOTIFY_CHANGE_FILE_NAME, false, true, "\\watched\\async.txt", STATUS_SUCCESS, "async.txt"},
         // Not selected: the request still waits, and its handle's cleanup ends it.
-        {FILE_NOTIFY_CHANGE_DIR_NAME, false, "\\watched\\other.txt", STATUS_NOTIFY_CLEANUP, nullptr},
+        {FILE_NOTIFY_CHANGE_DIR_NAME, false, false, "\\watched\\other.txt", STATUS_NOTIFY_CLEANUP, nullptr},
+        {FILE_NOTIFY_CHANGE_DIR_NAME, false, true, "\\watched\\other2.txt", STATUS_NOTIFY_CLEANUP, nullptr},
     };
     for (auto& c : cases) {
-        NTSTATUS status = STATUS_PENDING;
+        HANDLE dir = nullptr, event = nullptr;
+        Run([&] {
+            dir = Open(u"\\watched", FILE_LIST_DIRECTORY | SYNCHRONIZE, 7, FILE_OPEN,
+                       FILE_DIRECTORY_FILE | (c.async ? 0 : FILE_SYNCHRONOUS_IO_NONALERT)).handle;
+            ASSERT_EQ(NtCreateEvent(&event, EVENT_ALL_ACCESS, nullptr, NotificationEvent, FALSE), STATUS_SUCCESS);
+        });
+        NTSTATUS returned = STATUS_PENDING;
         std::vector<uint8_t> buf(256);
         IO_STATUS_BLOCK iosb{};
         auto waiter = machine->StartThread(process, [&] {
-            status = NtNotifyChangeDirectoryFile(dir, nullptr, nullptr, nullptr, &iosb, buf.data(), 256, c.filter, c.tree);
+            returned = NtNotifyChangeDirectoryFile(dir, event, nullptr, nullptr, &iosb, buf.data(), 256, c.filter, c.tree);
         });
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        if (c.async) {
+            waiter->Join();  // the requesting thread is gone before the change
+            EXPECT_EQ(returned, STATUS_PENDING) << c.create;
+        } else {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
         Run([&] {
             OpenResult f = Create(U(c.create));
             ASSERT_EQ(f.status, STATUS_SUCCESS);
             Close(f.handle);
             if (!c.name) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+                if (!c.async) std::this_thread::sleep_for(std::chrono::milliseconds(50));
                 Close(dir);
             }
+            EXPECT_EQ(NtWaitForSingleObject(event, FALSE, nullptr), STATUS_SUCCESS) << c.create;
         });
         waiter->Join();
-        EXPECT_EQ(status, c.status) << c.create;
-        if (c.name && NT_SUCCESS(status)) {
+        EXPECT_EQ(iosb.Status, c.status) << c.create;
+        if (!c.async) {
+            EXPECT_EQ(returned, c.status) << c.create;
+        }
+        if (c.name && NT_SUCCESS(iosb.Status)) {
             auto* n = reinterpret_cast<FILE_NOTIFY_INFORMATION*>(buf.data());
             EXPECT_EQ(n->Action, static_cast<ULONG>(FILE_ACTION_ADDED));
             EXPECT_EQ(Utf16ToUtf8(std::u16string(reinterpret_cast<char16_t*>(n->FileName), n->FileNameLength / 2)), c.name);
         }
+        Run([&] {
+            if (c.name) Close(dir);
+            NtClose(event);
+        });
     }
 }

@@ -157,37 +157,58 @@ TEST_F(FsTest, LocksAgainstReadWriteUnlockAndCleanup) {
     });
 }
 
+// A lock that waits is granted when an unlock makes room. On an
+// asynchronous handle the call returns STATUS_PENDING and its thread may
+// end first: the grant still finds the requesting process (the lock is that
+// process's), and the completion fills the status block and signals the
+// event; the APC of a thread that has ended is not run.
 TEST_F(FsTest, WaitingLockIsGrantedOnUnlock) {
     WriteHostFile(host / "f", std::string(100, 'a'));
-    HANDLE a = nullptr, b = nullptr;
-    Run([&] {
-        a = Open(u"\\f", GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE).handle;
-        b = Open(u"\\f", GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE).handle;
+    for (bool async : {false, true}) {
+        HANDLE a = nullptr, b = nullptr, event = nullptr;
+        Run([&] {
+            a = Open(u"\\f", GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE).handle;
+            b = Open(u"\\f", GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE, 7, FILE_OPEN,
+                     async ? 0 : FILE_SYNCHRONOUS_IO_NONALERT).handle;
+            ASSERT_EQ(NtCreateEvent(&event, EVENT_ALL_ACCESS, nullptr, NotificationEvent, FALSE), STATUS_SUCCESS);
+            IO_STATUS_BLOCK iosb{};
+            LARGE_INTEGER o{}, l{};
+            l.QuadPart = 10;
+            ASSERT_EQ(NtLockFile(a, nullptr, nullptr, nullptr, &iosb, &o, &l, 0, TRUE, TRUE), STATUS_SUCCESS);
+        });
+        std::atomic<NTSTATUS> returned{STATUS_PENDING};
+        std::atomic<int> apcRuns{0};
         IO_STATUS_BLOCK iosb{};
-        LARGE_INTEGER o{}, l{};
-        l.QuadPart = 10;
-        ASSERT_EQ(NtLockFile(a, nullptr, nullptr, nullptr, &iosb, &o, &l, 0, TRUE, TRUE), STATUS_SUCCESS);
-    });
-    std::atomic<bool> granted{false};
-    auto waiter = machine->StartThread(process, [&] {
-        IO_STATUS_BLOCK iosb{};
-        LARGE_INTEGER o{}, l{};
-        l.QuadPart = 10;
-        EXPECT_EQ(NtLockFile(b, nullptr, nullptr, nullptr, &iosb, &o, &l, 0, FALSE, TRUE), STATUS_SUCCESS);
-        granted = true;
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_FALSE(granted);
-    Run([&] {
-        IO_STATUS_BLOCK iosb{};
-        LARGE_INTEGER o{}, l{};
-        l.QuadPart = 10;
-        EXPECT_EQ(NtUnlockFile(a, &iosb, &o, &l, 0), STATUS_SUCCESS);
-    });
-    waiter->Join();
-    EXPECT_TRUE(granted);
-    Run([&] {
-        Close(a);
-        Close(b);
-    });
+        auto waiter = machine->StartThread(process, [&] {
+            LARGE_INTEGER o{}, l{};
+            l.QuadPart = 10;
+            PIO_APC_ROUTINE apc = [](PVOID runs, PIO_STATUS_BLOCK, ULONG) { ++*static_cast<std::atomic<int>*>(runs); };
+            returned = NtLockFile(b, event, async ? apc : nullptr, &apcRuns, &iosb, &o, &l, 0, FALSE, TRUE);
+        });
+        if (async) {
+            waiter->Join();
+            EXPECT_EQ(returned, STATUS_PENDING);
+        } else {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            EXPECT_EQ(returned, STATUS_PENDING) << "still waiting";
+        }
+        Run([&] {
+            IO_STATUS_BLOCK io{};
+            LARGE_INTEGER o{}, l{};
+            l.QuadPart = 10;
+            EXPECT_EQ(NtUnlockFile(a, &io, &o, &l, 0), STATUS_SUCCESS);
+            EXPECT_EQ(NtWaitForSingleObject(event, FALSE, nullptr), STATUS_SUCCESS);
+            EXPECT_EQ(Write(a, "z", 5), STATUS_FILE_LOCK_CONFLICT) << "b's lock holds";
+            EXPECT_EQ(NtTestAlert(), STATUS_SUCCESS);
+            Close(a);
+            Close(b);
+            NtClose(event);
+        });
+        waiter->Join();
+        EXPECT_EQ(iosb.Status, STATUS_SUCCESS) << async;
+        if (!async) {
+            EXPECT_EQ(returned, STATUS_SUCCESS);
+        }
+        EXPECT_EQ(apcRuns, 0);
+    }
 }
