@@ -185,10 +185,13 @@ void Control(Context& ctx, std::vector<Token> tokens) {
     iosb.Status = kUnwritten;
     NTSTATUS returned = 0;
     ctx.session.RunIn(*ctx.session.controller, [&] {
-        returned = NtDeviceIoControlFile(handle, nullptr, nullptr, nullptr, &iosb, code,
-                                         in.empty() ? nullptr : in.data(), static_cast<ULONG>(in.size()),
-                                         out.empty() ? nullptr : out.data(), outLength);
-        returned = WaitIfPending(handle, returned, iosb);
+        returned = CallAndWait(
+            [&](HANDLE event) {
+                return NtDeviceIoControlFile(handle, event, nullptr, nullptr, &iosb, code,
+                                             in.empty() ? nullptr : in.data(), static_cast<ULONG>(in.size()),
+                                             out.empty() ? nullptr : out.data(), outLength);
+            },
+            iosb);
     });
     if (iosb.Status == kUnwritten) {
         ctx.result.status = returned;

@@ -34,13 +34,15 @@ void List(Context& ctx, std::vector<Token> tokens) {
     std::vector<uint8_t> buffer(BufferLength(args, kDefaultListLength));
     IO_STATUS_BLOCK iosb{};
     ctx.InProcess([&] {
-        NTSTATUS status = NtQueryDirectoryFile(handle, nullptr, nullptr, nullptr, &iosb, buffer.data(),
-                                               static_cast<ULONG>(buffer.size()),
-                                               static_cast<FILE_INFORMATION_CLASS>(infoClass),
-                                               args.Switch("single") ? TRUE : FALSE,
-                                               pattern ? pattern->get() : nullptr,
-                                               args.Switch("restart") ? TRUE : FALSE);
-        ctx.result.status = WaitIfPending(handle, status, iosb);
+        ctx.result.status = CallAndWait(
+            [&](HANDLE event) {
+                return NtQueryDirectoryFile(handle, event, nullptr, nullptr, &iosb, buffer.data(),
+                                            static_cast<ULONG>(buffer.size()),
+                                            static_cast<FILE_INFORMATION_CLASS>(infoClass),
+                                            args.Switch("single") ? TRUE : FALSE, pattern ? pattern->get() : nullptr,
+                                            args.Switch("restart") ? TRUE : FALSE);
+            },
+            iosb);
     });
     ctx.result.info = iosb.Information;
     if (NT_ERROR(ctx.result.status)) return;
@@ -57,13 +59,18 @@ void Notify(Context& ctx, std::vector<Token> tokens) {
     if (auto f = args.Option("filter")) filter = ParseFlags(*f, NotifyFilterNames(), "notify filter");
     uint32_t length = BufferLength(args, kDefaultListLength);
     BOOLEAN tree = args.Switch("tree") ? TRUE : FALSE;
+    // The buffer and status block live on the request's own thread, which
+    // returns only when the request has completed.
     auto call = [handle, filter, length, tree] {
         Result r;
         std::vector<uint8_t> buffer(length);
         IO_STATUS_BLOCK iosb{};
-        NTSTATUS status = NtNotifyChangeDirectoryFile(handle, nullptr, nullptr, nullptr, &iosb, buffer.data(),
-                                                      length, filter, tree);
-        r.status = WaitIfPending(handle, status, iosb);
+        r.status = CallAndWait(
+            [&](HANDLE event) {
+                return NtNotifyChangeDirectoryFile(handle, event, nullptr, nullptr, &iosb, buffer.data(), length,
+                                                   filter, tree);
+            },
+            iosb);
         r.info = iosb.Information;
         if (!NT_ERROR(r.status)) r.lines = DescribeNotifyEntries(buffer.data(), std::min<size_t>(iosb.Information, length));
         return r;

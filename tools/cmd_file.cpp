@@ -94,9 +94,12 @@ void Read(Context& ctx, std::vector<Token> tokens) {
     ctx.InProcess([&] {
         LARGE_INTEGER off = offset.value_or(LARGE_INTEGER{});
         ULONG keyValue = key.value_or(0);
-        NTSTATUS status = NtReadFile(handle, nullptr, nullptr, nullptr, &iosb, data.data(), static_cast<ULONG>(length),
-                                     offset ? &off : nullptr, key ? &keyValue : nullptr);
-        ctx.result.status = WaitIfPending(handle, status, iosb);
+        ctx.result.status = CallAndWait(
+            [&](HANDLE event) {
+                return NtReadFile(handle, event, nullptr, nullptr, &iosb, data.data(), static_cast<ULONG>(length),
+                                  offset ? &off : nullptr, key ? &keyValue : nullptr);
+            },
+            iosb);
     });
     ctx.result.info = iosb.Information;
     if (!NT_ERROR(ctx.result.status))
@@ -115,10 +118,12 @@ void Write(Context& ctx, std::vector<Token> tokens) {
     ctx.InProcess([&] {
         LARGE_INTEGER off = offset.value_or(LARGE_INTEGER{});
         ULONG keyValue = key.value_or(0);
-        NTSTATUS status = NtWriteFile(handle, nullptr, nullptr, nullptr, &iosb, data.data(),
-                                      static_cast<ULONG>(data.size()), offset ? &off : nullptr,
-                                      key ? &keyValue : nullptr);
-        ctx.result.status = WaitIfPending(handle, status, iosb);
+        ctx.result.status = CallAndWait(
+            [&](HANDLE event) {
+                return NtWriteFile(handle, event, nullptr, nullptr, &iosb, data.data(), static_cast<ULONG>(data.size()),
+                                   offset ? &off : nullptr, key ? &keyValue : nullptr);
+            },
+            iosb);
     });
     ctx.result.info = iosb.Information;
 }
@@ -163,9 +168,12 @@ void Lock(Context& ctx, std::vector<Token> tokens) {
     auto call = [handle, offset, length, key, exclusive, immediate]() mutable {
         Result r;
         IO_STATUS_BLOCK iosb{};
-        NTSTATUS status = NtLockFile(handle, nullptr, nullptr, nullptr, &iosb, &offset, &length, key,
-                                     immediate ? TRUE : FALSE, exclusive ? TRUE : FALSE);
-        r.status = WaitIfPending(handle, status, iosb);
+        r.status = CallAndWait(
+            [&](HANDLE event) {
+                return NtLockFile(handle, event, nullptr, nullptr, &iosb, &offset, &length, key,
+                                  immediate ? TRUE : FALSE, exclusive ? TRUE : FALSE);
+            },
+            iosb);
         r.info = iosb.Information;
         return r;
     };

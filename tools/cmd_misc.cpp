@@ -108,10 +108,13 @@ void FsControl(Context& ctx, std::vector<Token> tokens) {
     std::vector<uint8_t> output(outLength);
     IO_STATUS_BLOCK iosb{};
     ctx.InProcess([&] {
-        NTSTATUS status = NtFsControlFile(handle, nullptr, nullptr, nullptr, &iosb, code,
-                                          input.empty() ? nullptr : input.data(), static_cast<ULONG>(input.size()),
-                                          outLength ? output.data() : nullptr, outLength);
-        ctx.result.status = WaitIfPending(handle, status, iosb);
+        ctx.result.status = CallAndWait(
+            [&](HANDLE event) {
+                return NtFsControlFile(handle, event, nullptr, nullptr, &iosb, code,
+                                       input.empty() ? nullptr : input.data(), static_cast<ULONG>(input.size()),
+                                       outLength ? output.data() : nullptr, outLength);
+            },
+            iosb);
     });
     ctx.result.info = iosb.Information;
     if (!NT_ERROR(ctx.result.status) && iosb.Information)

@@ -25,10 +25,17 @@ std::u16string ObjectNameFor(const std::string& path) {
     return name;
 }
 
-NTSTATUS WaitIfPending(HANDLE handle, NTSTATUS status, const IO_STATUS_BLOCK& iosb) {
-    if (status != STATUS_PENDING) return status;
-    NtWaitForSingleObject(handle, FALSE, nullptr);
-    return iosb.Status;
+NTSTATUS CallAndWait(const std::function<NTSTATUS(HANDLE event)>& call, const IO_STATUS_BLOCK& iosb) {
+    HANDLE event = nullptr;
+    NTSTATUS status = NtCreateEvent(&event, EVENT_ALL_ACCESS, nullptr, NotificationEvent, FALSE);
+    if (!NT_SUCCESS(status)) return status;
+    status = call(event);
+    if (status == STATUS_PENDING) {
+        NtWaitForSingleObject(event, FALSE, nullptr);
+        status = iosb.Status;
+    }
+    NtClose(event);
+    return status;
 }
 
 NTSTATUS OpenFile(const OpenRequest& request, HANDLE* handle, IO_STATUS_BLOCK* iosb) {

@@ -1,6 +1,7 @@
 // Small helpers for calling the machine's Nt* services from the tool.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -29,10 +30,13 @@ bool IsDrivePath(const std::string& path);
 // Throws ScriptError when the name does not fit a counted string.
 std::u16string ObjectNameFor(const std::string& path);
 
-// For a request on a handle opened without synchronous I/O: waits on the
-// handle when the service answered STATUS_PENDING and returns the final
-// status from the status block.
-NTSTATUS WaitIfPending(HANDLE handle, NTSTATUS status, const IO_STATUS_BLOCK& iosb);
+// Makes CALL with a new event of the calling process as its Event
+// argument and, when the service answers STATUS_PENDING (a handle opened
+// without synchronous I/O), waits for that event, so that the caller's
+// buffers and status block outlive the request. Returns the final status:
+// the status block's once the request pended. An event of its own, not
+// the handle: another request's completion signals the handle as well.
+NTSTATUS CallAndWait(const std::function<NTSTATUS(HANDLE event)>& call, const IO_STATUS_BLOCK& iosb);
 
 struct OpenRequest {
     std::string path;             // as the script wrote it
