@@ -255,8 +255,9 @@ extern "C" NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Ale
 // otherwise the alert stays pending for its next alertable wait. Returns
 // whether an alert was already pending.
 extern "C" BOOLEAN KeAlertThread(PKTHREAD Thread, KPROCESSOR_MODE AlertMode) {
-    ThreadWait* wait = WaitStateOf(Thread);
     std::lock_guard<std::mutex> guard(gDispatcherLock);
+    ThreadWait* wait = WaitStateOf(Thread);
+    if (!wait) return FALSE;  // the thread has ended
     BOOLEAN previous = wait->alerted ? TRUE : FALSE;
     wait->alerted = true;
     Thread->Alerted = true;
