@@ -74,13 +74,22 @@ NTSTATUS TervaneHookRoutine(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     PTervaneDeviceExtension pExtension = (PTervaneDeviceExtension)DeviceObject->DeviceExtension;
     PIO_STACK_LOCATION pStack = IoGetCurrentIrpStackLocation(Irp);
 
-    if (!g_bFilteringEnabled || !pExtension->m_bHooked) {
+    if (pStack->MajorFunction == IRP_MJ_CREATE) {
+        if (g_bFilteringEnabled && pExtension->m_bHooked) {
+            return TervaneCreate(DeviceObject, Irp);
+        }
+        // Redirected opens stay served while filtering is off, and the
+        // driver's own opens for them still carry the bypass suffix.
+        NTSTATUS nStatus;
+        if (TervanePassOwnOpenDown(DeviceObject, Irp, &nStatus)) {
+            return nStatus;
+        }
         return TervanePassThrough(DeviceObject, Irp);
     }
-    if (pStack->MajorFunction == IRP_MJ_CREATE) {
-        return TervaneCreate(DeviceObject, Irp);
-    }
 
+    // A redirected open is served by its handlers for as long as it exists,
+    // whatever the switches say: the file system below never saw its
+    // FILE_OBJECT, whose context belongs to the driver's own open.
     PFileHandleEntry pEntry = FindFileHandleEntry(pStack->FileObject);
     if (pEntry == NULL) {
         return TervanePassThrough(DeviceObject, Irp);

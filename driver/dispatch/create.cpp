@@ -58,6 +58,19 @@ static BOOLEAN HasBypassSuffix(PCUNICODE_STRING Name) {
     return RtlCompareMemory(pTail, BYPASS_SUFFIX, BYPASS_SUFFIX_BYTES) == BYPASS_SUFFIX_BYTES;
 }
 
+// The driver's own opens are made with ZwCreateFile, so their requestor is
+// kernel mode; a user-mode name ending in the suffix is left as it is and the
+// file system refuses it as an invalid name.
+BOOLEAN TervanePassOwnOpenDown(PDEVICE_OBJECT DeviceObject, PIRP Irp, NTSTATUS* Status) {
+    PFILE_OBJECT pFileObject = IoGetCurrentIrpStackLocation(Irp)->FileObject;
+    if (Irp->RequestorMode != KernelMode || pFileObject == NULL || !HasBypassSuffix(&pFileObject->FileName)) {
+        return FALSE;
+    }
+    pFileObject->FileName.Length -= BYPASS_SUFFIX_BYTES;
+    *Status = PassCreateDown(DeviceObject, Irp, TervaneCreateCompletion);
+    return TRUE;
+}
+
 // A drive path: letter, colon, backslash. Anything else (an empty result, a
 // name too long to resolve, a name relative to a volume open) cannot be
 // mapped into a filter directory.
@@ -258,10 +271,10 @@ NTSTATUS TervaneCreate(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     PIO_STACK_LOCATION pIrpSp = IoGetCurrentIrpStackLocation(Irp);
     PFILE_OBJECT pFileObject = pIrpSp->FileObject;
 
-    // The driver's own opens, for every process.
-    if (pFileObject != NULL && HasBypassSuffix(&pFileObject->FileName)) {
-        pFileObject->FileName.Length -= BYPASS_SUFFIX_BYTES;
-        return PassCreateDown(DeviceObject, Irp, TervaneCreateCompletion);
+    // The driver's own opens, in whatever process they are made.
+    NTSTATUS nStatus;
+    if (TervanePassOwnOpenDown(DeviceObject, Irp, &nStatus)) {
+        return nStatus;
     }
     if (pFileObject == NULL || pFileObject->FileName.Length == 0 ||
         !IsMonitoredProcess((ULONG)(ULONG_PTR)PsGetCurrentProcessId(), &g_ustrCurrentProcessName)) {
@@ -269,6 +282,15 @@ NTSTATUS TervaneCreate(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     }
     if (pIrpSp->Flags & SL_OPEN_PAGING_FILE) {
         return PassCreateDown(DeviceObject, Irp, TervaneCreateCheckCompletion);
+    }
+    // A process's own name that ends in the bypass suffix is refused as the
+    // file system refuses it, before any directory is made for it in the
+    // pack location.
+    if (HasBypassSuffix(&pFileObject->FileName)) {
+        Irp->IoStatus.Status = STATUS_OBJECT_NAME_INVALID;
+        Irp->IoStatus.Information = 0;
+        IoCompleteRequest(Irp, IO_NO_INCREMENT);
+        return STATUS_OBJECT_NAME_INVALID;
     }
 
     UNICODE_STRING ustrFullPath;
@@ -285,7 +307,6 @@ NTSTATUS TervaneCreate(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     }
     GetFullPathName(FALSE, pFileObject, pExtension, &ustrFullPath, TRUE);
 
-    NTSTATUS nStatus;
     if (!IsDrivePath(&ustrFullPath)) {
         // A name that cannot be resolved to a drive path is refused rather
         // than served from the real volume behind the filter directories.

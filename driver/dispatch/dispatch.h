@@ -9,6 +9,10 @@
 
 // Opens.
 NTSTATUS TervaneCreate(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+// An open the driver made itself (kernel-mode requestor, name ending in the
+// bypass suffix) loses the suffix and is passed down: TRUE, with the lower
+// device's status in *Status. FALSE, with nothing done, for any other open.
+BOOLEAN TervanePassOwnOpenDown(PDEVICE_OBJECT DeviceObject, PIRP Irp, NTSTATUS* Status);
 NTSTATUS NTAPI TervaneCreateCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context);
 NTSTATUS NTAPI TervaneCreateCheckCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context);
 

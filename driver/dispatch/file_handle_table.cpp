@@ -11,6 +11,11 @@
 
 static PFileHandleEntry s_apFileHandleBuckets[FILE_HANDLE_TABLE_BUCKETS];
 static ERESOURCE s_FileHandleTableLock;
+// Entries in the table. Every request on a hooked volume looks its
+// FILE_OBJECT up, filtering on or off; with no redirected open at all the
+// lookup ends here without the lock. An entry is counted before its open
+// completes, so no request on that open can miss it.
+static LONG volatile s_lFileHandleEntryCount;
 
 // The address is shifted as a pointer-wide value and then masked, so a
 // 64-bit build uses the same low address bits as the 32-bit driver.
@@ -40,6 +45,7 @@ VOID InitFileHandleTable() {
     for (ULONG i = 0; i < FILE_HANDLE_TABLE_BUCKETS; i++) {
         s_apFileHandleBuckets[i] = NULL;
     }
+    s_lFileHandleEntryCount = 0;
     ExInitializeResourceLite(&s_FileHandleTableLock);
 }
 
@@ -84,9 +90,13 @@ VOID AddFileHandleEntry(const FileHandleEntry* Template) {
     PFileHandleEntry* ppHead = &s_apFileHandleBuckets[FileHandleBucket(pEntry->m_pFileObject)];
     pEntry->m_pNext = *ppHead;
     *ppHead = pEntry;
+    InterlockedIncrement(&s_lFileHandleEntryCount);
 }
 
 PFileHandleEntry FindFileHandleEntry(PFILE_OBJECT FileObject) {
+    if (InterlockedCompareExchange(&s_lFileHandleEntryCount, 0, 0) == 0) {
+        return NULL;
+    }
     ResourceLock lock(&s_FileHandleTableLock, TRUE);
     return FindLocked(FileObject);
 }
@@ -131,6 +141,7 @@ VOID RemoveFileHandleEntry(PFILE_OBJECT FileObject) {
         if (*ppLink != NULL) {
             pFound = *ppLink;
             *ppLink = pFound->m_pNext;
+            InterlockedDecrement(&s_lFileHandleEntryCount);
         }
     }
     if (pFound != NULL) {
@@ -157,6 +168,7 @@ VOID ReleaseFileHandleTable() {
             pEntry = pNext;
         }
     }
+    s_lFileHandleEntryCount = 0;
     ExDeleteResourceLite(&s_FileHandleTableLock);
 }
 #endif

@@ -82,12 +82,47 @@ TEST_F(CreateTest, UnmonitoredAndBypassedOpensSeeTheRealVolume) {
     EXPECT_EQ(Cat(app, u"C:\\dir\\real.txt"), "<STATUS_OBJECT_NAME_NOT_FOUND>");
     // A missing parent reads as a missing name for an unmonitored process.
     EXPECT_EQ(Open(other, u"C:\\nodir\\x.txt").status, STATUS_OBJECT_NAME_NOT_FOUND);
-    // The bypass suffix is stripped and the open goes down, for any process.
-    EXPECT_EQ(Cat(app, u"C:\\dir\\real.txt_??$"), "volume");
-    EXPECT_EQ(Cat(other, u"C:\\layers\\mid\\dir\\both.txt_??$"), "mid");
-    // Not the suffix: other case or order, or something after it.
-    EXPECT_EQ(Cat(other, u"C:\\dir\\real.txt_??$x"), "<STATUS_OBJECT_NAME_INVALID>");
-    EXPECT_EQ(Cat(app, u"C:\\dir\\real.txt$??_"), "<STATUS_OBJECT_NAME_INVALID>");
+    // The bypass suffix is the driver's own: a process's name ending in it is
+    // not stripped, so it neither escapes the view nor reaches a layer.
+    struct Case {
+        emu::Process* process;
+        const char16_t* path;
+        ACCESS_MASK access;
+        ULONG disposition;
+    };
+    const Case cases[] = {
+        {app, u"C:\\dir\\real.txt_??$", GENERIC_READ | SYNCHRONIZE, FILE_OPEN},
+        {app, u"C:\\layers\\base\\dir\\low.txt_??$", GENERIC_WRITE | SYNCHRONIZE, FILE_OPEN_IF},
+        {app, u"C:\\fresh\\new.txt_??$", GENERIC_WRITE | SYNCHRONIZE, FILE_CREATE},
+        {other, u"C:\\layers\\mid\\dir\\both.txt_??$", GENERIC_READ | SYNCHRONIZE, FILE_OPEN},
+        // Not the suffix either: other case or order, or something after it.
+        {other, u"C:\\dir\\real.txt_??$x", GENERIC_READ | SYNCHRONIZE, FILE_OPEN},
+        {app, u"C:\\dir\\real.txt$??_", GENERIC_READ | SYNCHRONIZE, FILE_OPEN},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(emu::Utf16ToUtf8(c.path));
+        EXPECT_EQ(Open(c.process, c.path, c.access, c.disposition).status, STATUS_OBJECT_NAME_INVALID);
+    }
+    EXPECT_EQ(HostContent(std::string(kBase) + "/dir/low.txt"), "low");
+    EXPECT_FALSE(HostExists(std::string(kPack) + "/layers"));
+    EXPECT_FALSE(HostExists(std::string(kPack) + "/fresh"));
+    // A kernel-mode open, as the driver makes its own, is stripped and passed down.
+    App([&] {
+        UNICODE_STRING name;
+        RtlInitUnicodeString(&name, L"\\??\\C:\\dir\\real.txt_??$");
+        OBJECT_ATTRIBUTES oa;
+        InitializeObjectAttributes(&oa, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
+        IO_STATUS_BLOCK iosb;
+        HANDLE h = nullptr;
+        ASSERT_EQ(ZwCreateFile(&h, GENERIC_READ | SYNCHRONIZE, &oa, &iosb, nullptr, 0, FILE_SHARE_READ, FILE_OPEN,
+                               FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0),
+                  STATUS_SUCCESS);
+        char data[6] = {};
+        EXPECT_EQ(ZwReadFile(h, nullptr, nullptr, nullptr, &iosb, data, sizeof(data), nullptr, nullptr),
+                  STATUS_SUCCESS);
+        EXPECT_EQ(std::string(data, sizeof(data)), "volume");
+        ZwClose(h);
+    });
 }
 
 // Names relative to an open directory resolve through that open's path.

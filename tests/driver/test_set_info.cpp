@@ -93,8 +93,7 @@ TEST_F(SetInfoTest, RenameKeepsTheOpenOnItsNewName) {
               u"\\dir\\renamed.txt");
     // A rename relative to a directory that is not a redirected open has no
     // target in the view.
-    OpenResult real = Open(app, u"C:\\dir_??$", FILE_LIST_DIRECTORY | SYNCHRONIZE, FILE_OPEN_IF,
-                           FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT);
+    OpenResult real = Open(app, u"C:", FILE_LIST_DIRECTORY | SYNCHRONIZE);
     ASSERT_EQ(real.status, STATUS_SUCCESS);
     EXPECT_EQ(Rename(open.handle, u"x.txt", FALSE, real.handle), STATUS_OBJECT_NAME_INVALID);
     Close(app, real.handle);
