@@ -8,6 +8,7 @@
 #include "core/log.h"
 #include "core/tervane.h"
 #include "dispatch/file_handle_table.h"
+#include "filemgr/file_manager.h"
 #include "index/file_index.h"
 
 static VOID ReleaseFilterDirectories() {
@@ -85,6 +86,7 @@ VOID ReleaseDriverState() {
     }
     // Redirected opens still open close their real files through the stack.
     ReleaseFileHandleTable();
+    ReleaseCopyUpClaims();
     ReleaseDevices();
 
     ClearMonitoredProcessList();

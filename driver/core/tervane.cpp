@@ -8,6 +8,7 @@
 #include "control/strings.h"
 #include "core/log.h"
 #include "dispatch/file_handle_table.h"
+#include "filemgr/file_manager.h"
 #include "index/file_index.h"
 
 volatile UCHAR g_bFilteringEnabled = 0;
@@ -121,6 +122,7 @@ extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRI
     InitFileIndexPool();
     CreateHiddenPathIndex();
     InitFileHandleTable();
+    InitCopyUpClaims();
     InitGeneralPathPool();
     InitFilterDirectoryList();
     InitExcludedPathList();

@@ -10,6 +10,7 @@
 #include "core/log.h"
 #include "core/tervane.h"
 #include "filemgr/file_manager.h"
+#include "index/file_index.h"
 
 // Length in bytes of the bypass suffix at the end of a name.
 #define BYPASS_SUFFIX_BYTES (BYPASS_SUFFIX_CHARS * sizeof(WCHAR))
@@ -139,6 +140,24 @@ static ULONG LowestConfiguredFlag(ULONG Mask) {
     return ulConfigured & (~ulConfigured + 1);
 }
 
+// Whether the name's directory was removed from the view (it, or an
+// ancestor, is hidden) and not made again in filter directory 0. Such a
+// directory comes back only when the process makes it again, never as the
+// parent that the layered open makes for a new name.
+static BOOLEAN IsParentRemoved(PCUNICODE_STRING FullPath) {
+    ULONG ulLast = FullPath->Length / sizeof(WCHAR);
+    while (ulLast > 0 && FullPath->Buffer[ulLast - 1] != L'\\') {
+        ulLast--;
+    }
+    if (ulLast <= 3) {
+        return FALSE;  // the drive root
+    }
+    UNICODE_STRING ustrParent;
+    ustrParent.Buffer = FullPath->Buffer;
+    ustrParent.Length = ustrParent.MaximumLength = (USHORT)((ulLast - 1) * sizeof(WCHAR));
+    return IsPathHidden(&ustrParent) && (FiltCheckFileExists(&ustrParent, 1, NULL) & 1) == 0;
+}
+
 // The filter directory in which the real file is opened, by disposition.
 static ULONG ChooseFilterFlag(PUNICODE_STRING FullPath, ULONG ExistenceMask, ULONG Disposition) {
     const ULONG ulFound = LowestConfiguredFlag(ExistenceMask);
@@ -196,7 +215,8 @@ static VOID PrepareCallerFileObject(PFILE_OBJECT FileObject, HANDLE RealHandle, 
 
 // Opens the real file for a redirected open and records the entry. Returns
 // the open's status (refined for not-found), which is already in IoStatus.
-static NTSTATUS OpenRedirected(PIRP Irp, PIO_STACK_LOCATION pIrpSp, PUNICODE_STRING FullPath, ULONG ExistenceMask) {
+static NTSTATUS OpenRedirected(PIRP Irp, PIO_STACK_LOCATION pIrpSp, PUNICODE_STRING FullPath, ULONG ExistenceMask,
+                               ULONG CopyUpGeneration) {
     const ULONG ulDisposition = pIrpSp->Parameters.Create.Options >> CREATE_DISPOSITION_SHIFT;
     ULONG ulCreateOptions = pIrpSp->Parameters.Create.Options & CREATE_OPTIONS_MASK;
     const ACCESS_MASK ulDesiredAccess = pIrpSp->Parameters.Create.SecurityContext->DesiredAccess;
@@ -219,11 +239,18 @@ static NTSTATUS OpenRedirected(PIRP Irp, PIO_STACK_LOCATION pIrpSp, PUNICODE_STR
     }
 
     HANDLE hRealFile = NULL;
-    NTSTATUS nStatus = FiltCreateFile(ulFilterFlag, ulFilterFlag == 1, &hRealFile, ulDesiredAccess, FullPath,
-                                      (pIrpSp->Flags & SL_CASE_SENSITIVE) != 0,
-                                      (pIrpSp->Flags & SL_FORCE_ACCESS_CHECK) != 0, &Irp->IoStatus,
-                                      &Irp->Overlay.AllocationSize, ulFileAttributes, ulShareAccess, ulDisposition,
-                                      ulCreateOptions, NULL, 0);
+    NTSTATUS nStatus;
+    if (ulFilterFlag == 1 && ulDisposition != FILE_OPEN && ulDisposition != FILE_OVERWRITE &&
+        IsParentRemoved(FullPath)) {
+        nStatus = STATUS_OBJECT_PATH_NOT_FOUND;
+        Irp->IoStatus.Status = nStatus;
+        Irp->IoStatus.Information = 0;
+    } else {
+        nStatus = FiltCreateFile(ulFilterFlag, ulFilterFlag == 1, &hRealFile, ulDesiredAccess, FullPath,
+                                 (pIrpSp->Flags & SL_CASE_SENSITIVE) != 0, (pIrpSp->Flags & SL_FORCE_ACCESS_CHECK) != 0,
+                                 &Irp->IoStatus, &Irp->Overlay.AllocationSize, ulFileAttributes, ulShareAccess,
+                                 ulDisposition, ulCreateOptions, NULL, 0);
+    }
     TRVN_LOG("TervaneCreate", __LINE__,
              "CreateFile\t[%wZ] /w Access[%x] FileAttrib[%x] Share[%x] Option[%x] Res[%x] Status[%x] Info[%x]\r\n",
              FullPath, ulDesiredAccess, ulFileAttributes, (ULONG)pIrpSp->Parameters.Create.ShareAccess,
@@ -251,7 +278,13 @@ static NTSTATUS OpenRedirected(PIRP Irp, PIO_STACK_LOCATION pIrpSp, PUNICODE_STR
     entry.m_pFileObject = pIrpSp->FileObject;
     entry.m_ustrFullPath = *FullPath;
     entry.m_bDeleteOnClose = bDeleteOnClose;
+    entry.m_ulCopyUpGeneration = CopyUpGeneration;
     AddFileHandleEntry(&entry);
+    if ((ExistenceMask & ~1UL) != 0 && ulFilterFlag == 1 && ulDisposition != FILE_OPEN &&
+        ulDisposition != FILE_CREATE && ulDisposition != FILE_OPEN_IF) {
+        // A lower file replaced in filter directory 0: its other opens follow.
+        NoteCopyInPackLocation();
+    }
 
     // Without an entry no later request of this open would reach the real
     // file, and nothing would ever close its handle: the open fails instead.
@@ -320,6 +353,9 @@ NTSTATUS TervaneCreate(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
         return nStatus;
     }
 
+    // Read before the existence check: a copy-up that ends after the check
+    // is seen by the open's first request.
+    const ULONG ulCopyUpGeneration = CurrentCopyUpGeneration();
     const ULONG ulExistenceMask = FiltCheckFileExists(&ustrFullPath, FILTER_MASK_ALL, NULL);
     const BOOLEAN bTargetDirectory = (pIrpSp->Flags & SL_OPEN_TARGET_DIRECTORY) != 0;
     if (bTargetDirectory) {
@@ -343,8 +379,13 @@ NTSTATUS TervaneCreate(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
         ExFreePoolWithTag(ustrFullPath.Buffer, TRVN_TAG_GENERAL);
         return PassCreateDown(DeviceObject, Irp, TervaneCreateCompletion);
     }
+    if (bTargetDirectory && LowestConfiguredFlag(ulExistenceMask) == 0) {
+        // A new name is made in filter directory 0, where its directory may
+        // not be yet; a failure shows as the failure of the open below.
+        CopyUpDirectory(&ustrFullPath);
+    }
 
-    nStatus = OpenRedirected(Irp, pIrpSp, &ustrFullPath, ulExistenceMask);
+    nStatus = OpenRedirected(Irp, pIrpSp, &ustrFullPath, ulExistenceMask, ulCopyUpGeneration);
     ExFreePoolWithTag(ustrFullPath.Buffer, TRVN_TAG_GENERAL);
 
     if (bTargetDirectory) {

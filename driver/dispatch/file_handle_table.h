@@ -28,6 +28,8 @@ typedef struct FileHandleEntry {
     PFILE_OBJECT m_pFileObject;                      // the caller's FILE_OBJECT: the key
     UNICODE_STRING m_ustrFullPath;                   // drive path by which the caller named the file
     BOOLEAN m_bDeleteOnClose;                        // delete from every filter directory at close
+    ULONG m_ulCopyUpGeneration;                      // copy-up counter when the open last looked for a
+                                                     // copy in filter directory 0 (CurrentCopyUpGeneration)
     struct FileHandleEntry* m_pNext;                 // next entry of the same bucket
 } FileHandleEntry, *PFileHandleEntry;
 

@@ -26,8 +26,16 @@ inline NTSTATUS ReleaseAndComplete(PFileHandleEntry Entry, PIRP Irp, NTSTATUS St
 
 // Copies the open's file up into filter directory 0 and closes the handle it
 // replaced; logs the copy under Function's name. A failed copy is reported
-// and leaves the entry unchanged. Returns the copy-up's status.
+// and leaves the entry unchanged. Returns the copy-up's status, with which
+// the caller fails the request that needed the copy.
 NTSTATUS CopyUpBeforeChange(PDEVICE_OBJECT DeviceObject, PFileHandleEntry pFileHandleEntry, const char* Function);
+
+// Moves an open of a lower file over to the file's copy in filter directory
+// 0 when one was made since the open last looked (by another open's copy-up
+// or an overwrite), so that every open of a file reads what any of them
+// wrote. Cheap when nothing was copied up meanwhile. The caller holds the
+// entry's event.
+VOID FollowPackCopy(PDEVICE_OBJECT DeviceObject, PFileHandleEntry pFileHandleEntry);
 
 // An own request packet for the real FILE_OBJECT of an open, sent below the
 // filter and waited for on the calling thread. The event and the status

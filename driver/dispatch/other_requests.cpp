@@ -26,10 +26,17 @@ static NTSTATUS CompleteWithShortage(PFileHandleEntry pFileHandleEntry, PIRP Irp
 NTSTATUS TervaneLockControl(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandleEntry pFileHandleEntry) {
     PIO_STACK_LOCATION pIrpSp = IoGetCurrentIrpStackLocation(Irp);
     WaitForEntry(pFileHandleEntry);
-    // An exclusive lock announces a write: the file moves into filter directory 0 first.
+    FollowPackCopy(DeviceObject, pFileHandleEntry);
+    // An exclusive lock announces a write: the file moves into filter
+    // directory 0 first, and without the copy the lock is not taken.
     if (pIrpSp->MinorFunction == IRP_MN_LOCK && (pIrpSp->Flags & SL_EXCLUSIVE_LOCK) &&
         pFileHandleEntry->m_ulFilterEntryFlag != 1) {
-        CopyUpBeforeChange(DeviceObject, pFileHandleEntry, "TervaneLockControl");
+        NTSTATUS nCopyStatus = CopyUpBeforeChange(DeviceObject, pFileHandleEntry, "TervaneLockControl");
+        if (!NT_SUCCESS(nCopyStatus)) {
+            Irp->IoStatus.Status = nCopyStatus;
+            Irp->IoStatus.Information = 0;
+            return ReleaseAndComplete(pFileHandleEntry, Irp, nCopyStatus);
+        }
     }
 
     PFILE_OBJECT pRealFileObject = ReferenceRealFile(pFileHandleEntry, *IoFileObjectType, __LINE__);
@@ -141,9 +148,9 @@ NTSTATUS TervaneFlushBuffers(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandleE
 }
 
 NTSTATUS TervaneQuerySecurity(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandleEntry pFileHandleEntry) {
-    UNREFERENCED_PARAMETER(DeviceObject);
     PIO_STACK_LOCATION pIrpSp = IoGetCurrentIrpStackLocation(Irp);
     WaitForEntry(pFileHandleEntry);
+    FollowPackCopy(DeviceObject, pFileHandleEntry);
     ULONG ulNeeded = 0;
     NTSTATUS nStatus = ZwQuerySecurityObject(pFileHandleEntry->m_hRealFileHandle,
                                              pIrpSp->Parameters.QuerySecurity.SecurityInformation, Irp->UserBuffer,
@@ -158,13 +165,20 @@ NTSTATUS TervaneQuerySecurity(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandle
 }
 
 NTSTATUS TervaneSetSecurity(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandleEntry pFileHandleEntry) {
-    UNREFERENCED_PARAMETER(DeviceObject);
     PIO_STACK_LOCATION pIrpSp = IoGetCurrentIrpStackLocation(Irp);
     WaitForEntry(pFileHandleEntry);
-    // No copy-up: the security of the real file changes where it lies.
-    NTSTATUS nStatus = ZwSetSecurityObject(pFileHandleEntry->m_hRealFileHandle,
-                                           pIrpSp->Parameters.SetSecurity.SecurityInformation,
-                                           pIrpSp->Parameters.SetSecurity.SecurityDescriptor);
+    FollowPackCopy(DeviceObject, pFileHandleEntry);
+    // A security change is a change like any other: it is made on the copy in
+    // filter directory 0, never on a lower filter directory's file.
+    NTSTATUS nStatus = STATUS_SUCCESS;
+    if (pFileHandleEntry->m_ulFilterEntryFlag != 1) {
+        nStatus = CopyUpBeforeChange(DeviceObject, pFileHandleEntry, "TervaneSetSecurity");
+    }
+    if (NT_SUCCESS(nStatus)) {
+        nStatus = ZwSetSecurityObject(pFileHandleEntry->m_hRealFileHandle,
+                                      pIrpSp->Parameters.SetSecurity.SecurityInformation,
+                                      pIrpSp->Parameters.SetSecurity.SecurityDescriptor);
+    }
     Irp->IoStatus.Status = nStatus;
     Irp->IoStatus.Information = 0;
     TRVN_LOG("TervaneSetSecurity", __LINE__, "SetSecurity\t[%wZ] SecInfo[%d] Res[0x%x] Status[0x%x] Info[0x%x]\r\n",

@@ -74,9 +74,9 @@ static VOID LogRealReply(PIRP Irp, PIO_STACK_LOCATION pIrpSp, PFileHandleEntry p
 }
 
 NTSTATUS TervaneQueryInformation(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandleEntry pFileHandleEntry) {
-    UNREFERENCED_PARAMETER(DeviceObject);
     PIO_STACK_LOCATION pIrpSp = IoGetCurrentIrpStackLocation(Irp);
     WaitForEntry(pFileHandleEntry);
+    FollowPackCopy(DeviceObject, pFileHandleEntry);
 
     NTSTATUS nStatus;
     switch (pIrpSp->Parameters.QueryFile.FileInformationClass) {

@@ -38,8 +38,7 @@ static VOID FollowRealPosition(PFileHandleEntry pFileHandleEntry, ULONG Line) {
 }
 
 // Moves the open's file into filter directory 0 before it is changed. A
-// failed copy leaves the entry as it was; the caller decides whether the
-// change then goes to the file the entry holds.
+// failed copy leaves the entry as it was, and the change is then not made.
 NTSTATUS CopyUpBeforeChange(PDEVICE_OBJECT DeviceObject, PFileHandleEntry pFileHandleEntry, const char* Function) {
     HANDLE hOldRealFile = NULL;
     NTSTATUS nStatus = CopyUpOpenFile(pFileHandleEntry, 1, &hOldRealFile, TRUE, DeviceObject);
@@ -51,6 +50,30 @@ NTSTATUS CopyUpBeforeChange(PDEVICE_OBJECT DeviceObject, PFileHandleEntry pFileH
         TRVN_LOG(Function, __LINE__, "Copy to pack location succeeded!! [%wZ]\r\n", &pFileHandleEntry->m_ustrFullPath);
     }
     return nStatus;
+}
+
+VOID FollowPackCopy(PDEVICE_OBJECT DeviceObject, PFileHandleEntry pFileHandleEntry) {
+    if (pFileHandleEntry->m_ulFilterEntryFlag == 1) {
+        return;
+    }
+    const ULONG ulGeneration = CurrentCopyUpGeneration();
+    if (pFileHandleEntry->m_ulCopyUpGeneration == ulGeneration) {
+        return;
+    }
+    // A directory in filter directory 0 may be no more than the ancestor of
+    // something made there: only a file's copy is taken as the file.
+    NTSTATUS nStatus = ProbePackLocation(&pFileHandleEntry->m_ustrFullPath);
+    if (nStatus == STATUS_SUCCESS && !IsDirectoryFile(pFileHandleEntry->m_hRealFileHandle)) {
+        HANDLE hOldRealFile = NULL;
+        nStatus = CopyUpOpenFile(pFileHandleEntry, 1, &hOldRealFile, FALSE, DeviceObject);
+        if (hOldRealFile != NULL) {
+            ZwClose(hOldRealFile);
+        }
+    }
+    // A probe or a move that failed is tried again by the next request.
+    if (nStatus == STATUS_SUCCESS || nStatus == STATUS_OBJECT_NAME_NOT_FOUND) {
+        pFileHandleEntry->m_ulCopyUpGeneration = ulGeneration;
+    }
 }
 
 // The transfer of a read (bRead) or a write, shared by both handlers.
@@ -89,13 +112,18 @@ static NTSTATUS TransferData(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandleE
 static NTSTATUS ReadOrWrite(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandleEntry pFileHandleEntry, BOOLEAN bRead) {
     const char* pszFunction = bRead ? "TervaneRead" : "TervaneWrite";
     WaitForEntry(pFileHandleEntry);
+    FollowPackCopy(DeviceObject, pFileHandleEntry);
     PVOID pBuffer = RequestDataBuffer(Irp);
+    NTSTATUS nStatus = STATUS_SUCCESS;
     if (!bRead && pFileHandleEntry->m_ulFilterEntryFlag != 1) {
-        CopyUpBeforeChange(DeviceObject, pFileHandleEntry, pszFunction);
+        nStatus = CopyUpBeforeChange(DeviceObject, pFileHandleEntry, pszFunction);
     }
 
-    NTSTATUS nStatus;
-    if (pBuffer == NULL && IoGetCurrentIrpStackLocation(Irp)->Parameters.Read.Length != 0) {
+    if (!NT_SUCCESS(nStatus)) {
+        // Written data land only in filter directory 0: without the copy
+        // there is nowhere to write them.
+        Irp->IoStatus.Information = 0;
+    } else if (pBuffer == NULL && IoGetCurrentIrpStackLocation(Irp)->Parameters.Read.Length != 0) {
         // An MDL that could not be mapped: nothing can be moved.
         nStatus = STATUS_INSUFFICIENT_RESOURCES;
         Irp->IoStatus.Information = 0;

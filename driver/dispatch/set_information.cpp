@@ -208,6 +208,20 @@ static NTSTATUS RenameRealFile(PFileHandleEntry pFileHandleEntry, PUNICODE_STRIN
     return nStatus;
 }
 
+// The rename happens in filter directory 0, so the target's directory must
+// be there: made as copy-up makes ancestors when only a lower filter
+// directory holds it, refused when the view holds none.
+static NTSTATUS PrepareTargetDirectory(PUNICODE_STRING Target) {
+    ULONG ulLast = Target->Length / sizeof(WCHAR);
+    while (ulLast > 0 && Target->Buffer[ulLast - 1] != L'\\') {
+        ulLast--;
+    }
+    UNICODE_STRING ustrDirectory;
+    ustrDirectory.Buffer = Target->Buffer;
+    ustrDirectory.Length = ustrDirectory.MaximumLength = (USHORT)((ulLast > 3 ? ulLast - 1 : ulLast) * sizeof(WCHAR));
+    return CopyUpDirectory(&ustrDirectory);
+}
+
 NTSTATUS TervaneSetInformationRename(PFileHandleEntry pFileHandleEntry, PFILE_RENAME_INFORMATION RenameInfo,
                                      ULONG Length) {
     // The record must hold its header and the name it announces.
@@ -245,6 +259,9 @@ NTSTATUS TervaneSetInformationRename(PFileHandleEntry pFileHandleEntry, PFILE_RE
     }
     if (NT_SUCCESS(nStatus)) {
         TRVN_ASSERT(pFileHandleEntry->m_ulFilterEntryFlag & 0x01, DISPATCH_SOURCE, __LINE__);
+        nStatus = PrepareTargetDirectory(&ustrTarget);
+    }
+    if (NT_SUCCESS(nStatus)) {
         nStatus = RenameRealFile(pFileHandleEntry, &ustrTarget, RenameInfo->ReplaceIfExists);
     }
     if (NT_SUCCESS(nStatus)) {
@@ -346,6 +363,7 @@ NTSTATUS TervaneSetInformation(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandl
     const FILE_INFORMATION_CLASS eClass = pIrpSp->Parameters.SetFile.FileInformationClass;
     const ULONG ulLength = pIrpSp->Parameters.SetFile.Length;
     WaitForEntry(pFileHandleEntry);
+    FollowPackCopy(DeviceObject, pFileHandleEntry);
 
     // A change that cannot be made on a copy in filter directory 0 is not
     // made at all: a lower filter directory is never renamed, marked or
@@ -354,6 +372,11 @@ NTSTATUS TervaneSetInformation(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandl
     if (pFileHandleEntry->m_ulFilterEntryFlag != 1 &&
         NeedsCopyUp(eClass, Irp->AssociatedIrp.SystemBuffer, ulLength)) {
         nStatus = CopyUpBeforeChange(DeviceObject, pFileHandleEntry, "TervaneSetInformation");
+    } else if (eClass == FileRenameInformation && IsDirectoryFile(pFileHandleEntry->m_hRealFileHandle)) {
+        // A directory of filter directory 0 may be no more than the ancestor
+        // of what was copied into it: the rename takes the lower filter
+        // directories' contents along, which its old name then hides.
+        nStatus = CopyUpDirectoryContents(&pFileHandleEntry->m_ustrFullPath, DeviceObject);
     }
 
     // The handlers work on a copy of the caller's record. An empty record

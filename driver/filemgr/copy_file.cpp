@@ -111,6 +111,7 @@ static BOOLEAN CopyFileData(PFILE_OBJECT pSource, PFILE_OBJECT pDestination, PDE
 
 // The result: the data loop ended at the source's end and the destination
 // has the source's end of file. An empty file therefore copies successfully.
+// A copy that falls short is deleted again.
 BOOLEAN CopyFile(PCUNICODE_STRING pustrSource, PCUNICODE_STRING pustrDestination, PDEVICE_OBJECT FilterDevice) {
     PathBuffer sourceCopy;
     PathBuffer destinationCopy;
@@ -186,11 +187,21 @@ BOOLEAN CopyFile(PCUNICODE_STRING pustrSource, PCUNICODE_STRING pustrDestination
     const LONGLONG llSourceSize = GetFileSize(hSource.Get(), NULL);
     const LONGLONG llDestinationSize = GetFileSize(hDestination.Get(), NULL);
     hDestination.Close();
+    if (!bDataCopied || llDestinationSize != llSourceSize) {
+        // Wherever the destination lies, it would be found before the source
+        // and hide it: an incomplete copy does not stay.
+        nStatus = DeleteRealFile(destinationCopy.Get());
+        if (!NT_SUCCESS(nStatus)) {
+            TRVN_LOG("CopyFile", __LINE__, "cannot delete incomplete copy [%wZ] /w Err[%d]\r\n", pustrDestination,
+                     nStatus);
+        }
+        return FALSE;
+    }
 
     if (!CopyFileAttribute(sourceCopy.Get(), destinationCopy.Get(), FALSE)) {
         TRVN_LOG("CopyFile", __LINE__, "CopyFileAttributes failed\r\n");
     }
-    return bDataCopied && llDestinationSize == llSourceSize;
+    return TRUE;
 }
 
 BOOLEAN CopyFileAttribute(PCUNICODE_STRING pustrSource, PCUNICODE_STRING pustrDestination, BOOLEAN bSupersede) {

@@ -95,28 +95,72 @@ BOOLEAN ExpandShortNames(PCUNICODE_STRING pustrPath, PUNICODE_STRING pustrOut);
 // The one name in the directory that the component matches, into pustrOut.
 BOOLEAN LookupLongName(PCUNICODE_STRING pustrDirectory, PCUNICODE_STRING pustrComponent, PUNICODE_STRING pustrOut);
 
+// ---- Copy-up claims ---------------------------------------------------------------
+
+// One drive path being copied up into filter directory 0.
+typedef struct CopyUpClaim* PCopyUpClaim;
+
+// Once, at start-up, with the open-file table.
+VOID InitCopyUpClaims();
+// Claims the drive path for one copy-up, waiting while another copy-up holds
+// it. STATUS_INSUFFICIENT_RESOURCES (nothing claimed) without memory for the
+// claim. The claim is released with ReleaseCopyUpPath.
+NTSTATUS ClaimCopyUpPath(PCUNICODE_STRING pustrPath, PCopyUpClaim* ppClaim);
+VOID ReleaseCopyUpPath(PCopyUpClaim pClaim);
+// A counter that moves on every time a file gets a copy in filter directory 0
+// that opens of a lower copy of it must follow (CopyUpOpenFile, an overwrite
+// at create). An open that last looked at an older value looks again.
+VOID NoteCopyInPackLocation();
+ULONG CurrentCopyUpGeneration();
+#if !defined(_WIN32)
+// The emulated machine only: deletes the claims' lock at the end of its life.
+VOID ReleaseCopyUpClaims();
+#endif
+
 // ---- Copy-up ---------------------------------------------------------------------
 
 struct FileHandleEntry;
 
-// Copies the open's object (file or directory tree) from its filter directory
-// into ulDestinationFlag's (with bCopyContents), reopens it there with the
-// open's access, share access and options, gives the caller's FILE_OBJECT the
-// copy's file-system context and switches the entry to the copy. The replaced
-// real handle is handed back in *phOldHandle for the caller to close.
-// STATUS_UNSUCCESSFUL when the entry is already there or the copy failed.
+// Moves the open over to its object in ulDestinationFlag's filter directory:
+// reopens it there with the open's access, share access and options, gives
+// the caller's FILE_OBJECT the copy's file-system context and switches the
+// entry to the copy. The replaced real handle is handed back in *phOldHandle
+// for the caller to close. With bCopyContents the object is copied there
+// first, under a claim on its path: a file only when the destination holds no
+// copy of it yet (another open's copy is taken as it is), a directory by
+// adding what the destination lacks from every lower filter directory. A
+// failed copy leaves the open where it was and returns STATUS_UNSUCCESSFUL
+// (or the claim's or the probe's failure status); STATUS_UNSUCCESSFUL too
+// when the entry is already there.
 NTSTATUS CopyUpOpenFile(struct FileHandleEntry* pEntry, ULONG ulDestinationFlag, PHANDLE phOldHandle,
                         BOOLEAN bCopyContents, PDEVICE_OBJECT FilterDevice);
 
+// Adds to a directory in filter directory 0 (made there first when needed)
+// what the lower filter directories' copies of it hold and it lacks, under a
+// claim on its path, so that the directory can be renamed there whole.
+// STATUS_SUCCESS at once when no lower filter directory holds it;
+// STATUS_UNSUCCESSFUL when something could not be copied.
+NTSTATUS CopyUpDirectoryContents(PCUNICODE_STRING pustrPath, PDEVICE_OBJECT FilterDevice);
+
+// Whether filter directory 0 holds the drive path: STATUS_SUCCESS (it does),
+// STATUS_OBJECT_NAME_NOT_FOUND (it does not), or the status of a probe that
+// could not tell.
+NTSTATUS ProbePackLocation(PCUNICODE_STRING pustrPath);
+
 // Copies a drive path from the lowest source filter directory that holds it
-// (a directory: from every one of them, nearest to filter directory 0 last)
-// into the destination filter directory. Hidden entries are not copied.
+// into the destination filter directory, superseding what is there. A
+// directory is copied from every source filter directory that holds it, the
+// nearest to filter directory 0 first, adding only what the destination
+// lacks; hidden entries are not copied, and any entry that could not be
+// copied makes the result FALSE.
 BOOLEAN FiltCopyFile(PCUNICODE_STRING pustrPath, ULONG ulSourceMask, ULONG ulDestinationFlag, BOOLEAN bIsDirectory,
                      PDEVICE_OBJECT FilterDevice);
 
 // Copies one real file: data in 16 KB non-cached requests below FilterDevice,
 // end of file, DACL and SACL, then attributes and times. The destination is
-// superseded. TRUE when all data arrived (the ends of file agree).
+// superseded. TRUE when all data arrived (the ends of file agree); otherwise
+// the destination is deleted again, so that no partial copy is left to hide
+// the source.
 BOOLEAN CopyFile(PCUNICODE_STRING pustrSource, PCUNICODE_STRING pustrDestination, PDEVICE_OBJECT FilterDevice);
 
 // Gives the drive path in the destination filter directory the attributes and
@@ -135,6 +179,15 @@ LONGLONG GetFileSize(HANDLE hFile, PLARGE_INTEGER pAllocationSize);
 // Makes the missing ancestors of the path's real path in the filter directory
 // of the mask's lowest flag.
 BOOLEAN CreateParentsInFilter(PCUNICODE_STRING pustrPath, ULONG ulFilterMask);
+
+// Makes a directory of the view (a drive path) in filter directory 0, with
+// its ancestors, when only lower filter directories hold it, as copy-up
+// makes the ancestors of what it copies. STATUS_SUCCESS when filter
+// directory 0 holds it afterwards (a drive root always counts);
+// STATUS_OBJECT_PATH_NOT_FOUND when the view has no such name (never made,
+// or removed); the open's status when the view's object is not a directory
+// or the directory cannot be made.
+NTSTATUS CopyUpDirectory(PCUNICODE_STRING pustrDirectory);
 
 // pustrOut = base, a backslash unless the base ends in one or the tail begins
 // with one, then the tail (bounded). With bTakeBuffer the output first gets a

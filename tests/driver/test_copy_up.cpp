@@ -133,7 +133,11 @@ TEST_F(CopyUpTest, TheLowestSourceIsCopiedAndSupersedesTheDestination) {
     EXPECT_EQ(Count("source not exists [C:\\f4.txt] /w FF[0]"), 1u);
 }
 
+// A directory gets what it lacks from every source, nearest first; what the
+// destination holds already is kept, hidden entries are left out.
 TEST_F(CopyUpTest, ADirectoryTreeIsCopiedWithoutItsHiddenEntries) {
+    HostFile("L0/D/kept.txt", "written in 0");
+    HostFile("L1/D/kept.txt", "older in 1");
     HostFile("L2/D/a.txt", "a from 2");
     HostFile("L2/D/.dot", "dot");
     HostFile("L2/D/gone.txt", "hidden");
@@ -150,7 +154,7 @@ TEST_F(CopyUpTest, ADirectoryTreeIsCopiedWithoutItsHiddenEntries) {
         const char* content;  // null: must not exist
     } expects[] = {
         {"L0/D/a.txt", "a from 1"}, {"L0/D/.dot", "dot"}, {"L0/D/sub/b.txt", "b"}, {"L0/D/sub/deeper/c.txt", "c"},
-        {"L0/D/one.txt", "1"},      {"L0/D/gone.txt", nullptr}, {"L0/D/empty", nullptr},
+        {"L0/D/one.txt", "1"},      {"L0/D/gone.txt", nullptr}, {"L0/D/kept.txt", "written in 0"},
     };
     for (const auto& e : expects) {
         if (e.content == nullptr) {
@@ -159,6 +163,7 @@ TEST_F(CopyUpTest, ADirectoryTreeIsCopiedWithoutItsHiddenEntries) {
             EXPECT_EQ(HostContent(e.path), e.content) << e.path;
         }
     }
+    EXPECT_TRUE(std::filesystem::is_directory(host / "L0/D/empty")) << "an empty directory moves too";
     EXPECT_EQ(Count("[warn]"), 0u);
 }
 

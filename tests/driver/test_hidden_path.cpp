@@ -28,14 +28,18 @@ protected:
     }
 };
 
-TEST_F(HiddenPathTest, OnlyTheMarkedLeafIsHidden) {
+// A marked path hides itself and everything below it, never its parent.
+TEST_F(HiddenPathTest, AMarkHidesThePathAndEverythingBelowIt) {
     struct Step {
         std::vector<std::u16string> hide;
         std::vector<std::pair<std::u16string, bool>> expect;
     } scenarios[] = {
-        {{u"C:\\a\\b"}, {{u"C:\\a\\b", true}, {u"D:\\A\\B", true}, {u"C:\\a", false}, {u"C:\\a\\b\\c", false}}},
-        {{u"C:\\a\\b", u"C:\\a"}, {{u"C:\\a", true}, {u"C:\\a\\b", false}}},
-        {{u"C:\\a", u"C:\\a\\b"}, {{u"C:\\a\\b", true}, {u"C:\\a", false}}},
+        {{u"C:\\a\\b"},
+         {{u"C:\\a\\b", true}, {u"D:\\A\\B", true}, {u"C:\\a", false}, {u"C:\\a\\b\\c", true}, {u"C:\\a\\bc", false}}},
+        // A directory marked after a name below it: the name stays hidden with it.
+        {{u"C:\\a\\b", u"C:\\a"}, {{u"C:\\a", true}, {u"C:\\a\\b", true}, {u"C:\\a\\c\\d", true}}},
+        // A name marked below a marked directory does not uncover the directory.
+        {{u"C:\\a", u"C:\\a\\b"}, {{u"C:\\a\\b", true}, {u"C:\\a", true}, {u"C:\\a\\c", true}}},
         {{u"C:\\", u"C:\\x"}, {{u"C:\\", false}, {u"C:\\x", true}}},
     };
     for (auto& s : scenarios) {

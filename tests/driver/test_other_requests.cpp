@@ -218,18 +218,24 @@ TEST_F(OtherRequestsTest, SecurityQueryAndSet) {
     App([&] { status = NtSetSecurityObject(open.handle, DACL_SECURITY_INFORMATION, descriptor.data()); });
     EXPECT_EQ(status, STATUS_SUCCESS);
     Close(app, open.handle);
-    EXPECT_FALSE(HostExists(std::string(kPack) + "/dir/sec.txt")) << "no copy-up for a security change";
     EXPECT_EQ(LogCount("SetSecurity\t[C:\\dir\\sec.txt] SecInfo[4] Res[0x0] Status[0x0] Info[0x0]"), 1u);
 
-    // The base's own file carries the new DACL.
+    // A security change is a change: the copy in the pack carries the new
+    // DACL, the base's own file keeps its descriptor.
+    OpenResult pack = Open(other, u"C:\\layers\\pack\\dir\\sec.txt", READ_CONTROL | SYNCHRONIZE);
+    ASSERT_EQ(pack.status, STATUS_SUCCESS);
     std::vector<uint8_t> now;
     ULONG nowSize = 0;
-    QuerySecurity(other, real.handle, DACL_SECURITY_INFORMATION, 0, &now, &nowSize);
-    ASSERT_EQ(QuerySecurity(other, real.handle, DACL_SECURITY_INFORMATION, nowSize, &now, &nowSize), STATUS_SUCCESS);
+    QuerySecurity(other, pack.handle, DACL_SECURITY_INFORMATION, 0, &now, &nowSize);
+    ASSERT_EQ(QuerySecurity(other, pack.handle, DACL_SECURITY_INFORMATION, nowSize, &now, &nowSize), STATUS_SUCCESS);
     auto* nowHeader = reinterpret_cast<PISECURITY_DESCRIPTOR_RELATIVE>(now.data());
     ASSERT_NE(nowHeader->Dacl, 0u);
     ASSERT_LE(nowHeader->Dacl + sizeof(acl), now.size());
     EXPECT_EQ(memcmp(now.data() + nowHeader->Dacl, acl, sizeof(acl)), 0);
+    Close(other, pack.handle);
+    std::vector<uint8_t> base;
+    ASSERT_EQ(QuerySecurity(other, real.handle, all, size, &base, &size), STATUS_SUCCESS);
+    EXPECT_EQ(base, expected);
     Close(other, real.handle);
 }
 

@@ -2,6 +2,8 @@
 // serves the open, copy-up before the first write, and the file position.
 #include "test_dispatch_support.h"
 
+#include <functional>
+
 #include "core/tervane.h"
 #include "dispatch/file_handle_table.h"
 
@@ -98,6 +100,105 @@ TEST_F(ReadWriteTest, WriteAtEndOfFile) {
     Close(app, open.handle);
     EXPECT_EQ(Cat(app, u"C:\\dir\\mid.txt"), "middle+1+2");
     EXPECT_EQ(Cat(other, u"C:\\layers\\mid\\dir\\mid.txt"), "middle");
+}
+
+static uint64_t PoolAllocations(emu::Machine& machine) {
+    uint64_t sum = 0;
+    for (const auto& usage : machine.PoolUsage()) sum += usage.allocs;
+    return sum;
+}
+
+// Whatever allocation of a first write fails (the copy-up's, or the write's
+// own), the write either fails with a failure status and the view still
+// shows the file as it was, or it succeeds and reads back; the lower file
+// never changes and nothing is left allocated.
+TEST_F(ReadWriteTest, EveryFailedAllocationOfACopyUpFailsTheWriteAndKeepsTheLowerFile) {
+    const std::string pack = std::string(kPack) + "/dir/base.txt";
+    // n = 0: no failure, which counts the allocations of a first write.
+    uint64_t allocationsOfAWrite = 0;
+    uint64_t failedWrites = 0;
+    for (uint64_t n = 0; n <= allocationsOfAWrite; n++) {
+        SCOPED_TRACE("allocation " + std::to_string(n));
+        OpenResult open = Open(app, u"C:\\dir\\base.txt", GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE);
+        ASSERT_EQ(open.status, STATUS_SUCCESS);
+        const size_t copies = LogCount("Copy to pack location succeeded!!");
+        const uint64_t allocations = PoolAllocations(*machine);
+        if (n != 0) machine->FailNthAllocation(n);
+        const NTSTATUS status = Write(app, open.handle, "XY", 0);
+        machine->ClearFaultInjection();
+        if (n == 0) allocationsOfAWrite = PoolAllocations(*machine) - allocations;
+
+        EXPECT_EQ(HostContent(std::string(kBase) + "/dir/base.txt"), "0123456789");
+        std::string data;
+        EXPECT_TRUE(NT_SUCCESS(Read(app, open.handle, &data, 20, 0)));
+        if (NT_SUCCESS(status)) {
+            EXPECT_EQ(LogCount("Copy to pack location succeeded!!"), copies + 1) << "no write without a copy";
+            EXPECT_EQ(data, "XY23456789");
+        } else {
+            failedWrites++;
+            EXPECT_EQ(data, "0123456789") << emu::StatusName(status);
+        }
+        Close(app, open.handle);
+        EXPECT_EQ(Cat(app, u"C:\\dir\\base.txt"), data);
+        std::filesystem::remove(host / pack);
+    }
+    EXPECT_GT(allocationsOfAWrite, 10u);
+    EXPECT_GT(failedWrites, 0u);
+}
+
+// Every request that needs a copy-up fails with the copy-up's status when
+// the copy cannot be made, and the lower file stays as it was.
+TEST_F(ReadWriteTest, RequestsThatNeedACopyUpFailWithIt) {
+    OpenResult open = Open(app, u"C:\\dir\\mid.txt", GENERIC_READ | GENERIC_WRITE | WRITE_DAC | SYNCHRONIZE);
+    ASSERT_EQ(open.status, STATUS_SUCCESS);
+    struct Trigger {
+        const char* name;
+        std::function<NTSTATUS()> request;
+    };
+    const Trigger triggers[] = {
+        {"write", [&] { return Write(app, open.handle, "w", 0); }},
+        {"exclusive lock",
+         [&] {
+             NTSTATUS status = STATUS_SUCCESS;
+             App([&] {
+                 IO_STATUS_BLOCK iosb;
+                 LARGE_INTEGER at, length;
+                 at.QuadPart = 0;
+                 length.QuadPart = 1;
+                 status = NtLockFile(open.handle, nullptr, nullptr, nullptr, &iosb, &at, &length, 0, TRUE, TRUE);
+             });
+             return status;
+         }},
+        {"end of file",
+         [&] {
+             NTSTATUS status = STATUS_SUCCESS;
+             App([&] {
+                 IO_STATUS_BLOCK iosb;
+                 FILE_END_OF_FILE_INFORMATION eof = {};
+                 status = NtSetInformationFile(open.handle, &iosb, &eof, sizeof(eof), FileEndOfFileInformation);
+             });
+             return status;
+         }},
+        {"security",
+         [&] {
+             SECURITY_DESCRIPTOR_RELATIVE sd = {};
+             sd.Revision = SECURITY_DESCRIPTOR_REVISION;
+             sd.Control = SE_SELF_RELATIVE | SE_DACL_PRESENT;
+             NTSTATUS status = STATUS_SUCCESS;
+             App([&] { status = NtSetSecurityObject(open.handle, DACL_SECURITY_INFORMATION, &sd); });
+             return status;
+         }},
+    };
+    for (const Trigger& t : triggers) {
+        SCOPED_TRACE(t.name);
+        machine->FailAllocationsWithTag("Trvm");
+        EXPECT_EQ(t.request(), STATUS_INSUFFICIENT_RESOURCES);
+        machine->ClearFaultInjection();
+        EXPECT_EQ(FilterFlagOf(open.handle), 2u);
+    }
+    Close(app, open.handle);
+    EXPECT_EQ(HostContent(std::string(kMid) + "/dir/mid.txt"), "middle");
+    EXPECT_FALSE(HostExists(std::string(kPack) + "/dir/mid.txt"));
 }
 
 }  // namespace
