@@ -38,8 +38,28 @@ static VOID SlotString(PVOID Slot, PUNICODE_STRING String) {
     String->MaximumLength = String->Length;
 }
 
+// A filter directory's root is a drive path: letter, colon, backslash. An
+// empty, relative or UNC root would map the view's paths to places no one
+// chose, so a list holding one is refused whole.
+static BOOLEAN AreRootsDrivePaths(PVOID Input, ULONG InputLength) {
+    const ULONG ulCount = InputLength / PATH_SLOT_SIZE;
+    for (ULONG i = 0; i < ulCount; i++) {
+        UNICODE_STRING ustrRoot;
+        SlotString((PUCHAR)Input + i * PATH_SLOT_SIZE, &ustrRoot);
+        const PWSTR pwc = ustrRoot.Buffer;
+        const BOOLEAN bLetter = ustrRoot.Length >= 3 * sizeof(WCHAR) &&
+                                ((pwc[0] >= L'A' && pwc[0] <= L'Z') || (pwc[0] >= L'a' && pwc[0] <= L'z'));
+        if (!bLetter || pwc[1] != L':' || pwc[2] != L'\\') {
+            TRVN_LOG("TervaneFastIoDeviceControl", __LINE__, "filter directory root [%wZ] is not a drive path\r\n",
+                     &ustrRoot);
+            return FALSE;
+        }
+    }
+    return TRUE;
+}
+
 static NTSTATUS SetFilterList(PVOID Input, ULONG InputLength) {
-    if (!AreSlotsTerminated(Input, InputLength)) {
+    if (!AreSlotsTerminated(Input, InputLength) || !AreRootsDrivePaths(Input, InputLength)) {
         return STATUS_INVALID_DEVICE_REQUEST;
     }
     if (!SetFilterDirectories(Input, InputLength)) {

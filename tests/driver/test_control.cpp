@@ -50,6 +50,11 @@ TEST_F(ControlTest, ShortAndUnterminatedInputsAreRefused) {
         {IOCTL_SET_FILTER_LIST, std::vector<uint8_t>(519, 0)},
         {IOCTL_SET_FILTER_LIST, unterminated},
         {IOCTL_SET_FILTER_LIST, secondUnterminated},
+        // Roots that are not drive paths: empty, relative, drive-relative, UNC.
+        {IOCTL_SET_FILTER_LIST, Slots({u"C:\\pack", u""})},
+        {IOCTL_SET_FILTER_LIST, Slots({u"layers\\pack", u"C:\\base"})},
+        {IOCTL_SET_FILTER_LIST, Slots({u"C:pack", u"C:\\base"})},
+        {IOCTL_SET_FILTER_LIST, Slots({u"\\\\server\\share\\pack", u"C:\\base"})},
         {IOCTL_ADD_EXCLUSIONS, unterminated},
         {IOCTL_ADD_EXCLUSIONS, secondUnterminated},
         {IOCTL_REMOVE_EXCLUSIONS, unterminated},
@@ -63,6 +68,8 @@ TEST_F(ControlTest, ShortAndUnterminatedInputsAreRefused) {
         EXPECT_EQ(r.status, STATUS_INVALID_DEVICE_REQUEST) << std::hex << c.code << " input " << std::dec
                                                             << c.input.size();
     }
+    EXPECT_NE(machine->TakeNewLog().find("filter directory root [\\\\server\\share\\pack] is not a drive path"),
+              std::string::npos);
     EXPECT_EQ(Count(IOCTL_GET_PROCESS_COUNT), 0u);
     EXPECT_EQ(Count(IOCTL_GET_FILTER_COUNT), 0u);
     EXPECT_EQ(Count(IOCTL_GET_EXCLUSION_COUNT), 0u);

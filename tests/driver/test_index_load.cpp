@@ -111,6 +111,43 @@ TEST_F(IndexLoadTest, MalformedPairsAreRefusedAndLeaveNothingOpen) {
     EXPECT_EQ(machine->HandleLines().size(), handlesBefore);
 }
 
+// A pair whose files are swapped, or given twice, or that is no index at all
+// is refused with a line that names the file, even where the sizes fit.
+TEST_F(IndexLoadTest, FilesThatAreNotTheIndexPairAreRefused) {
+    IndexFiles good = Pair({u"dir\\file.txt", u"dir\\other.txt"});
+    Write(good);
+    // A text file of a node file's size, and one too short for the names.
+    WriteFile("text", std::vector<uint8_t>(good.node.size(), 'x'));
+    WriteFile("short", std::vector<uint8_t>(20, 'x'));
+    // A name file whose size is also a node file's.
+    IndexFiles sized = Pair({std::u16string(29, u'n')});
+    ASSERT_EQ((sized.name.size() - 72) % 48, 0u);
+    WriteFile("sized", sized.name);
+    struct Case {
+        const char16_t* node;
+        const char16_t* name;
+        const char* log;
+    } cases[] = {
+        {u"C:\\idx\\name", u"C:\\idx\\node", "index file [C:\\idx\\name] is not a node file"},
+        {u"C:\\idx\\sized", u"C:\\idx\\node", "index file [C:\\idx\\sized] is not a node file"},
+        {u"C:\\idx\\node", u"C:\\idx\\NODE", "index file [C:\\idx\\node] given as both node file and name file"},
+        {u"C:\\idx\\node", u"C:\\idx\\short", "index file [C:\\idx\\short] is not the name file of [C:\\idx\\node]"},
+        {u"C:\\idx\\text", u"C:\\idx\\name", "index file [C:\\idx\\text] is not a node file"},
+    };
+    const size_t handlesBefore = machine->HandleLines().size();
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.log);
+        machine->TakeNewLog();
+        EXPECT_EQ(Load(c.node, c.name), nullptr);
+        EXPECT_NE(machine->TakeNewLog().find(c.log), std::string::npos);
+        EXPECT_EQ(machine->HandleLines().size(), handlesBefore);
+    }
+    // The node file copied to a name file's place: its names are not names.
+    WriteFile("copy", good.node);
+    EXPECT_EQ(Load(u"C:\\idx\\node", u"C:\\idx\\copy"), nullptr);
+    EXPECT_NE(Load(), nullptr);
+}
+
 // A sibling cycle in a loaded pair ends lookups (the full table of hostile
 // links runs on in-memory areas in the storage tests).
 TEST_F(IndexLoadTest, ASiblingCycleEndsTheLookup) {
