@@ -32,6 +32,15 @@ static BOOLEAN NeedsCopyUp(FILE_INFORMATION_CLASS Class, PVOID Buffer, ULONG Len
            pBasic->CreationTime.QuadPart != 0 || pBasic->FileAttributes != 0;
 }
 
+// A rename, or a delete request: the name leaves the view.
+static BOOLEAN MovesOrRemovesName(FILE_INFORMATION_CLASS Class, PVOID Buffer, ULONG Length) {
+    if (Class == FileRenameInformation) {
+        return TRUE;
+    }
+    return Class == FileDispositionInformation && Buffer != NULL && Length >= sizeof(FILE_DISPOSITION_INFORMATION) &&
+           ((PFILE_DISPOSITION_INFORMATION)Buffer)->DeleteFile;
+}
+
 static BOOLEAN StartsWith(PCUNICODE_STRING Name, PCWSTR Prefix, ULONG PrefixChars) {
     return Name->Length >= PrefixChars * sizeof(WCHAR) &&
            RtlCompareMemory(Name->Buffer, Prefix, PrefixChars * sizeof(WCHAR)) == PrefixChars * sizeof(WCHAR);
@@ -372,10 +381,12 @@ NTSTATUS TervaneSetInformation(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandl
     if (pFileHandleEntry->m_ulFilterEntryFlag != 1 &&
         NeedsCopyUp(eClass, Irp->AssociatedIrp.SystemBuffer, ulLength)) {
         nStatus = CopyUpBeforeChange(DeviceObject, pFileHandleEntry, "TervaneSetInformation");
-    } else if (eClass == FileRenameInformation && IsDirectoryFile(pFileHandleEntry->m_hRealFileHandle)) {
+    } else if (MovesOrRemovesName(eClass, Irp->AssociatedIrp.SystemBuffer, ulLength) &&
+               IsDirectoryFile(pFileHandleEntry->m_hRealFileHandle)) {
         // A directory of filter directory 0 may be no more than the ancestor
-        // of what was copied into it: the rename takes the lower filter
-        // directories' contents along, which its old name then hides.
+        // of what was copied into it: a rename takes the lower filter
+        // directories' contents along (its old name then hides them), and a
+        // delete finds the directory as full as the view shows it.
         nStatus = CopyUpDirectoryContents(&pFileHandleEntry->m_ustrFullPath, DeviceObject);
     }
 

@@ -102,6 +102,43 @@ TEST_F(ReadWriteTest, WriteAtEndOfFile) {
     EXPECT_EQ(Cat(other, u"C:\\layers\\mid\\dir\\mid.txt"), "middle");
 }
 
+// Two opens of one lower file write at the same moment: the file is copied
+// up once, neither write fails or lands in the lower file, and each reads
+// back through the other open.
+TEST_F(ReadWriteTest, TwoOpensCopyingAtOnceTakeTurns) {
+    const std::string original(1 << 20, 'm');  // a copy of 64 requests
+    HostFile(std::string(kMid) + "/dir/big.bin", original);
+    OpenResult a = Open(app, u"C:\\dir\\big.bin", GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE);
+    OpenResult b = Open(app, u"C:\\dir\\big.bin", GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE);
+    ASSERT_EQ(a.status, STATUS_SUCCESS);
+    ASSERT_EQ(b.status, STATUS_SUCCESS);
+    NTSTATUS statusA = STATUS_PENDING, statusB = STATUS_PENDING;
+    auto writer = [&](HANDLE handle, LONGLONG offset, const char* data, NTSTATUS* status) {
+        return machine->StartThread(app, [=] {
+            IO_STATUS_BLOCK iosb;
+            LARGE_INTEGER at;
+            at.QuadPart = offset;
+            *status = NtWriteFile(handle, nullptr, nullptr, nullptr, &iosb, (PVOID)data, 1, &at, nullptr);
+        });
+    };
+    auto threadA = writer(a.handle, 0, "A", &statusA);
+    auto threadB = writer(b.handle, 1, "B", &statusB);
+    threadA->Join();
+    threadB->Join();
+    EXPECT_EQ(statusA, STATUS_SUCCESS);
+    EXPECT_EQ(statusB, STATUS_SUCCESS);
+    for (HANDLE handle : {a.handle, b.handle}) {
+        std::string data;
+        EXPECT_EQ(Read(app, handle, &data, 3, 0), STATUS_SUCCESS);
+        EXPECT_EQ(data, "ABm");
+        EXPECT_EQ(FilterFlagOf(handle), 1u);
+    }
+    Close(app, a.handle);
+    Close(app, b.handle);
+    EXPECT_EQ(HostContent(std::string(kMid) + "/dir/big.bin"), original);
+    EXPECT_EQ(LogCount("cannot open dest file"), 0u) << "the second copy-up takes the first one's copy";
+}
+
 static uint64_t PoolAllocations(emu::Machine& machine) {
     uint64_t sum = 0;
     for (const auto& usage : machine.PoolUsage()) sum += usage.allocs;
