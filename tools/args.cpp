@@ -35,7 +35,7 @@ Args::Args(std::string command, std::vector<Token> tokens, std::initializer_list
             for (const char* s : switches) isSwitch = isSwitch || token.text == s;
             if (isSwitch) {
                 if (!switches_.insert(token.text).second)
-                    throw ScriptError(command_ + ": " + token.text + " given twice");
+                    throw ScriptError(command_ + ": " + QuoteText(token.text) + " given twice");
                 continue;
             }
         }
@@ -67,7 +67,7 @@ std::optional<std::string> Args::Option(const char* key) const {
 
 void Args::Done() const {
     if (next_ < positional_.size())
-        throw ScriptError(command_ + ": unexpected argument \"" + positional_[next_] + "\"");
+        throw ScriptError(command_ + ": unexpected argument " + QuoteText(positional_[next_]));
 }
 
 }  // namespace tervane::tool

@@ -61,7 +61,10 @@ void Cat(Context& ctx, std::vector<Token> tokens) {
         }
     });
     ctx.result.info = data.size();
-    if (NT_SUCCESS(ctx.result.status)) ctx.Line("\"" + EscapeBytes(data) + "\"");
+    if (NT_SUCCESS(ctx.result.status)) {
+        ctx.Line("\"" + EscapeBytes(data) + "\"");
+        PutBytes(ctx.result.data, data);
+    }
 }
 
 void Put(Context& ctx, std::vector<Token> tokens) {
@@ -106,8 +109,14 @@ void Ls(Context& ctx, std::vector<Token> tokens) {
         }
     });
     ctx.result.info = entries.size();
-    for (const auto& e : entries)
-        ctx.Line(e.name + ((e.attributes & FILE_ATTRIBUTE_DIRECTORY) ? " <DIR>" : " " + std::to_string(e.size)));
+    auto& list = ctx.result.data["entries"] = nlohmann::json::array();
+    for (const auto& e : entries) {
+        bool directory = (e.attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+        ctx.Line(EscapeText(e.name) + (directory ? " <DIR>" : " " + std::to_string(e.size)));
+        nlohmann::json entry = {{"name", e.name}, {"directory", directory}, {"attributes", e.attributes}};
+        if (!directory) entry["size"] = e.size;
+        list.push_back(std::move(entry));
+    }
 }
 
 void Mkdir(Context& ctx, std::vector<Token> tokens) {
@@ -172,7 +181,8 @@ void Stat(Context& ctx, std::vector<Token> tokens) {
                 return;
             }
             for (auto& line : DescribeFileInformation(infoClass, buffer.data(),
-                                                      std::min<size_t>(iosb.Information, buffer.size())))
+                                                      std::min<size_t>(iosb.Information, buffer.size()),
+                                                      &ctx.result.data["fields"]))
                 ctx.Line(std::move(line));
         }
     });

@@ -47,7 +47,8 @@ void List(Context& ctx, std::vector<Token> tokens) {
     ctx.result.info = iosb.Information;
     if (NT_ERROR(ctx.result.status)) return;
     size_t valid = std::min<size_t>(iosb.Information, buffer.size());
-    for (auto& line : DescribeDirectoryEntries(infoClass, buffer.data(), valid)) ctx.Line(std::move(line));
+    for (auto& line : DescribeDirectoryEntries(infoClass, buffer.data(), valid, &ctx.result.data["entries"]))
+        ctx.Line(std::move(line));
 }
 
 void Notify(Context& ctx, std::vector<Token> tokens) {

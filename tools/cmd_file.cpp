@@ -65,7 +65,10 @@ void Open(Context& ctx, std::vector<Token> tokens) {
     ctx.result.info = iosb.Information;
     if (NT_SUCCESS(ctx.result.status)) {
         BindHandle(ctx, name, handle);
-        ctx.Line(name + " " + NameOf(static_cast<uint32_t>(iosb.Information), CreateResultNames()));
+        std::string action = NameOf(static_cast<uint32_t>(iosb.Information), CreateResultNames());
+        ctx.Line(name + " " + action);
+        ctx.result.data["handle"] = name;
+        ctx.result.data["action"] = action;
     }
 }
 
@@ -102,8 +105,11 @@ void Read(Context& ctx, std::vector<Token> tokens) {
             iosb);
     });
     ctx.result.info = iosb.Information;
-    if (!NT_ERROR(ctx.result.status))
-        ctx.Line("\"" + EscapeBytes(std::string_view(data).substr(0, std::min<size_t>(iosb.Information, data.size()))) + "\"");
+    if (!NT_ERROR(ctx.result.status)) {
+        data.resize(std::min<size_t>(iosb.Information, data.size()));
+        ctx.Line("\"" + EscapeBytes(data) + "\"");
+        PutBytes(ctx.result.data, data);
+    }
 }
 
 void Write(Context& ctx, std::vector<Token> tokens) {
@@ -142,8 +148,10 @@ void Position(Context& ctx, std::vector<Token> tokens) {
                                 : NtQueryInformationFile(handle, &iosb, &info, sizeof info, FilePositionInformation);
     });
     ctx.result.info = iosb.Information;
-    if (!newPosition && NT_SUCCESS(ctx.result.status))
+    if (!newPosition && NT_SUCCESS(ctx.result.status)) {
         ctx.Line("position=" + std::to_string(info.CurrentByteOffset.QuadPart));
+        ctx.result.data["position"] = info.CurrentByteOffset.QuadPart;
+    }
 }
 
 void Flush(Context& ctx, std::vector<Token> tokens) {

@@ -37,7 +37,8 @@ void Query(Context& ctx, std::vector<Token> tokens) {
     ctx.result.info = iosb.Information;
     if (NT_ERROR(ctx.result.status)) return;
     size_t valid = std::min<size_t>(iosb.Information, buffer.size());
-    for (auto& line : DescribeFileInformation(infoClass, buffer.data(), valid)) ctx.Line(std::move(line));
+    for (auto& line : DescribeFileInformation(infoClass, buffer.data(), valid, &ctx.result.data["fields"]))
+        ctx.Line(std::move(line));
 }
 
 void VolumeInfo(Context& ctx, std::vector<Token> tokens) {
@@ -55,7 +56,8 @@ void VolumeInfo(Context& ctx, std::vector<Token> tokens) {
     ctx.result.info = iosb.Information;
     if (NT_ERROR(ctx.result.status)) return;
     size_t valid = std::min<size_t>(iosb.Information, buffer.size());
-    for (auto& line : DescribeVolumeInformation(infoClass, buffer.data(), valid)) ctx.Line(std::move(line));
+    for (auto& line : DescribeVolumeInformation(infoClass, buffer.data(), valid, &ctx.result.data["fields"]))
+        ctx.Line(std::move(line));
 }
 
 void SetInformation(Context& ctx, HANDLE handle, void* info, size_t length, FILE_INFORMATION_CLASS infoClass) {
@@ -157,8 +159,8 @@ void AddInfoCommands(std::vector<CommandSpec>& t) {
                  Allocation});
     t.push_back({"setbasic", Scope::Process,
                  "setbasic H [attributes=F] [creation=T] [lastaccess=T] [lastwrite=T] [change=T]",
-                 "NtSetInformationFile(FileBasicInformation). Times are in 100 ns units since 1601; a time not "
-                 "given (0) is left as it is.",
+                 "NtSetInformationFile(FileBasicInformation). Times are in 100 ns units since 1601 (UTC), as "
+                 "query prints them before the date; a time not given (0) is left as it is.",
                  "1234: setbasic h1 attributes=FILE_ATTRIBUTE_READONLY", SetBasic});
 }
 

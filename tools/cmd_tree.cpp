@@ -165,8 +165,8 @@ std::vector<std::string> FilterRoots(Context& ctx) {
     ctl->run(query, {Token{"filters", 7}});
     if (!NT_SUCCESS(query.result.status)) return {};
     std::vector<std::string> roots;
-    for (const auto& line : query.result.lines)
-        if (IsDrivePath(line)) roots.push_back(line);
+    for (const auto& path : query.result.data.value("paths", nlohmann::json::array()))
+        if (path.is_string() && IsDrivePath(path.get<std::string>())) roots.push_back(path.get<std::string>());
     return roots;
 }
 
@@ -177,19 +177,32 @@ std::string RealPath(const std::string& root, const std::string& drivePath) {
     return root + rest;
 }
 
-std::string Mark(const Node& node, const std::vector<std::string>& roots, ProcessState& controller,
-                 Session& session) {
-    std::string mark = "[?]", also;
+// What serves the process's open of an entry: "0".."N" (a filter
+// directory), "volume" or "?"; and the other filter directories holding a
+// copy.
+struct Origin {
+    std::string layer = "?";
+    std::vector<size_t> alsoIn;
+    std::string Text() const {
+        std::string text = "[" + layer + "]";
+        if (!alsoIn.empty()) text += " also in";
+        for (size_t i : alsoIn) text += " " + std::to_string(i);
+        return text;
+    }
+};
+
+Origin OriginOf(const Node& node, const std::vector<std::string>& roots, ProcessState& controller, Session& session) {
+    Origin origin;
     session.RunIn(controller, [&] {
         for (size_t i = 0; i < roots.size(); ++i) {
             std::optional<FileIdentity> copy = IdentityOf(RealPath(roots[i], node.drivePath));
             if (!copy) continue;
-            if (node.seen && copy == node.seen) mark = "[" + std::to_string(i) + "]";
-            else also += " " + std::to_string(i);
+            if (node.seen && copy == node.seen) origin.layer = std::to_string(i);
+            else origin.alsoIn.push_back(i);
         }
-        if (mark == "[?]" && node.seen && IdentityOf(node.drivePath) == node.seen) mark = "[volume]";
+        if (origin.layer == "?" && node.seen && IdentityOf(node.drivePath) == node.seen) origin.layer = "volume";
     });
-    return also.empty() ? mark : mark + " also in" + also;
+    return origin;
 }
 
 // "|-- " and "`-- " before an entry, "|   " and "    " for its ancestors.
@@ -224,18 +237,29 @@ void Tree(Context& ctx, std::vector<Token> tokens) {
     ctx.result.info = nodes.size() - 1;
 
     std::vector<std::string> roots = FilterRoots(ctx);
+    auto& list = ctx.result.data["entries"] = nlohmann::json::array();
     for (size_t i = 0; i < nodes.size(); ++i) {
         const Node& n = nodes[i];
-        std::string line = i == 0 ? n.name : Prefix(nodes, i) + n.name;
+        std::string line = (i == 0 ? "" : Prefix(nodes, i)) + EscapeText(n.name);
         line += n.directory ? " <DIR>" : " " + std::to_string(n.size);
-        if (!roots.empty()) line += " " + Mark(n, roots, *ctx.session.controller, ctx.session);
+        nlohmann::json entry = {{"path", n.drivePath}, {"depth", n.depth}, {"directory", n.directory}};
+        if (!n.directory) entry["size"] = n.size;
+        if (!roots.empty()) {
+            Origin origin = OriginOf(n, roots, *ctx.session.controller, ctx.session);
+            line += " " + origin.Text();
+            entry["layer"] = origin.layer;
+            entry["alsoIn"] = origin.alsoIn;
+        }
+        if (!n.note.empty()) entry["note"] = n.note;
         ctx.Line(line);
         if (!n.note.empty()) ctx.Line(std::string(4 * n.depth, ' ') + "    " + n.note);
+        list.push_back(std::move(entry));
     }
     if (!roots.empty()) {
         std::string legend = "filter directories:";
-        for (size_t i = 0; i < roots.size(); ++i) legend += " [" + std::to_string(i) + "] " + roots[i];
+        for (size_t i = 0; i < roots.size(); ++i) legend += " [" + std::to_string(i) + "] " + EscapeText(roots[i]);
         ctx.Line(legend);
+        ctx.result.data["filterDirectories"] = roots;
     }
 }
 

@@ -39,6 +39,4 @@ uint32_t ParseU32(const std::string& text, const char* what) {
 
 int64_t ParseI64(const std::string& text, const char* what) { return ParseNumber(text, what, true); }
 
-std::string TimeText(const LARGE_INTEGER& t) { return std::to_string(t.QuadPart); }
-
 }  // namespace tervane::tool

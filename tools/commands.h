@@ -54,7 +54,6 @@ void AddTreeCommands(std::vector<CommandSpec>& table);
 std::u16string ToUtf16(const std::string& s);
 uint32_t ParseU32(const std::string& text, const char* what);
 int64_t ParseI64(const std::string& text, const char* what);
-std::string TimeText(const LARGE_INTEGER& t);  // decimal 100 ns units
 
 }  // namespace tervane::tool
 

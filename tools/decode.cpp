@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 
 #include <emu/machine.h>
 #include <nt/ntifs.h>
@@ -19,11 +20,13 @@ T Load(const uint8_t* p) {
     return value;
 }
 
-std::string Utf16Text(const uint8_t* p, size_t bytes) {
+std::string Utf16Raw(const uint8_t* p, size_t bytes) {
     std::u16string s(bytes / 2, u'\0');
     std::memcpy(s.data(), p, s.size() * 2);
-    return EscapeText(emu::Utf16ToUtf8(s));
+    return emu::Utf16ToUtf8(s);
 }
+
+std::string Utf16Text(const uint8_t* p, size_t bytes) { return EscapeText(Utf16Raw(p, bytes)); }
 
 std::string FlagsText(uint32_t value, std::span<const NamedValue> names) {
     std::string text = Hex32(value);
@@ -31,7 +34,7 @@ std::string FlagsText(uint32_t value, std::span<const NamedValue> names) {
     return text;
 }
 
-enum class Kind { I64, U32, Bool, Hex32, Attributes, Access, Mode, FsAttributes, NameLength, Name, Label };
+enum class Kind { I64, Time, U32, Bool, Hex32, Attributes, Access, Mode, FsAttributes, NameLength, Name, Label };
 
 struct Field {
     const char* name;
@@ -42,7 +45,8 @@ struct Field {
 
 size_t FieldSize(Kind kind) {
     switch (kind) {
-    case Kind::I64: return 8;
+    case Kind::I64:
+    case Kind::Time: return 8;
     case Kind::Bool: return 1;
     case Kind::Name:
     case Kind::Label: return 0;
@@ -51,9 +55,9 @@ size_t FieldSize(Kind kind) {
 }
 
 // Prints FIELDS of a record at BASE; stops at the first one that does not
-// fit in VALID bytes.
+// fit in VALID bytes. JSON, when given, gets each field as a member.
 void DescribeFields(const Field* fields, size_t count, const uint8_t* buf, size_t valid, size_t base,
-                    std::vector<std::string>& out) {
+                    std::vector<std::string>& out, nlohmann::json* json) {
     for (size_t i = 0; i < count; ++i) {
         const Field& f = fields[i];
         size_t at = base + f.offset;
@@ -63,11 +67,20 @@ void DescribeFields(const Field* fields, size_t count, const uint8_t* buf, size_
         }
         const uint8_t* p = buf + at;
         std::string value;
+        nlohmann::json raw;
         switch (f.kind) {
-        case Kind::I64: value = std::to_string(Load<int64_t>(p)); break;
+        case Kind::I64: raw = Load<int64_t>(p); value = std::to_string(Load<int64_t>(p)); break;
+        case Kind::Time: {
+            int64_t time = Load<int64_t>(p);
+            raw = time;
+            value = std::to_string(time);
+            std::string date = FileTimeText(time);
+            if (!date.empty()) value += " (" + date + ")";
+            break;
+        }
         case Kind::U32:
-        case Kind::NameLength: value = std::to_string(Load<uint32_t>(p)); break;
-        case Kind::Bool: value = std::to_string(static_cast<unsigned>(*p)); break;
+        case Kind::NameLength: raw = Load<uint32_t>(p); value = std::to_string(Load<uint32_t>(p)); break;
+        case Kind::Bool: raw = static_cast<unsigned>(*p); value = std::to_string(static_cast<unsigned>(*p)); break;
         case Kind::Hex32: value = Hex32(Load<uint32_t>(p)); break;
         case Kind::Attributes: value = FlagsText(Load<uint32_t>(p), AttributeNames()); break;
         case Kind::Access: value = FlagsText(Load<uint32_t>(p), AccessNames()); break;
@@ -78,11 +91,14 @@ void DescribeFields(const Field* fields, size_t count, const uint8_t* buf, size_
             uint32_t length = Load<uint32_t>(buf + base + f.lengthOffset);
             size_t fits = valid - at;
             bool cut = length > fits;
+            raw = Utf16Raw(p, cut ? fits : length);
             value = Utf16Text(p, cut ? fits : length);
             if (cut) value += " (cut off: " + std::to_string(fits) + " of " + std::to_string(length) + " bytes)";
             break;
         }
         }
+        if (raw.is_null()) raw = Load<uint32_t>(p);  // hex and flag fields: their value
+        if (json) (*json)[f.name] = raw;
         out.push_back(std::string(f.name) + "=" + value);
     }
 }
@@ -90,8 +106,8 @@ void DescribeFields(const Field* fields, size_t count, const uint8_t* buf, size_
 #define F(type, field, kind) Field{#field, offsetof(type, field), Kind::kind}
 #define FN(type, field, lengthField) Field{#field, offsetof(type, field), Kind::Name, offsetof(type, lengthField)}
 
-const Field kBasic[] = {F(FILE_BASIC_INFORMATION, CreationTime, I64), F(FILE_BASIC_INFORMATION, LastAccessTime, I64),
-                        F(FILE_BASIC_INFORMATION, LastWriteTime, I64), F(FILE_BASIC_INFORMATION, ChangeTime, I64),
+const Field kBasic[] = {F(FILE_BASIC_INFORMATION, CreationTime, Time), F(FILE_BASIC_INFORMATION, LastAccessTime, Time),
+                        F(FILE_BASIC_INFORMATION, LastWriteTime, Time), F(FILE_BASIC_INFORMATION, ChangeTime, Time),
                         F(FILE_BASIC_INFORMATION, FileAttributes, Attributes)};
 const Field kStandard[] = {F(FILE_STANDARD_INFORMATION, AllocationSize, I64),
                            F(FILE_STANDARD_INFORMATION, EndOfFile, I64),
@@ -107,14 +123,14 @@ const Field kAlignment[] = {F(FILE_ALIGNMENT_INFORMATION, AlignmentRequirement, 
 const Field kName[] = {F(FILE_NAME_INFORMATION, FileNameLength, NameLength),
                        FN(FILE_NAME_INFORMATION, FileName, FileNameLength)};
 const Field kNetworkOpen[] = {
-    F(FILE_NETWORK_OPEN_INFORMATION, CreationTime, I64), F(FILE_NETWORK_OPEN_INFORMATION, LastAccessTime, I64),
-    F(FILE_NETWORK_OPEN_INFORMATION, LastWriteTime, I64), F(FILE_NETWORK_OPEN_INFORMATION, ChangeTime, I64),
+    F(FILE_NETWORK_OPEN_INFORMATION, CreationTime, Time), F(FILE_NETWORK_OPEN_INFORMATION, LastAccessTime, Time),
+    F(FILE_NETWORK_OPEN_INFORMATION, LastWriteTime, Time), F(FILE_NETWORK_OPEN_INFORMATION, ChangeTime, Time),
     F(FILE_NETWORK_OPEN_INFORMATION, AllocationSize, I64), F(FILE_NETWORK_OPEN_INFORMATION, EndOfFile, I64),
     F(FILE_NETWORK_OPEN_INFORMATION, FileAttributes, Attributes)};
 const Field kAttributeTag[] = {F(FILE_ATTRIBUTE_TAG_INFORMATION, FileAttributes, Attributes),
                                F(FILE_ATTRIBUTE_TAG_INFORMATION, ReparseTag, Hex32)};
 
-const Field kFsVolume[] = {F(FILE_FS_VOLUME_INFORMATION, VolumeCreationTime, I64),
+const Field kFsVolume[] = {F(FILE_FS_VOLUME_INFORMATION, VolumeCreationTime, Time),
                            F(FILE_FS_VOLUME_INFORMATION, VolumeSerialNumber, Hex32),
                            F(FILE_FS_VOLUME_INFORMATION, VolumeLabelLength, NameLength),
                            F(FILE_FS_VOLUME_INFORMATION, SupportsObjects, Bool),
@@ -176,21 +192,22 @@ std::vector<uint8_t> ParseHexBytes(const std::string& text) {
     return out;
 }
 
-std::vector<std::string> DescribeFileInformation(uint32_t infoClass, const uint8_t* buf, size_t valid) {
+std::vector<std::string> DescribeFileInformation(uint32_t infoClass, const uint8_t* buf, size_t valid,
+                                                 nlohmann::json* fields) {
     std::vector<std::string> out;
     switch (infoClass) {
-    case FileBasicInformation: DescribeFields(TABLE(kBasic), buf, valid, 0, out); break;
-    case FileStandardInformation: DescribeFields(TABLE(kStandard), buf, valid, 0, out); break;
-    case FileInternalInformation: DescribeFields(TABLE(kInternal), buf, valid, 0, out); break;
-    case FileEaInformation: DescribeFields(TABLE(kEa), buf, valid, 0, out); break;
-    case FileAccessInformation: DescribeFields(TABLE(kAccess), buf, valid, 0, out); break;
-    case FilePositionInformation: DescribeFields(TABLE(kPosition), buf, valid, 0, out); break;
-    case FileModeInformation: DescribeFields(TABLE(kMode), buf, valid, 0, out); break;
-    case FileAlignmentInformation: DescribeFields(TABLE(kAlignment), buf, valid, 0, out); break;
+    case FileBasicInformation: DescribeFields(TABLE(kBasic), buf, valid, 0, out, fields); break;
+    case FileStandardInformation: DescribeFields(TABLE(kStandard), buf, valid, 0, out, fields); break;
+    case FileInternalInformation: DescribeFields(TABLE(kInternal), buf, valid, 0, out, fields); break;
+    case FileEaInformation: DescribeFields(TABLE(kEa), buf, valid, 0, out, fields); break;
+    case FileAccessInformation: DescribeFields(TABLE(kAccess), buf, valid, 0, out, fields); break;
+    case FilePositionInformation: DescribeFields(TABLE(kPosition), buf, valid, 0, out, fields); break;
+    case FileModeInformation: DescribeFields(TABLE(kMode), buf, valid, 0, out, fields); break;
+    case FileAlignmentInformation: DescribeFields(TABLE(kAlignment), buf, valid, 0, out, fields); break;
     case FileNameInformation:
-    case FileAlternateNameInformation: DescribeFields(TABLE(kName), buf, valid, 0, out); break;
-    case FileNetworkOpenInformation: DescribeFields(TABLE(kNetworkOpen), buf, valid, 0, out); break;
-    case FileAttributeTagInformation: DescribeFields(TABLE(kAttributeTag), buf, valid, 0, out); break;
+    case FileAlternateNameInformation: DescribeFields(TABLE(kName), buf, valid, 0, out, fields); break;
+    case FileNetworkOpenInformation: DescribeFields(TABLE(kNetworkOpen), buf, valid, 0, out, fields); break;
+    case FileAttributeTagInformation: DescribeFields(TABLE(kAttributeTag), buf, valid, 0, out, fields); break;
     case FileAllInformation: {
         // The parts in their order; each stops the listing when cut off.
         struct Part {
@@ -211,26 +228,31 @@ std::vector<std::string> DescribeFileInformation(uint32_t infoClass, const uint8
         };
         for (const auto& part : parts) {
             size_t before = out.size();
-            DescribeFields(part.fields, part.count, buf, valid, part.offset, out);
+            DescribeFields(part.fields, part.count, buf, valid, part.offset, out, fields);
             if (out.size() > before && out.back().rfind("(the record ends", 0) == 0) break;
         }
         break;
     }
-    default: return Raw(buf, valid);
+    default:
+        if (fields) (*fields)["bytes"] = HexBytes(buf, valid);
+        return Raw(buf, valid);
     }
     return out;
 }
 
-std::vector<std::string> DescribeVolumeInformation(uint32_t infoClass, const uint8_t* buf, size_t valid) {
+std::vector<std::string> DescribeVolumeInformation(uint32_t infoClass, const uint8_t* buf, size_t valid,
+                                                   nlohmann::json* fields) {
     std::vector<std::string> out;
     switch (infoClass) {
-    case FileFsVolumeInformation: DescribeFields(TABLE(kFsVolume), buf, valid, 0, out); break;
-    case FileFsLabelInformation: DescribeFields(TABLE(kFsLabel), buf, valid, 0, out); break;
-    case FileFsSizeInformation: DescribeFields(TABLE(kFsSize), buf, valid, 0, out); break;
-    case FileFsFullSizeInformation: DescribeFields(TABLE(kFsFullSize), buf, valid, 0, out); break;
-    case FileFsDeviceInformation: DescribeFields(TABLE(kFsDevice), buf, valid, 0, out); break;
-    case FileFsAttributeInformation: DescribeFields(TABLE(kFsAttribute), buf, valid, 0, out); break;
-    default: return Raw(buf, valid);
+    case FileFsVolumeInformation: DescribeFields(TABLE(kFsVolume), buf, valid, 0, out, fields); break;
+    case FileFsLabelInformation: DescribeFields(TABLE(kFsLabel), buf, valid, 0, out, fields); break;
+    case FileFsSizeInformation: DescribeFields(TABLE(kFsSize), buf, valid, 0, out, fields); break;
+    case FileFsFullSizeInformation: DescribeFields(TABLE(kFsFullSize), buf, valid, 0, out, fields); break;
+    case FileFsDeviceInformation: DescribeFields(TABLE(kFsDevice), buf, valid, 0, out, fields); break;
+    case FileFsAttributeInformation: DescribeFields(TABLE(kFsAttribute), buf, valid, 0, out, fields); break;
+    default:
+        if (fields) (*fields)["bytes"] = HexBytes(buf, valid);
+        return Raw(buf, valid);
     }
     return out;
 }
@@ -297,28 +319,56 @@ std::string WalkRecords(const uint8_t* buf, size_t valid, size_t fixedSize, size
 
 }  // namespace
 
-std::vector<std::string> DescribeDirectoryEntries(uint32_t infoClass, const uint8_t* buf, size_t valid) {
+std::vector<std::string> DescribeDirectoryEntries(uint32_t infoClass, const uint8_t* buf, size_t valid,
+                                                  nlohmann::json* entries) {
     DirLayout l;
+    if (entries) *entries = nlohmann::json::array();
     if (!LayoutFor(infoClass, &l)) return Raw(buf, valid);
     std::vector<std::string> out;
     if (valid == 0) return out;
     std::string problem = WalkRecords(buf, valid, l.name, l.nameLength, l.name, [&](const uint8_t* rec, std::string name) {
+        nlohmann::json entry;
+        entry["FileName"] = Utf16Raw(rec + l.name, Load<uint32_t>(rec + l.nameLength));
         std::string line = std::move(name);
+        auto add = [&](const char* key, const std::string& text, nlohmann::json value) {
+            line += std::string(" ") + key + "=" + text;
+            entry[key] = std::move(value);
+        };
         if (!l.namesOnly) {
-            line += " EndOfFile=" + std::to_string(Load<int64_t>(rec + l.endOfFile));
-            line += " AllocationSize=" + std::to_string(Load<int64_t>(rec + l.allocation));
-            line += " FileAttributes=" + FlagsText(Load<uint32_t>(rec + l.attributes), AttributeNames());
+            int64_t end = Load<int64_t>(rec + l.endOfFile), allocation = Load<int64_t>(rec + l.allocation);
+            uint32_t attributes = Load<uint32_t>(rec + l.attributes);
+            add("EndOfFile", std::to_string(end), end);
+            add("AllocationSize", std::to_string(allocation), allocation);
+            add("FileAttributes", FlagsText(attributes, AttributeNames()), attributes);
         }
-        if (l.eaSize) line += " EaSize=" + std::to_string(Load<uint32_t>(rec + l.eaSize));
+        if (l.eaSize) add("EaSize", std::to_string(Load<uint32_t>(rec + l.eaSize)), Load<uint32_t>(rec + l.eaSize));
         if (l.shortName) {
             size_t shortLength = std::min<size_t>(rec[l.shortLength], 24);
-            line += " ShortName=" + Utf16Text(rec + l.shortName, shortLength);
+            add("ShortName", Utf16Text(rec + l.shortName, shortLength), Utf16Raw(rec + l.shortName, shortLength));
         }
-        if (l.fileId) line += " FileId=" + std::to_string(Load<int64_t>(rec + l.fileId));
+        if (l.fileId) add("FileId", std::to_string(Load<int64_t>(rec + l.fileId)), Load<int64_t>(rec + l.fileId));
         out.push_back(std::move(line));
+        if (entries) entries->push_back(std::move(entry));
     });
     if (!problem.empty()) out.push_back("(" + problem + ")");
     return out;
+}
+
+std::string FileTimeText(int64_t time) {
+    // 100 ns units from 1601-01-01 to 1970-01-01, and to 10000-01-01.
+    constexpr int64_t kUnixEpoch = 116444736000000000LL;
+    constexpr int64_t kYear10000 = 2650467744000000000LL;
+    if (time <= 0 || time >= kYear10000) return {};
+    int64_t fromUnix = time - kUnixEpoch;
+    int64_t seconds = fromUnix >= 0 ? fromUnix / 10000000 : -((-fromUnix + 9999999) / 10000000);
+    int64_t fraction = fromUnix - seconds * 10000000;
+    time_t t = static_cast<time_t>(seconds);
+    struct tm parts {};
+    if (!gmtime_r(&t, &parts)) return {};
+    char text[48];
+    std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d.%07lld UTC", parts.tm_year + 1900, parts.tm_mon + 1,
+                  parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec, static_cast<long long>(fraction));
+    return text;
 }
 
 std::vector<DirectoryEntry> ParseBothDirectoryEntries(const uint8_t* buf, size_t valid) {
@@ -326,8 +376,9 @@ std::vector<DirectoryEntry> ParseBothDirectoryEntries(const uint8_t* buf, size_t
     if (valid == 0) return entries;
     using T = FILE_BOTH_DIR_INFORMATION;
     WalkRecords(buf, valid, offsetof(T, FileName), offsetof(T, FileNameLength), offsetof(T, FileName),
-                [&](const uint8_t* rec, std::string name) {
-                    entries.push_back({std::move(name), Load<uint32_t>(rec + offsetof(T, FileAttributes)),
+                [&](const uint8_t* rec, const std::string&) {
+                    entries.push_back({Utf16Raw(rec + offsetof(T, FileName), Load<uint32_t>(rec + offsetof(T, FileNameLength))),
+                                       Load<uint32_t>(rec + offsetof(T, FileAttributes)),
                                        Load<int64_t>(rec + offsetof(T, EndOfFile))});
                 });
     return entries;

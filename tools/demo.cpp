@@ -11,7 +11,9 @@
 #include <emu/machine.h>
 
 #include "frontend.h"
+#include "hostpath.h"
 #include "index_cli.h"
+#include "text.h"
 #include "interpreter.h"
 
 namespace tervane::tool {
@@ -19,60 +21,51 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// Narration is wrapped at most this wide, for reading; the columns use the
+// whole width.
 constexpr size_t kTextWidth = 78;
-constexpr size_t kMaxLeftColumn = 60;
+// Without a terminal (files, pipes, tests) the output is this wide.
+constexpr size_t kFixedWidth = 100;
+// Each column of a side-by-side layout needs this much room; below it the
+// two processes are shown one after the other.
+constexpr size_t kMinColumn = 40;
+constexpr const char* kGutter = " | ";
 
-// Word-wraps TEXT at kTextWidth, every line starting with INDENT.
-std::string Wrap(const std::string& text, const std::string& indent) {
-    std::istringstream words(text);
-    std::string out, line, word;
-    while (words >> word) {
-        if (!line.empty() && indent.size() + line.size() + 1 + word.size() > kTextWidth) {
-            out += indent + line + "\n";
-            line.clear();
-        }
-        line += (line.empty() ? "" : " ") + word;
-    }
-    if (!line.empty()) out += indent + line + "\n";
-    return out;
-}
-
-// Splits lines longer than WIDTH so that each fits the column: at the last
-// blank that leaves at least half a line, else anywhere. Continuations are
-// indented by two more blanks than the line they continue.
-std::vector<std::string> FitColumn(const std::vector<std::string>& lines, size_t width) {
-    std::vector<std::string> fitted;
-    for (std::string line : lines) {
-        size_t indent = line.find_first_not_of(' ');
-        std::string lead(indent == std::string::npos ? 0 : indent + 2, ' ');
-        bool cut = false;
-        while (line.size() > width && lead.size() + 8 < width) {
-            size_t at = line.rfind(' ', width);
-            if (at == std::string::npos || at < width / 2) at = width;
-            fitted.push_back(line.substr(0, at));
-            size_t rest = line.find_first_not_of(' ', at);
-            line = rest == std::string::npos ? std::string() : lead + line.substr(rest);
-            cut = true;
-        }
-        if (!cut || !line.empty()) fitted.push_back(line);
-    }
-    return fitted;
-}
-
+// The two processes side by side when WIDTH leaves room for both columns,
+// else the left one first and the right one below it.
 std::string SideBySide(const std::vector<std::string>& left, const std::vector<std::string>& right,
-                       const std::string& indent) {
+                       const std::string& indent, size_t width) {
     std::string out;
+    const size_t room = width > indent.size() ? width - indent.size() : 1;
+    auto stack = [&](const std::vector<std::string>& lines) {
+        for (const auto& l : FitColumn(lines, room)) out += l.empty() ? "\n" : indent + l + "\n";
+    };
     if (right.empty()) {
-        for (const auto& l : left) out += indent + l + "\n";
+        stack(left);
         return out;
     }
-    size_t width = 0;
-    for (const auto& l : left) width = std::max(width, l.size());
-    width = std::min(width, kMaxLeftColumn);
-    auto l = FitColumn(left, width);
-    for (size_t i = 0; i < std::max(l.size(), right.size()); ++i) {
+    const size_t gutter = std::string(kGutter).size();
+    if (room < 2 * kMinColumn + gutter) {
+        stack(left);
+        out += "\n";
+        stack(right);
+        return out;
+    }
+    // Each column gets room in proportion to its longest line, at least the
+    // minimum, and no more than it needs.
+    size_t longestLeft = 1, longestRight = 1;
+    for (const auto& l : left) longestLeft = std::max(longestLeft, l.size());
+    for (const auto& r : right) longestRight = std::max(longestRight, r.size());
+    const size_t share = (room - gutter) * longestLeft / (longestLeft + longestRight);
+    const size_t leftWidth =
+        std::min(longestLeft + gutter + longestRight <= room ? longestLeft : share, room - gutter - kMinColumn);
+    const size_t fittedLeft = std::max(leftWidth, kMinColumn);
+    const size_t rightWidth = room - gutter - fittedLeft;
+    auto l = FitColumn(left, fittedLeft);
+    auto r = FitColumn(right, rightWidth);
+    for (size_t i = 0; i < std::max(l.size(), r.size()); ++i) {
         std::string a = i < l.size() ? l[i] : "";
-        std::string row = indent + a + std::string(width - a.size(), ' ') + " | " + (i < right.size() ? right[i] : "");
+        std::string row = indent + a + std::string(fittedLeft - a.size(), ' ') + kGutter + (i < r.size() ? r[i] : "");
         while (!row.empty() && row.back() == ' ') row.pop_back();
         out += row + "\n";
     }
@@ -114,12 +107,16 @@ std::optional<std::string> ReadHostFile(const fs::path& file) {
 
 class DemoRun {
 public:
-    DemoRun(std::ostream& out, bool quiet, const fs::path& workspace)
-        : out_(out), quiet_(quiet), workspace_(workspace), interpreter_(transcript_, workspace) {}
+    DemoRun(std::ostream& out, bool quiet, size_t width, const fs::path& workspace)
+        : out_(out), quiet_(quiet), width_(width), workspace_(workspace), interpreter_(transcript_, workspace) {}
 
+    // Every line fits the width: what is wider is wrapped.
     void Say(const std::string& text) {
-        if (!quiet_) out_ << text;
+        if (quiet_) return;
+        for (const auto& line : FitColumn(SplitLines(text), width_)) out_ << line << "\n";
     }
+
+    std::string Narrate(const std::string& text) const { return Wrap(text, std::min(width_, kTextWidth), "   "); }
 
     // Builds the base layer's index with the code of `tervane index build`.
     void BuildIndex() {
@@ -127,15 +124,21 @@ public:
         const auto node = workspace_ / "volume" / "index" / "base.node";
         const auto name = workspace_ / "volume" / "index" / "base.name";
         Say("0. The workspace\n" +
-            Wrap("The layers are plain host directories below volume/layers. The base layer gets its index, as "
-                 "`tervane index build` makes it: two files the driver loads, listing every path the layer holds.",
-                 "   "));
+            Narrate("The layers are plain host directories below volume/layers. The base layer gets its index, as "
+                    "`tervane index build` makes it: two files the driver loads, listing every path the layer "
+                    "holds."));
         std::ostringstream shown, err;
-        int code = IndexBuild(base.string(), node.string(), name.string(), false, shown, err);
-        std::vector<std::string> lines{"> tervane index build " + base.string() + " " + node.string() + " " +
-                                       name.string()};
-        for (const auto& l : SplitLines(shown.str() + err.str())) lines.push_back("  " + l);
-        Say(SideBySide(lines, {}, "   "));
+        int code = IndexBuild(base.string(), node.string(), name.string(), {}, shown, err);
+        // Shown with paths relative to the workspace, as if run there.
+        auto relative = [this](std::string text) {
+            const std::string prefix = workspace_.string() + "/";
+            for (size_t at; (at = text.find(prefix)) != std::string::npos;) text.erase(at, prefix.size());
+            return text;
+        };
+        std::vector<std::string> lines{relative("> tervane index build " + base.string() + " " + node.string() + " " +
+                                                name.string())};
+        for (const auto& l : SplitLines(shown.str() + err.str())) lines.push_back("  " + relative(l));
+        Say(SideBySide(lines, {}, "   ", width_));
         size_t before = differences_.size();
         Check(code == 0, "tervane index build exited with " + std::to_string(code));
         std::error_code error;
@@ -146,7 +149,7 @@ public:
 
     void Step(size_t number, const DemoStep& step) {
         title_ = step.title;
-        Say("\n" + std::to_string(number) + ". " + step.title + "\n" + Wrap(step.say, "   "));
+        Say("\n" + std::to_string(number) + ". " + step.title + "\n" + Narrate(step.say));
         size_t before = differences_.size();
         std::vector<std::string> left, right;
         for (const auto& c : step.left) Append(left, Run(c));
@@ -155,7 +158,7 @@ public:
             left.insert(left.begin(), {"inkpad.exe, monitored:", ""});
             right.insert(right.begin(), {"backup.exe, not monitored:", ""});
         }
-        Say(SideBySide(left, right, "   "));
+        Say(SideBySide(left, right, "   ", width_));
         for (const auto& file : step.host) Say(LookAtHost(file));
         Verdict(before, step.checked);
     }
@@ -165,9 +168,8 @@ public:
     void ShutDown() {
         title_ = "Shutting down";
         Say("\n" + title_ + "\n" +
-            Wrap("The processes end, the driver gives back what it holds, and the machine shuts down. The "
-                 "verifier counts what is still outstanding:",
-                 "   "));
+            Narrate("The processes end, the driver gives back what it holds, and the machine shuts down. The "
+                    "verifier counts what is still outstanding:"));
         size_t before = differences_.size();
         emu::VerifierReport report = interpreter_.session().Finish();
         auto count = [](size_t n, const char* what) { return std::to_string(n) + " " + what; };
@@ -247,6 +249,7 @@ private:
 
     std::ostream& out_;
     bool quiet_;
+    size_t width_;
     fs::path workspace_;
     std::ostringstream transcript_;  // before interpreter_: it writes here
     Interpreter interpreter_;
@@ -257,18 +260,22 @@ private:
 };
 
 // The workspace: DIR (made when missing, refused when it holds anything), or
-// a new temporary directory.
-fs::path MakeWorkspace(const std::string& keepDir) {
+// a new temporary directory. Empty on success, else why not.
+std::string MakeWorkspace(const std::string& keepDir, fs::path* workspace) {
+    std::error_code ec;
     if (!keepDir.empty()) {
-        fs::path dir = fs::absolute(keepDir);
-        fs::create_directories(dir);
-        if (!fs::is_empty(dir))
-            throw std::runtime_error("--keep " + keepDir + ": the directory is not empty; give a new or empty one");
-        return dir;
+        fs::path dir = fs::absolute(keepDir, ec);
+        std::string problem = MakeHostDirectory(dir);
+        if (!problem.empty()) return "--keep: " + problem;
+        if (!fs::is_empty(dir, ec))
+            return "--keep " + keepDir + ": the directory is not empty; give a new or empty one";
+        *workspace = dir;
+        return {};
     }
-    std::string pattern = (fs::temp_directory_path() / "tervane-demo-XXXXXX").string();
-    if (!mkdtemp(pattern.data())) throw std::runtime_error("cannot make a temporary directory in " + fs::temp_directory_path().string());
-    return pattern;
+    std::string pattern = (fs::temp_directory_path(ec) / "tervane-demo-XXXXXX").string();
+    if (!mkdtemp(pattern.data())) return "cannot make a directory like " + pattern + ": " + HostReason(errno);
+    *workspace = pattern;
+    return {};
 }
 
 }  // namespace
@@ -276,11 +283,10 @@ fs::path MakeWorkspace(const std::string& keepDir) {
 int RunDemo(const DemoOptions& options) {
     std::ostream& out = options.out ? *options.out : std::cout;
     fs::path workspace;
-    try {
-        workspace = MakeWorkspace(options.keepDir);
-        WriteDemoContent(workspace);
-    } catch (const std::exception& e) {
-        out << "tervane demo: cannot prepare the workspace: " << e.what() << "\n";
+    std::string problem = MakeWorkspace(options.keepDir, &workspace);
+    if (problem.empty()) problem = WriteDemoContent(workspace);
+    if (!problem.empty()) {
+        out << "tervane demo: cannot prepare the workspace: " << problem << "\n";
         return 2;
     }
     std::vector<DemoStep> steps = DemoSteps();
@@ -289,7 +295,7 @@ int RunDemo(const DemoOptions& options) {
     int checks = 0;
     std::vector<std::string> differences;
     {
-        DemoRun run(out, options.quiet, workspace);
+        DemoRun run(out, options.quiet, options.width ? options.width : OutputWidth(kFixedWidth), workspace);
         run.Say("tervane demo: the driver's layered view, step by step, every result checked.\nWorkspace: " +
                 workspace.string() +
                 (options.keepDir.empty() ? " (removed at the end; --keep DIR keeps one)" : "") + "\n\n");
@@ -321,13 +327,6 @@ int RunDemo(const DemoOptions& options) {
     }
     out << (options.quiet ? "" : "\n") << "tervane demo: all " << checks << " checks passed.\n";
     return 0;
-}
-
-int RunDemo(const std::string& keepDir, bool quiet) {
-    DemoOptions options;
-    options.keepDir = keepDir;
-    options.quiet = quiet;
-    return RunDemo(options);
 }
 
 }  // namespace tervane::tool

@@ -43,11 +43,14 @@ struct DemoStep {
 std::vector<DemoStep> DemoSteps();
 
 // Writes the layers' content below WORKSPACE (before the machine starts).
-void WriteDemoContent(const std::filesystem::path& workspace);
+// Empty on success, else what could not be written and why.
+std::string WriteDemoContent(const std::filesystem::path& workspace);
 
 struct DemoOptions {
     std::string keepDir;  // make and keep the workspace here; empty: a temporary one, removed
     bool quiet = false;   // print only the verdict
+    // Columns of output; 0: COLUMNS, else the terminal's width, else 100.
+    size_t width = 0;
     std::ostream* out = nullptr;  // standard output when null
     // Lets tests change the walk before it runs.
     std::function<void(std::vector<DemoStep>&)> adjust;

@@ -1,9 +1,11 @@
 // The demo's workspace content and its walk: a small text editor, Inkpad,
 // installed in the base layer, updated in the middle layer, and changed by
 // its own process through the driver's layered view.
+#include <cerrno>
 #include <fstream>
 
 #include "demo.h"
+#include "hostpath.h"
 
 namespace tervane::tool {
 namespace {
@@ -18,11 +20,14 @@ std::string BinaryLike(const std::string& label, size_t size) {
     return data;
 }
 
-void Write(const std::filesystem::path& file, const std::string& data) {
-    std::filesystem::create_directories(file.parent_path());
+// Empty on success, else why not.
+std::string Write(const std::filesystem::path& file, const std::string& data) {
+    std::string problem = MakeHostDirectory(file.parent_path());
+    if (!problem.empty()) return problem;
     std::ofstream out(file, std::ios::binary);
     out << data;
-    if (!out.flush()) throw std::runtime_error("cannot write " + file.string());
+    if (!out.flush()) return "cannot write " + file.string() + ": " + HostReason(errno);
+    return {};
 }
 
 const char* const kIni = "[window]\r\nwidth=800\r\nheight=600\r\n";
@@ -34,25 +39,29 @@ DemoCommand Cmd(std::string line, std::vector<std::string> expects) { return {st
 
 }  // namespace
 
-void WriteDemoContent(const std::filesystem::path& workspace) {
+std::string WriteDemoContent(const std::filesystem::path& workspace) {
     const auto layers = workspace / "volume" / "layers";
     const auto base = layers / "base" / "Inkpad";
-    Write(base / "inkpad.exe", BinaryLike("inkpad 1.0", 2048));
-    Write(base / "inkpad.ini", kIni);
-    Write(base / "readme.txt", kReadme10);
-    Write(base / "plugins" / "spell.dll", BinaryLike("spell 1.0", 512));
-    Write(base / "plugins" / "wordcount.dll", BinaryLike("wordcount 1.0", 384));
-    Write(base / "themes" / "light.theme", "background=#ffffff\r\ntext=#202020\r\n");
-    Write(base / "themes" / "dark.theme", "background=#1e1e1e\r\ntext=#d0d0d0\r\n");
-    Write(base / "dictionaries" / "en" / "words.dic", "apple\r\nbanana\r\ncherry\r\n");
-    Write(base / "dictionaries" / "de" / "words.dic", "Apfel\r\nBanane\r\nKirsche\r\n");
     const auto middle = layers / "middle" / "Inkpad";
-    Write(middle / "readme.txt", kReadme11);
-    Write(middle / "plugins" / "spell.dll", BinaryLike("spell 1.1", 640));
-    Write(middle / "plugins" / "autosave.dll", BinaryLike("autosave 1.1", 448));
-    std::filesystem::create_directories(layers / "pack");
-    std::filesystem::create_directories(workspace / "volume" / "index");
-    std::filesystem::create_directories(workspace / "volume" / "Temp");
+    const std::pair<std::filesystem::path, std::string> files[] = {
+        {base / "inkpad.exe", BinaryLike("inkpad 1.0", 2048)},
+        {base / "inkpad.ini", kIni},
+        {base / "readme.txt", kReadme10},
+        {base / "plugins" / "spell.dll", BinaryLike("spell 1.0", 512)},
+        {base / "plugins" / "wordcount.dll", BinaryLike("wordcount 1.0", 384)},
+        {base / "themes" / "light.theme", "background=#ffffff\r\ntext=#202020\r\n"},
+        {base / "themes" / "dark.theme", "background=#1e1e1e\r\ntext=#d0d0d0\r\n"},
+        {base / "dictionaries" / "en" / "words.dic", "apple\r\nbanana\r\ncherry\r\n"},
+        {base / "dictionaries" / "de" / "words.dic", "Apfel\r\nBanane\r\nKirsche\r\n"},
+        {middle / "readme.txt", kReadme11},
+        {middle / "plugins" / "spell.dll", BinaryLike("spell 1.1", 640)},
+        {middle / "plugins" / "autosave.dll", BinaryLike("autosave 1.1", 448)},
+    };
+    for (const auto& [file, data] : files)
+        if (std::string problem = Write(file, data); !problem.empty()) return problem;
+    for (const auto& dir : {layers / "pack", workspace / "volume" / "index", workspace / "volume" / "Temp"})
+        if (std::string problem = MakeHostDirectory(dir); !problem.empty()) return problem;
+    return {};
 }
 
 std::vector<DemoStep> DemoSteps() {
@@ -175,7 +184,7 @@ std::vector<DemoStep> DemoSteps() {
         "open reaches; '.' and '..' come once per layer.",
         {
             Cmd("1234: ls C:\\Inkpad\\plugins",
-                {"expect \"autosave.dll 448\n  spell.dll 640\"", "expect \"spell.dll 512\"",
+                {"expect \"autosave.dll 448\\n  spell.dll 640\"", "expect \"spell.dll 512\"",
                  "expect not \"wordcount.dll\""}),
         },
         {

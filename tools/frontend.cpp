@@ -1,120 +1,213 @@
 #include "frontend.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <map>
+#include <sstream>
 
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
-#include "index_cli.h"
+#include "cli.h"
+#include "hostpath.h"
 #include "interpreter.h"
+#include "lexer.h"
+
+#ifndef TERVANE_VERSION
+#define TERVANE_VERSION "unknown"
+#endif
 
 namespace tervane::tool {
 namespace {
 
-struct RunArgs {
-    std::string file;
-    std::string workdir;
-    bool temp = false;
-    bool json = false;
-    bool echo = false;
-};
+namespace fs = std::filesystem;
 
-// Relative host directories of `volume` resolve against the script's
-// directory, or WORKDIR, or a new temporary directory removed afterwards.
-int RunFile(const RunArgs& a) {
-    std::ifstream in(a.file);
-    if (!in) {
-        std::cerr << "tervane run: cannot read " << a.file << "\n";
-        return kExitScriptError;
+// A message about the script as a whole: text on ERR, or a JSON record on OUT.
+void ReportRunError(const RunOptions& a, const std::string& message, std::ostream& out, std::ostream& err) {
+    if (a.json) {
+        nlohmann::json j = {{"file", a.file}, {"error", message}, {"exit", kExitScriptError}};
+        out << j.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
+    } else {
+        err << "tervane run: " << message << "\n";
     }
-    std::filesystem::path base = std::filesystem::absolute(a.file).parent_path();
+}
+
+std::vector<std::string> Words(const std::string& path) {
+    std::vector<std::string> words;
+    std::istringstream in(path);
+    for (std::string w; in >> w;) words.push_back(w);
+    return words;
+}
+
+// The words that may follow PATH ("" for the first word).
+std::vector<std::string> NextWords(const std::string& path) {
+    std::vector<std::string> next;
+    const size_t depth = Words(path).size();
+    for (const auto& c : CliCommands()) {
+        std::vector<std::string> words = Words(c.path);
+        if (words.size() <= depth || (depth && std::string(c.path).rfind(path + " ", 0) != 0)) continue;
+        if (std::find(next.begin(), next.end(), words[depth]) == next.end()) next.push_back(words[depth]);
+    }
+    return next;
+}
+
+// The command path that ARGV names ("index build"), or a group ("index")
+// when it stops there; *ERROR is set when a word names no command. Options
+// end the walk.
+std::string CommandPath(int argc, char** argv, std::string* error) {
+    std::string path;
+    for (int i = 1; i < argc && argv[i][0] != '-'; ++i) {
+        std::vector<std::string> next = NextWords(path);
+        if (std::find(next.begin(), next.end(), argv[i]) == next.end()) {
+            std::string choices;
+            for (const auto& w : next) choices += (choices.empty() ? "" : ", ") + w;
+            *error = "tervane" + (path.empty() ? std::string() : " " + path) + ": unknown command \"" +
+                     EscapeText(argv[i]) + "\" (" + (path.empty() ? "tervane help lists them" : "one of " + choices) +
+                     ")";
+            return {};
+        }
+        path += (path.empty() ? "" : " ") + std::string(argv[i]);
+        if (FindCliCommand(path)) return path;
+    }
+    return path;
+}
+
+}  // namespace
+
+int RunFile(const RunOptions& a, std::ostream& out, std::ostream& err) {
+    std::error_code ec;
+    const fs::path cwd = fs::current_path(ec);
+    std::ifstream file;
+    std::istream* in = &std::cin;
+    std::string name = "<stdin>";
+    fs::path base = cwd;
+    if (a.file != "-") {
+        name = a.file;
+        fs::file_status status = fs::status(a.file, ec);
+        if (!fs::exists(status)) {
+            ReportRunError(a, "cannot read " + a.file + ": " + HostReason(ENOENT), out, err);
+            return kExitScriptError;
+        }
+        if (fs::is_directory(status)) {
+            ReportRunError(a, a.file + " is a directory; give a script file", out, err);
+            return kExitScriptError;
+        }
+        errno = 0;
+        file.open(a.file);
+        if (!file) {
+            ReportRunError(a, "cannot read " + a.file + ": " + HostReason(errno ? errno : EIO), out, err);
+            return kExitScriptError;
+        }
+        in = &file;
+        // A script from a pipe or a device (/dev/stdin) has no directory of
+        // its own; its relative paths are taken from the current directory.
+        if (fs::is_regular_file(status)) base = fs::absolute(a.file, ec).parent_path();
+    }
+    bool removeBase = false;
     if (!a.workdir.empty()) {
-        base = std::filesystem::absolute(a.workdir);
-        std::filesystem::create_directories(base);
+        base = fs::absolute(a.workdir, ec);
+        std::string problem = MakeHostDirectory(base);
+        if (!problem.empty()) {
+            ReportRunError(a, "--workdir: " + problem, out, err);
+            return kExitScriptError;
+        }
     } else if (a.temp) {
-        std::string pattern = (std::filesystem::temp_directory_path() / "tervane-run-XXXXXX").string();
+        std::string pattern = (fs::temp_directory_path(ec) / "tervane-run-XXXXXX").string();
         if (!mkdtemp(pattern.data())) {
-            std::cerr << "tervane run: cannot make a temporary directory\n";
+            ReportRunError(a, "--temp: cannot make a directory like " + pattern + ": " + HostReason(errno), out, err);
             return kExitScriptError;
         }
         base = pattern;
+        removeBase = true;
     }
     InterpreterOptions options;
     options.json = a.json;
     options.echo = a.echo;
     int code;
     {
-        Interpreter interpreter(std::cout, base, options);
-        code = interpreter.RunScript(in, a.file, std::cerr);
+        Interpreter interpreter(out, base, options);
+        code = interpreter.RunScript(*in, name, err);
     }
-    if (a.temp && a.workdir.empty()) std::filesystem::remove_all(base);
+    if (removeBase) fs::remove_all(base, ec);
     return code;
 }
 
-}  // namespace
-
 int Main(int argc, char** argv) {
     CLI::App app{"tervane: drive the emulated NT machine and the driver.", "tervane"};
+    app.set_version_flag("--version", std::string("tervane ") + TERVANE_VERSION);
     app.require_subcommand(1);
     app.footer("tervane help COMMAND explains any command, scenario commands included.");
 
-    RunArgs runArgs;
-    auto* run = app.add_subcommand("run", "run a scenario script (exit 0 ok, 1 expectation failed, 2 script error, "
-                                          "3 leak or verifier finding)");
-    run->add_option("FILE", runArgs.file, "the script")->required();
-    run->add_flag("--json", runArgs.json, "one JSON object a line");
-    run->add_flag("--echo", runArgs.echo, "print each command before its result");
-    auto* workdir = run->add_option("--workdir", runArgs.workdir,
-                                    "resolve relative host directories here instead of beside the script");
-    run->add_flag("--temp", runArgs.temp, "resolve them in a new temporary directory, removed afterwards")
-        ->excludes(workdir);
+    // Values live in maps (stable references) that every subcommand binds to
+    // by name; only the chosen one is filled.
+    CliValues values;
+    std::map<std::string, CLI::App*> groups;
+    std::vector<std::pair<const CliCommand*, CLI::App*>> commands;
+    for (const auto& c : CliCommands()) {
+        std::vector<std::string> words = Words(c.path);
+        CLI::App* parent = &app;
+        std::string group;
+        for (size_t i = 0; i + 1 < words.size(); ++i) {
+            group += (group.empty() ? "" : " ") + words[i];
+            if (!groups.count(group)) {
+                std::string summary;
+                for (const auto& other : CliCommands())
+                    if (std::string(other.path).rfind(group + " ", 0) == 0)
+                        summary += (summary.empty() ? "" : ", ") + Words(other.path).back();
+                groups[group] = parent->add_subcommand(words[i], summary);
+                groups[group]->require_subcommand(1);
+            }
+            parent = groups[group];
+        }
+        CLI::App* sub = parent->add_subcommand(words.back(), c.summary);
+        for (const auto& o : c.options) {
+            if (o.value)
+                sub->add_option(o.name, values.values[o.name], o.text)->type_name(o.value);
+            else
+                sub->add_flag(o.name, values.switches[o.name], o.text);
+        }
+        for (const auto& o : c.options)
+            if (o.excludes) sub->get_option(o.name)->excludes(sub->get_option(o.excludes));
+        for (const auto& a : c.arguments) {
+            CLI::Option* option = a.many ? sub->add_option(a.name, values.lists[a.name], a.text)
+                                         : sub->add_option(a.name, values.values[a.name], a.text);
+            option->required(!a.optional);
+        }
+        commands.emplace_back(&c, sub);
+    }
 
-    bool shellJson = false;
-    auto* shell = app.add_subcommand("shell", "type scenario commands interactively");
-    shell->add_flag("--json", shellJson, "one JSON object a line");
-
-    std::string keep;
-    bool quiet = false;
-    auto* demo = app.add_subcommand("demo", "a narrated, self-checking walk through the layered view");
-    demo->add_option("--keep", keep, "keep the workspace in this directory");
-    demo->add_flag("--quiet", quiet, "print only the verdict");
-
-    auto* index = app.add_subcommand("index", "build, dump and look up index files");
-    index->require_subcommand(1);
-    std::string hostDir, nodeFile, nameFile, lookupPath;
-    bool indexQuiet = false;
-    auto* build = index->add_subcommand("build", "make an index pair from a host directory tree");
-    build->add_option("HOSTDIR", hostDir, "the tree")->required();
-    build->add_option("NODEFILE", nodeFile, "the node file to write")->required();
-    build->add_option("NAMEFILE", nameFile, "the name file to write")->required();
-    build->add_flag("--quiet", indexQuiet, "no progress output");
-    auto* dump = index->add_subcommand("dump", "print the tree of an index pair with offsets and types");
-    dump->add_option("NODEFILE", nodeFile, "the node file")->required();
-    dump->add_option("NAMEFILE", nameFile, "the name file")->required();
-    auto* lookup = index->add_subcommand("lookup", "look one path up in an index pair");
-    lookup->add_option("NODEFILE", nodeFile, "the node file")->required();
-    lookup->add_option("NAMEFILE", nameFile, "the name file")->required();
-    lookup->add_option("PATH", lookupPath, "a path such as C:\\dir\\a.txt")->required();
-
-    std::string helpTopic;
-    auto* help = app.add_subcommand("help", "explain a command, with an example");
-    help->add_option("COMMAND", helpTopic, "a command of tervane or of the scenario language");
-
+    std::string unknown;
+    std::string path = CommandPath(argc, argv, &unknown);
+    if (!unknown.empty()) {
+        std::cerr << unknown << "\n";
+        return kExitScriptError;
+    }
     try {
         app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForAllHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForVersion& e) {
+        return app.exit(e);
     } catch (const CLI::ParseError& e) {
-        return app.exit(e) == 0 ? 0 : kExitScriptError;
+        if (path.empty() || groups.count(path))
+            std::cerr << "tervane" << (path.empty() ? "" : " " + path) << ": give a command (tervane help lists them)\n";
+        else
+            std::cerr << "tervane " << path << ": " << e.what() << " (tervane help " << path << " explains it)\n";
+        return kExitScriptError;
     }
 
     try {
-        if (*run) return RunFile(runArgs);
-        if (*shell) return RunShell(shellJson);
-        if (*demo) return RunDemo(keep, quiet);
-        if (*build) return IndexBuild(hostDir, nodeFile, nameFile, indexQuiet, std::cout, std::cerr);
-        if (*dump) return IndexDump(nodeFile, nameFile, std::cout, std::cerr);
-        if (*lookup) return IndexLookup(nodeFile, nameFile, lookupPath, std::cout, std::cerr);
-        if (*help) return PrintHelp(helpTopic, std::cout) ? 0 : kExitScriptError;
+        for (const auto& [command, sub] : commands)
+            if (sub->parsed()) return command->run(values);
+    } catch (const fs::filesystem_error& e) {
+        std::cerr << "tervane: " << e.path1().string() << ": " << e.code().message() << "\n";
+        return kExitScriptError;
     } catch (const std::exception& e) {
         std::cerr << "tervane: " << e.what() << "\n";
         return kExitScriptError;

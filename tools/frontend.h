@@ -1,4 +1,5 @@
-// The tervane command line: run, shell, demo, index and help.
+// The tervane command line: Main builds the parser from the command table
+// (cli.h) and runs the command chosen.
 #pragma once
 
 #include <iosfwd>
@@ -13,11 +14,20 @@ int Main(int argc, char** argv);
 // command (after saying so on OUT).
 bool PrintHelp(const std::string& command, std::ostream& out);
 
+// `tervane run`.
+struct RunOptions {
+    std::string file;     // "-" for standard input
+    std::string workdir;  // relative host directories are taken from here
+    bool temp = false;    // ... or from a new temporary directory, removed afterwards
+    bool json = false;
+    bool echo = true;
+};
+// Results go to OUT; messages about the script itself (it cannot be read, a
+// script error) to ERR, or to OUT as JSON records with --json.
+int RunFile(const RunOptions& options, std::ostream& out, std::ostream& err);
+
 // `tervane shell`: reads commands from the terminal (line editing and
 // history) or from standard input when it is not a terminal.
 int RunShell(bool json);
-
-// `tervane demo`.
-int RunDemo(const std::string& keepDir, bool quiet);
 
 }  // namespace tervane::tool

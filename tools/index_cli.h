@@ -6,9 +6,20 @@
 
 namespace tervane::tool {
 
-// Each returns the exit code: 0, or 1 with a message on ERR.
-int IndexBuild(const std::string& hostDir, const std::string& nodeFile, const std::string& nameFile, bool quiet,
-               std::ostream& out, std::ostream& err);
+// Exit codes of the index commands.
+enum IndexExit : int {
+    kIndexOk = 0,
+    kIndexNo = 1,      // build: the tree holds names the index cannot hold; lookup: not in the index
+    kIndexFailed = 2,        // the files or the tree cannot be read or written, or are not an index pair
+};
+
+struct IndexBuildOptions {
+    bool quiet = false;                // no progress lines
+    bool skipUnrepresentable = false;  // leave out the names the volume does not show
+};
+
+int IndexBuild(const std::string& hostDir, const std::string& nodeFile, const std::string& nameFile,
+               const IndexBuildOptions& options, std::ostream& out, std::ostream& err);
 int IndexDump(const std::string& nodeFile, const std::string& nameFile, std::ostream& out, std::ostream& err);
 int IndexLookup(const std::string& nodeFile, const std::string& nameFile, const std::string& path,
                 std::ostream& out, std::ostream& err);

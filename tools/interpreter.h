@@ -33,16 +33,27 @@ public:
     Interpreter(std::ostream& out, std::filesystem::path baseDir, InterpreterOptions options = {});
 
     // Executes one line; LINENUMBER is used in messages. Throws ScriptError
-    // for a mistake in the line.
+    // for a mistake in the line (and for a line that is not text: control
+    // characters outside quotes, bytes that are not UTF-8).
     void Execute(const std::string& line, int lineNumber);
 
-    // Runs a whole script and ends the machine. Script errors go to ERR as
-    // "FILE:LINE: message" and stop the run. Returns an ExitCode.
+    // Runs a whole script and ends the machine. Script errors stop the run
+    // (ReportError); a summary ends it (PrintSummary). Returns an ExitCode.
     int RunScript(std::istream& in, const std::string& fileName, std::ostream& err);
 
-    // Shuts the machine down and prints the verifier's report when something
-    // is outstanding. Returns kExitVerifier in that case, else kExitOk.
+    // A script error: "FILE:LINE: message" on ERR ("line N: ..." without a
+    // file), or a JSON record on the output with --json.
+    void ReportError(const std::string& fileName, int lineNumber, const std::string& message, std::ostream& err);
+
+    // Warns about the handles the script left open, shuts the machine down
+    // and prints the verifier's report when something is outstanding.
+    // Returns kExitVerifier in that case, else kExitOk.
     int Finish();
+
+    // The last line of a run: how many commands and expectations, which
+    // failed, the script errors, what was left open, how the machine ended,
+    // and the exit code (a JSON record with --json).
+    void PrintSummary(int exitCode);
 
     bool ExpectationFailed() const { return failures_ != 0; }
     int FailureCount() const { return failures_; }
@@ -60,11 +71,20 @@ private:
     void ReportCompleted(Result& result, int waitMs);
     void Fail(int lineNumber, const std::string& message);
 
+    void Emit(const nlohmann::json& record);
+
     std::ostream& out_;
     InterpreterOptions options_;
     Session session_;
     std::optional<LastCommand> last_;
     int failures_ = 0;
+    int commands_ = 0;
+    int expectations_ = 0;
+    std::vector<int> failedLines_;
+    std::vector<int> errorLines_;
+    std::vector<std::string> leftOpen_;  // "10: h1", noted by Finish
+    bool machineUsed_ = false;
+    bool verifierClean_ = true;
 };
 
 }  // namespace tervane::tool

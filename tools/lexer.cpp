@@ -6,6 +6,23 @@
 namespace tervane::tool {
 namespace {
 
+// The length of the well-formed UTF-8 sequence at TEXT[I], or 0.
+size_t Utf8SequenceLength(std::string_view text, size_t i) {
+    auto b = static_cast<unsigned char>(text[i]);
+    size_t length = b < 0x80 ? 1 : (b & 0xE0) == 0xC0 ? 2 : (b & 0xF0) == 0xE0 ? 3 : (b & 0xF8) == 0xF0 ? 4 : 0;
+    if (length == 0 || i + length > text.size()) return 0;
+    uint32_t cp = length == 1 ? b : b & (0x7F >> length);
+    for (size_t k = 1; k < length; ++k) {
+        auto c = static_cast<unsigned char>(text[i + k]);
+        if ((c & 0xC0) != 0x80) return 0;
+        cp = cp << 6 | (c & 0x3F);
+    }
+    // Overlong forms, surrogates and values past U+10FFFF are not UTF-8.
+    static const uint32_t kMin[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (cp < kMin[length] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return 0;
+    return length;
+}
+
 bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
 int HexDigit(char c) {
@@ -83,8 +100,18 @@ static std::string Escape(std::string_view bytes, bool text) {
     static const char kHex[] = "0123456789abcdef";
     std::string out;
     out.reserve(bytes.size());
-    for (char ch : bytes) {
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        char ch = bytes[i];
         auto c = static_cast<unsigned char>(ch);
+        // Text keeps whole UTF-8 characters; a stray byte is escaped.
+        if (text && c >= 0x80) {
+            size_t length = Utf8SequenceLength(bytes, i);
+            if (length) {
+                out.append(bytes.substr(i, length));
+                i += length - 1;
+                continue;
+            }
+        }
         if (text && (c == '\\' || c == '"')) {
             out += ch;
             continue;
@@ -96,7 +123,7 @@ static std::string Escape(std::string_view bytes, bool text) {
         case '\\': out += "\\\\"; break;
         case '"': out += "\\\""; break;
         default:
-            if ((c >= 0x20 && c < 0x7f) || (text && c >= 0x80)) {
+            if (c >= 0x20 && c < 0x7f) {
                 out += ch;
             } else {
                 out += "\\x";
@@ -110,6 +137,17 @@ static std::string Escape(std::string_view bytes, bool text) {
 
 std::string EscapeBytes(std::string_view bytes) { return Escape(bytes, false); }
 std::string EscapeText(std::string_view text) { return Escape(text, true); }
+
+std::string QuoteText(std::string_view text) { return "\"" + EscapeText(text) + "\""; }
+
+size_t FirstInvalidUtf8(std::string_view text) {
+    for (size_t i = 0; i < text.size();) {
+        size_t length = Utf8SequenceLength(text, i);
+        if (length == 0) return i;
+        i += length;
+    }
+    return std::string_view::npos;
+}
 
 int64_t ParseNumber(std::string_view text, const char* what, bool allowNegative) {
     std::string s(text);

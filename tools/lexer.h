@@ -34,9 +34,18 @@ std::vector<Token> SplitLine(std::string_view line);
 // backslash and double quote) with the escapes SplitLine understands.
 std::string EscapeBytes(std::string_view bytes);
 
-// For names and other UTF-8 text: escapes only control characters, and keeps
-// bytes of 0x80 and above, backslashes and quotes as they are.
+// For names and other UTF-8 text: escapes only control characters and bytes
+// that are not part of a UTF-8 character, and keeps UTF-8 characters,
+// backslashes and quotes as they are.
 std::string EscapeText(std::string_view text);
+
+// TEXT in double quotes, escaped as EscapeText does: for messages that
+// quote what a script wrote.
+std::string QuoteText(std::string_view text);
+
+// The position of the first byte that does not belong to a well-formed UTF-8
+// sequence, or npos.
+size_t FirstInvalidUtf8(std::string_view text);
 
 // Parses a number: decimal, or hex with 0x. Negative values allowed when
 // allowNegative. Throws ScriptError naming WHAT on anything else.

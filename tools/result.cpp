@@ -3,6 +3,7 @@
 #include <emu/machine.h>
 
 #include "flags.h"
+#include "lexer.h"
 
 namespace tervane::tool {
 
@@ -26,8 +27,25 @@ nlohmann::json Result::Json(int lineNumber, const std::string& command) const {
     j["value"] = Hex32(static_cast<uint32_t>(status));
     if (info) j["info"] = *info;
     j["output"] = lines;
-    j["log"] = SplitLines(log);
+    auto logLines = SplitLines(log);
+    for (auto& l : logLines)
+        if (!l.empty() && l.back() == '\r') l.pop_back();
+    j["log"] = logLines;
+    for (const auto& [key, value] : data.items()) j[key] = value;
     return j;
+}
+
+void PutBytes(nlohmann::json& data, const std::string& bytes) {
+    data["data"] = bytes;
+    if (FirstInvalidUtf8(bytes) != std::string::npos) {
+        static const char kHex[] = "0123456789abcdef";
+        std::string hex;
+        for (unsigned char c : bytes) {
+            hex += kHex[c >> 4];
+            hex += kHex[c & 15];
+        }
+        data["hex"] = hex;
+    }
 }
 
 std::vector<std::string> SplitLines(const std::string& text) {

@@ -126,6 +126,13 @@ bool Session::HasPending(uint32_t pid, const std::string& handleName) const {
     return false;
 }
 
+std::vector<std::string> Session::OpenHandleNames() const {
+    std::vector<std::string> names;
+    for (const auto& [pid, process] : processes_)
+        for (const auto& [name, handle] : process->handles) names.push_back(std::to_string(pid) + ": " + name);
+    return names;
+}
+
 emu::VerifierReport Session::Finish() {
     if (!machine_) return {};
     // A pending request ends with the cleanup of its handle; close those

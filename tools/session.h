@@ -80,9 +80,13 @@ public:
     bool HasPending(uint32_t pid, const std::string& handleName) const;
     bool HasPending() const { return !pending_.empty(); }
 
+    // The handles the script named and has not closed, as "PID: NAME".
+    std::vector<std::string> OpenHandleNames() const;
+
     // The controller process and its open of the control device (or null).
     ProcessState* controller = nullptr;
     HANDLE controlHandle = nullptr;
+    bool indexLoaded = false;  // a ctl load-index succeeded
 
     // Set by `load`: gives back what the driver holds, so that the machine
     // can shut down with nothing outstanding. Runs in the System process

@@ -21,6 +21,7 @@ struct DemoOutput {
 DemoOutput Demo(DemoOptions options) {
     std::ostringstream out;
     options.out = &out;
+    if (options.width == 0) options.width = 100;  // what a run into a file gets, whatever the terminal
     int code = RunDemo(options);
     return {code, out.str()};
 }
@@ -58,7 +59,9 @@ TEST_F(DemoTest, QuietRunPrintsOnlyTheVerdict) {
 }
 
 TEST_F(DemoTest, VerboseRunShowsAndChecksEveryStepAndEndsClean) {
-    auto r = Demo({});
+    DemoOptions wide;
+    wide.width = 160;  // the kernel log's lines whole
+    auto r = Demo(wide);
     ASSERT_EQ(r.code, 0) << r.text;
     EXPECT_EQ(r.text.find("DIFFERS"), std::string::npos) << r.text;
     // Every step of the walk, the index build and the shutdown is marked checked.
@@ -77,6 +80,25 @@ TEST_F(DemoTest, VerboseRunShowsAndChecksEveryStepAndEndsClean) {
     ASSERT_NE(at, std::string::npos);
     std::string workspace = r.text.substr(at + 11, r.text.find(' ', at + 11) - at - 11);
     EXPECT_FALSE(fs::exists(workspace)) << workspace;
+}
+
+TEST_F(DemoTest, FitsTheWidthSideBySideOnlyWhenThereIsRoom) {
+    struct Case {
+        size_t width;
+        bool sideBySide;
+    };
+    for (const Case& c : {Case{60, false}, Case{85, false}, Case{100, true}, Case{160, true}}) {
+        SCOPED_TRACE(c.width);
+        DemoOptions options;
+        options.width = c.width;
+        auto r = Demo(options);
+        ASSERT_EQ(r.code, 0) << r.text;
+        std::istringstream lines(r.text);
+        for (std::string line; std::getline(lines, line);) EXPECT_LE(line.size(), c.width) << line;
+        EXPECT_EQ(r.text.find("| backup.exe, not monitored:") != std::string::npos, c.sideBySide);
+        EXPECT_EQ(Count(r.text, "backup.exe, not monitored:"), Count(r.text, "inkpad.exe, monitored:"));
+        EXPECT_GT(Count(r.text, "backup.exe, not monitored:"), 5u);
+    }
 }
 
 TEST_F(DemoTest, KeepLeavesTheWorkspaceWithTheLayersAsTheWalkLeftThem) {

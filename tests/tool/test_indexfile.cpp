@@ -146,28 +146,6 @@ TEST(IndexBuild, HostTreeBecomesAnIndex) {
     }
 }
 
-TEST(IndexBuild, RefusesTreesItCannotRepresent) {
-    TempTree caseClash;
-    caseClash.File("dir/Name");
-    caseClash.File("dir/NAME");
-    TempTree badName;
-    badName.File(std::string("bad\xff", 4));
-    struct Case {
-        fs::path root;
-        const char* message;
-    } cases[] = {
-        {caseClash.Root(), "differ only in case"},
-        {badName.Root(), "not valid UTF-8"},
-        {caseClash.Root() / "dir" / "Name", "is not a directory"},
-    };
-    for (const auto& c : cases) {
-        IndexFiles f;
-        std::string error;
-        EXPECT_FALSE(BuildIndex(c.root, &f, &error));
-        EXPECT_NE(error.find(c.message), std::string::npos) << error;
-    }
-}
-
 TEST(IndexBuild, ReportsProgressOnLargeTrees) {
     TempTree t;
     for (int i = 0; i < 25; i++) t.File("d/f" + std::to_string(i));

@@ -136,24 +136,58 @@ bool IndexBuilder::Add(std::u16string_view path, uint32_t type, std::string* err
     return impl_->AddChild(current, parts.back(), type, error);
 }
 
+std::string HostNameProblem(const std::string& name, std::filesystem::file_type type) {
+    using std::filesystem::file_type;
+    if (type == file_type::symlink) return "is a symbolic link (never followed)";
+    if (type != file_type::regular && type != file_type::directory) return "is neither a file nor a directory";
+    std::u16string wide;
+    if (!Utf8ToUtf16(name, &wide)) return "is not valid UTF-8";
+    if (name == "." || name == "..") return "is a name of its own directory or its parent";
+    for (unsigned char c : name) {
+        if (c < 0x20 || c == 0x7f)
+            return c == 0x7f ? "holds the control character 0x7f"
+                             : "holds the control character 0x" + std::string(1, "0123456789abcdef"[c >> 4]) +
+                                   "0123456789abcdef"[c & 15];
+        if (std::string_view("\"*/:<>?\\|").find(char(c)) != std::string_view::npos)
+            return std::string("holds the character '") + char(c) + "'";
+    }
+    return {};
+}
+
+uint64_t EntryCountOf(const IndexFiles& files) {
+    return files.node.size() < kNodeFileExtra + kEntrySize ? 0
+                                                            : (files.node.size() - kNodeFileExtra) / kEntrySize - 1;
+}
+
+uint64_t NameBytesOf(const IndexFiles& files) {
+    return files.name.size() < kNameFileExtra ? 0 : files.name.size() - kNameFileExtra;
+}
+
+std::string CountsText(uint64_t entries, uint64_t nameBytes) {
+    return std::to_string(entries) + (entries == 1 ? " entry, " : " entries, ") + std::to_string(nameBytes) +
+           " name bytes";
+}
+
 namespace {
 
 struct TreeWalk {
     IndexBuilder& builder;
     std::string* error;
-    const ProgressCallback& progress;
-    uint64_t interval;
+    const BuildOptions& options;
+    std::vector<NameProblem> problems;
     uint64_t added = 0;
 
     void Report(const std::filesystem::path& current) {
-        if (progress) {
-            const IndexFiles& files = builder.Files();
-            BuildProgress p{added, files.name.size() - kNameFileExtra, &current};
-            progress(p);
+        if (options.progress) {
+            BuildProgress p{added, NameBytesOf(builder.Files()), &current};
+            options.progress(p);
         }
     }
 
     // Adds the entries of host directory DIR, whose index path is PREFIX.
+    // Names the volume does not show are noted and left out; with problems
+    // noted and no leave to skip them, nothing more is added, but the walk
+    // goes on to find them all.
     bool AddDirectory(const std::filesystem::path& dir, const std::u16string& prefix) {
         std::error_code ec;
         std::vector<std::filesystem::directory_entry> entries;
@@ -170,25 +204,31 @@ struct TreeWalk {
         std::unordered_map<std::u16string, std::string> seen;  // upper-cased name -> host name
         for (const auto& entry : entries) {
             std::string hostName = entry.path().filename().native();
-            std::u16string name;
-            if (!Utf8ToUtf16(hostName, &name)) {
-                *error = "a name is not valid UTF-8: " + entry.path().string();
-                return false;
-            }
-            auto [it, inserted] = seen.emplace(detail::Upcase(name), hostName);
-            if (!inserted) {
-                *error = "two names differ only in case: " + (dir / it->second).string() + " and " +
-                         entry.path().string();
-                return false;
-            }
             std::filesystem::file_status status = entry.symlink_status(ec);
-            bool isDirectory = !ec && std::filesystem::is_directory(status);
-            std::u16string path = prefix + u"\\" + name;
-            if (!builder.Add(path, isDirectory ? kTypeDirectory : kTypeFile, error)) {
-                *error += " (at " + entry.path().string() + ")";
+            if (ec) {
+                *error = "cannot look at " + entry.path().string() + ": " + ec.message();
                 return false;
             }
-            if (++added % interval == 0) Report(entry.path());
+            std::string problem = HostNameProblem(hostName, status.type());
+            std::u16string name;
+            if (problem.empty()) {
+                Utf8ToUtf16(hostName, &name);
+                auto [it, inserted] = seen.emplace(detail::Upcase(name), hostName);
+                if (!inserted) problem = "differs only in case from " + it->second;
+            }
+            if (!problem.empty()) {
+                problems.push_back({entry.path(), problem});
+                continue;
+            }
+            bool isDirectory = status.type() == std::filesystem::file_type::directory;
+            std::u16string path = prefix + u"\\" + name;
+            if (problems.empty() || options.skipUnrepresentable) {
+                if (!builder.Add(path, isDirectory ? kTypeDirectory : kTypeFile, error)) {
+                    *error += " (at " + entry.path().string() + ")";
+                    return false;
+                }
+                if (++added % options.progressInterval == 0) Report(entry.path());
+            }
             if (isDirectory && !AddDirectory(entry.path(), path)) return false;
         }
         return true;
@@ -198,18 +238,38 @@ struct TreeWalk {
 }  // namespace
 
 bool BuildIndex(const std::filesystem::path& hostDir, IndexFiles* out, std::string* error,
-                const ProgressCallback& progress, uint64_t progressInterval) {
+                const BuildOptions& options) {
     std::error_code ec;
     if (!std::filesystem::is_directory(hostDir, ec)) {
-        *error = hostDir.string() + " is not a directory";
+        *error = hostDir.string() + (std::filesystem::exists(hostDir, ec) ? " is not a directory" : " does not exist");
         return false;
     }
     IndexBuilder builder;
-    TreeWalk walk{builder, error, progress, progressInterval == 0 ? 1 : progressInterval};
-    if (!walk.AddDirectory(hostDir, u"")) return false;
+    BuildOptions walkOptions = options;
+    if (walkOptions.progressInterval == 0) walkOptions.progressInterval = 1;
+    TreeWalk walk{builder, error, walkOptions, {}};
+    bool ok = walk.AddDirectory(hostDir, u"");
+    if (options.problems) *options.problems = walk.problems;
+    if (!ok) return false;
+    if (!walk.problems.empty() && !options.skipUnrepresentable) {
+        const NameProblem& first = walk.problems.front();
+        *error = std::to_string(walk.problems.size()) +
+                 (walk.problems.size() == 1 ? " name the volume does not show" : " names the volume does not show") +
+                 ", so the index cannot hold " + (walk.problems.size() == 1 ? "it" : "them") + "; the first: " +
+                 first.path.string() + " " + first.reason;
+        return false;
+    }
     walk.Report(hostDir);
     *out = builder.Files();
     return true;
+}
+
+bool BuildIndex(const std::filesystem::path& hostDir, IndexFiles* out, std::string* error,
+                const ProgressCallback& progress, uint64_t progressInterval) {
+    BuildOptions options;
+    options.progress = progress;
+    options.progressInterval = progressInterval;
+    return BuildIndex(hostDir, out, error, options);
 }
 
 }  // namespace tervane::indexfile

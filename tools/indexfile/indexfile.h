@@ -86,19 +86,57 @@ struct BuildProgress {
 };
 using ProgressCallback = std::function<void(const BuildProgress&)>;
 
+// A host name below the tree that the volume does not show, so that the
+// index cannot list it either.
+struct NameProblem {
+    std::filesystem::path path;  // the host path
+    std::string reason;          // "differs only in case from NAME", "holds the character ':'", ...
+};
+
+struct BuildOptions {
+    // Leave out every name the volume does not show (reported in PROBLEMS)
+    // and build the rest, instead of refusing the tree.
+    bool skipUnrepresentable = false;
+    std::vector<NameProblem>* problems = nullptr;  // every such name, in walk order
+    ProgressCallback progress;
+    uint64_t progressInterval = 10000;
+};
+
+// Why the volume does not show the host entry NAME (bytes of a directory
+// entry) of type STATUS, or an empty string when it does: a name that is not
+// valid UTF-8, "." or "..", one holding
+// a control character or one of " * / : < > ? \ |, and anything that is not
+// a regular file or a directory (symbolic links included: they are never
+// followed). Two names of one directory that differ only in case are not
+// decided here: the volume shows the first in byte order.
+std::string HostNameProblem(const std::string& name, std::filesystem::file_type type);
+
 // Builds the index of everything below HOSTDIR (HOSTDIR itself is the root).
-// Names within each directory are added in byte order of their UTF-8 names;
-// symbolic links are recorded as files and never followed. Refuses, with a
-// message naming the cause, a tree that does not fit the areas, a name that is
-// not valid UTF-8 or longer than 32767 characters, and two names of one
-// directory that differ only in case. PROGRESS, when given, is called every
-// PROGRESSINTERVAL entries and once at the end.
+// Names within each directory are added in byte order of their UTF-8 names.
+// Every name the volume does not show (HostNameProblem, and each later one of
+// two names that differ only in case) is reported in OPTIONS.problems; the
+// build then fails unless OPTIONS.skipUnrepresentable, with *ERROR saying how
+// many there are and naming the first. Also refuses, naming the cause, a
+// directory that cannot be listed and a tree that does not fit the areas.
+// PROGRESS, when given, is called every PROGRESSINTERVAL entries and once at
+// the end.
+bool BuildIndex(const std::filesystem::path& hostDir, IndexFiles* out, std::string* error,
+                const BuildOptions& options);
 bool BuildIndex(const std::filesystem::path& hostDir, IndexFiles* out, std::string* error,
                 const ProgressCallback& progress = {}, uint64_t progressInterval = 10000);
+
+// The counts of a pair, worded alike everywhere: "3 entries, 42 name bytes"
+// (the root is not counted).
+uint64_t EntryCountOf(const IndexFiles& files);
+uint64_t NameBytesOf(const IndexFiles& files);
+std::string CountsText(uint64_t entries, uint64_t nameBytes);
 
 // Empty when the driver would load the pair; otherwise why it would refuse it.
 std::string CheckIndexFiles(const IndexFiles& files);
 
+// True when A and B name one file (or would, once made).
+bool SameFile(const std::filesystem::path& a, const std::filesystem::path& b);
+// Refuses a node file and a name file that are one file.
 bool WriteIndexFiles(const IndexFiles& files, const std::filesystem::path& nodeFile,
                      const std::filesystem::path& nameFile, std::string* error);
 // Reads a pair and refuses what the driver would refuse (CheckIndexFiles).

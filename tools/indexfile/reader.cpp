@@ -3,7 +3,9 @@
 // start of a zero-filled 5 MB area, every link checked against that area and
 // every sibling walk bounded, so a hostile pair gives a message, never a
 // read outside the data or an endless walk.
-#include <fstream>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <system_error>
 
 #include "format.h"
@@ -29,6 +31,14 @@ std::string CheckIndexFiles(const IndexFiles& files) {
     return {};
 }
 
+bool SameFile(const std::filesystem::path& a, const std::filesystem::path& b) {
+    std::error_code ea, eb;
+    if (std::filesystem::equivalent(a, b, ea)) return true;
+    auto ca = std::filesystem::weakly_canonical(std::filesystem::absolute(a, ea), ea);
+    auto cb = std::filesystem::weakly_canonical(std::filesystem::absolute(b, eb), eb);
+    return !ea && !eb && ca == cb;
+}
+
 bool WriteIndexFiles(const IndexFiles& files, const std::filesystem::path& nodeFile,
                      const std::filesystem::path& nameFile, std::string* error) {
     std::string problem = CheckIndexFiles(files);
@@ -36,12 +46,24 @@ bool WriteIndexFiles(const IndexFiles& files, const std::filesystem::path& nodeF
         *error = problem;
         return false;
     }
+    if (SameFile(nodeFile, nameFile)) {
+        *error = "the node file and the name file are the same file (" + nodeFile.string() + ")";
+        return false;
+    }
     for (auto [path, data] : {std::pair{&nodeFile, &files.node}, std::pair{&nameFile, &files.name}}) {
-        std::ofstream out(*path, std::ios::binary | std::ios::trunc);
-        out.write(reinterpret_cast<const char*>(data->data()), std::streamsize(data->size()));
-        out.close();
+        FILE* out = std::fopen(path->c_str(), "wb");
         if (!out) {
-            *error = "cannot write " + path->string();
+            *error = "cannot write " + path->string() + ": " + std::strerror(errno);
+            return false;
+        }
+        bool written = std::fwrite(data->data(), 1, data->size(), out) == data->size();
+        int writeErrno = errno;
+        if (std::fclose(out) != 0 && written) {
+            written = false;
+            writeErrno = errno;
+        }
+        if (!written) {
+            *error = "cannot write " + path->string() + ": " + std::strerror(writeErrno);
             return false;
         }
     }
@@ -59,11 +81,17 @@ static bool ReadWhole(const std::filesystem::path& path, std::vector<uint8_t>* o
         *error = path.string() + " is " + std::to_string(size) + " bytes, more than its 5 MB area";
         return false;
     }
-    std::ifstream in(path, std::ios::binary);
+    FILE* in = std::fopen(path.c_str(), "rb");
+    if (!in) {
+        *error = "cannot read " + path.string() + ": " + std::strerror(errno);
+        return false;
+    }
     out->assign(size_t(size), 0);
-    in.read(reinterpret_cast<char*>(out->data()), std::streamsize(size));
-    if (!in || in.gcount() != std::streamsize(size)) {
-        *error = "cannot read " + path.string();
+    bool read = std::fread(out->data(), 1, out->size(), in) == out->size();
+    int readErrno = errno;
+    std::fclose(in);
+    if (!read) {
+        *error = "cannot read " + path.string() + ": " + (readErrno ? std::strerror(readErrno) : "it is shorter than it was");
         return false;
     }
     return true;
@@ -75,7 +103,7 @@ bool ReadIndexFiles(const std::filesystem::path& nodeFile, const std::filesystem
     if (!ReadWhole(nodeFile, &files.node, error) || !ReadWhole(nameFile, &files.name, error)) return false;
     std::string problem = CheckIndexFiles(files);
     if (!problem.empty()) {
-        *error = problem;
+        *error = problem + " (" + nodeFile.string() + ", " + nameFile.string() + ")";
         return false;
     }
     *out = std::move(files);
