@@ -365,7 +365,7 @@ std::string FileTimeText(int64_t time) {
     time_t t = static_cast<time_t>(seconds);
     struct tm parts {};
     if (!gmtime_r(&t, &parts)) return {};
-    char text[48];
+    char text[96];
     std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d.%07lld UTC", parts.tm_year + 1900, parts.tm_mon + 1,
                   parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec, static_cast<long long>(fraction));
     return text;
