@@ -110,10 +110,12 @@ std::vector<CliCommand> MakeTable() {
     t.push_back({
         "shell",
         "type scenario commands interactively",
-        "The commands of run, typed one at a time, with line editing and history (~/.tervane_history). A "
-        "mistake is reported and the shell goes on; exit, quit or end of input ends the shell and shuts the "
-        "machine down with the verifier's report. Relative host directories are taken from the current "
-        "directory. Reads standard input without prompts when it is not a terminal.",
+        "The commands of run, typed one at a time, with line editing, Tab completion (commands, operations, "
+        "ctl verbs, options and the NT names they take, the handle names of a process, and drive paths as that "
+        "process sees them) and history (~/.tervane_history, written after every command). A mistake is "
+        "reported and the shell goes on; Ctrl-C drops the line being typed; exit, quit or Ctrl-D ends the shell "
+        "and shuts the machine down with the verifier's report and a summary. Relative host directories are "
+        "taken from the current directory. Reads standard input without prompts when it is not a terminal.",
         "tervane shell",
         {},
         {{"--json", nullptr, "one JSON object a line"}},

@@ -126,6 +126,12 @@ bool Session::HasPending(uint32_t pid, const std::string& handleName) const {
     return false;
 }
 
+std::vector<uint32_t> Session::ProcessIds() const {
+    std::vector<uint32_t> ids;
+    for (const auto& [pid, process] : processes_) ids.push_back(pid);
+    return ids;
+}
+
 std::vector<std::string> Session::OpenHandleNames() const {
     std::vector<std::string> names;
     for (const auto& [pid, process] : processes_)

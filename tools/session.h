@@ -80,6 +80,8 @@ public:
     bool HasPending(uint32_t pid, const std::string& handleName) const;
     bool HasPending() const { return !pending_.empty(); }
 
+    // The ids of the processes the script made, in order.
+    std::vector<uint32_t> ProcessIds() const;
     // The handles the script named and has not closed, as "PID: NAME".
     std::vector<std::string> OpenHandleNames() const;
 

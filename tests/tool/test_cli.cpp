@@ -5,7 +5,12 @@
 #include <array>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
+#include <poll.h>
+#include <pty.h>
+#include <sstream>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -91,6 +96,91 @@ TEST_F(CliTest, CommandLinesGiveDocumentedExitCodesAndClearMessages) {
         EXPECT_EQ(out.text.find("exception"), std::string::npos) << out.text;
         EXPECT_EQ(out.text.find("filesystem error"), std::string::npos) << out.text;
     }
+}
+
+// tervane shell at a terminal (a pseudo-terminal here).
+class Terminal {
+public:
+    explicit Terminal(const fs::path& home) {
+        pid_ = forkpty(&fd_, nullptr, nullptr, nullptr);
+        if (pid_ == 0) {
+            setenv("HOME", home.c_str(), 1);
+            setenv("TERM", "dumb", 1);
+            if (chdir(home.c_str()) != 0) _exit(127);
+            execl(TERVANE_BINARY, "tervane", "shell", static_cast<char*>(nullptr));
+            _exit(127);
+        }
+    }
+    ~Terminal() {
+        if (fd_ >= 0) close(fd_);
+        if (pid_ > 0 && !waited_) waitpid(pid_, nullptr, 0);
+    }
+    void Type(const std::string& keys) { ASSERT_EQ(write(fd_, keys.data(), keys.size()), ssize_t(keys.size())); }
+    // Reads until TEXT has been shown (a guard of 20 s ends a wait that
+    // would never end); false when it was not.
+    bool Shows(const std::string& text) {
+        while (seen_.find(text, from_) == std::string::npos) {
+            pollfd p{fd_, POLLIN, 0};
+            if (poll(&p, 1, 20000) <= 0) return false;
+            char buffer[4096];
+            ssize_t n = read(fd_, buffer, sizeof buffer);
+            if (n <= 0) return false;
+            seen_.append(buffer, size_t(n));
+        }
+        from_ = seen_.find(text, from_) + text.size();
+        return true;
+    }
+    int Exit() {
+        int status = 0;
+        while (Shows("\x01never")) {
+        }
+        waitpid(pid_, &status, 0);
+        waited_ = true;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    const std::string& Seen() const { return seen_; }
+
+private:
+    pid_t pid_ = -1;
+    int fd_ = -1;
+    bool waited_ = false;
+    std::string seen_;
+    size_t from_ = 0;
+};
+
+std::string ReadFile(const fs::path& file) {
+    std::ifstream in(file);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// A banner, Tab that completes commands and paths, history written after
+// each command, Ctrl-C that drops the line and not the shell, and the
+// verifier's summary at the end.
+TEST_F(CliTest, ShellAtATerminal) {
+    Terminal t(dir_);
+    ASSERT_TRUE(t.Shows("help lists them")) << t.Seen();
+    t.Type("volume C: v\r");
+    ASSERT_TRUE(t.Shows("tervane> ")) << t.Seen();
+    t.Type("proc\t5 a.exe\r");
+    ASSERT_TRUE(t.Shows("  5 a.exe")) << t.Seen();
+    EXPECT_EQ(ReadFile(dir_ / ".tervane_history"), "volume C: v\nprocess 5 a.exe\n");
+    t.Type("5: put C:\\notes.txt hi\r");
+    ASSERT_TRUE(t.Shows("info=2")) << t.Seen();
+    t.Type("5: cat C:\\no\t\r");
+    ASSERT_TRUE(t.Shows("\"hi\"")) << t.Seen();
+    t.Type("5: rm C:\\notes.txt");
+    t.Type("\x03");
+    ASSERT_TRUE(t.Shows("^C")) << t.Seen();
+    t.Type("exit\r");
+    EXPECT_EQ(t.Exit(), 0) << t.Seen();
+    EXPECT_NE(t.Seen().find("summary: 4 commands; no expectations; the machine shut down clean; exit 0"),
+              std::string::npos)
+        << t.Seen();
+    EXPECT_NE(ReadFile(dir_ / ".tervane_history").find("5: cat C:\\notes.txt"), std::string::npos);
+    EXPECT_EQ(ReadFile(dir_ / ".tervane_history").find("5: rm"), std::string::npos) << "a dropped line is no command";
+    EXPECT_TRUE(fs::exists(dir_ / "v" / "notes.txt"));
 }
 
 }  // namespace
