@@ -157,7 +157,7 @@ int Main(int argc, char** argv) {
                 std::string summary;
                 for (const auto& other : CliCommands())
                     if (std::string(other.path).rfind(group + " ", 0) == 0)
-                        summary += (summary.empty() ? "" : ", ") + Words(other.path).back();
+                        summary += (summary.empty() ? "commands: " : ", ") + Words(other.path).back();
                 groups[group] = parent->add_subcommand(words[i], summary);
                 groups[group]->require_subcommand(1);
             }
