@@ -1,0 +1,73 @@
+// Throughput of 1, 2 and 4 machine threads, each opening, reading and
+// closing a file of its own over and over: through the machine without the
+// driver, and redirected for a monitored process.
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "bench.h"
+
+namespace tervane::bench {
+
+namespace {
+
+void OpenReadClose(const std::u16string& path) {
+    char buffer[files::kSmallFile];
+    HANDLE handle = OpenFile(path);
+    ReadAt(handle, buffer, sizeof buffer, 0);
+    CloseFile(handle);
+}
+
+void Throughput(Workspace& ws, benchmark::State& state, emu::Process* process, bool redirected, int threads,
+                uint64_t perThread) {
+    std::vector<std::u16string> paths;
+    for (int k = 0; k < threads; k++) {
+        const std::string file = Numbered("bench/t", k, ".dat");
+        paths.push_back(redirected ? DrivePath('C', file) : DrivePath('D', std::string(files::kBase) + "/" + file));
+    }
+    uint64_t done = 0;
+    for (auto _ : state) {
+        std::atomic<int> failed{0};
+        std::vector<std::unique_ptr<emu::Machine::Thread>> running;
+        auto start = std::chrono::steady_clock::now();
+        for (int k = 0; k < threads; k++) {
+            running.push_back(ws.machine().StartThread(process, [&, k] {
+                try {
+                    for (uint64_t i = 0; i < perThread; i++) OpenReadClose(paths[k]);
+                } catch (const std::exception&) {
+                    failed++;
+                }
+            }));
+        }
+        for (auto& thread : running) thread->Join();
+        auto elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        state.SetIterationTime(elapsed);
+        if (failed != 0) {
+            state.SkipWithError("an open failed");
+            break;
+        }
+        done += perThread * threads;
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(done));
+}
+
+}  // namespace
+
+void RegisterThreadBenchmarks(Context& ctx) {
+    Workspace& ws = *ctx.ws;
+    const uint64_t perThread = ctx.iterations != 0 ? ctx.iterations : 2000;
+    for (bool redirected : {false, true}) {
+        for (int threads : {1, 2, 4}) {
+            const std::string name =
+                std::string("threads/") + (redirected ? "redirected/" : "machine/") + std::to_string(threads);
+            Register(ctx, name, [&ws, redirected, threads, perThread](benchmark::State& state) {
+                Throughput(ws, state, redirected ? ws.app() : ws.other(), redirected, threads, perThread);
+            })->UseManualTime()->Unit(benchmark::kMillisecond);
+        }
+    }
+}
+
+}  // namespace tervane::bench
