@@ -45,8 +45,22 @@ typedef struct _IndexFileMapping {
     PVOID m_pView;
 } IndexFileMapping, *PIndexFileMapping;
 
+// The in-memory side table of an index: every entry that stands in a child
+// list, chained by the hash of its parent's offset and its upcased name, so
+// that a child is found without walking its siblings. It lies in the same
+// memory as the node area (after it) and is made when the index is made or
+// loaded; the areas' format is untouched. Null pointers: no table (an index
+// over areas of the caller's, or a loaded tree whose lists are not a proper
+// tree), and lookups walk the child lists.
+typedef struct _IndexChildTable {
+    PULONG m_pulBuckets;  // per bucket: slot number + 1 of its first entry, 0 when empty
+    PULONG m_pulNext;     // per entry slot: slot number + 1 of the next entry of its chain, 0 at the end
+    ULONG m_ulBucketMask; // bucket count - 1 (a power of two)
+    ULONG m_ulSlots;      // entry slots the node area holds
+} IndexChildTable;
+
 struct FileIndex {
-    ERESOURCE m_Lock;  // exclusive for every operation, lookups included
+    ERESOURCE m_Lock;  // shared for lookups, exclusive for changes
     PUCHAR m_pNodeArea;
     PUCHAR m_pNameArea;
     ULONG m_ulNodeAreaSize;
@@ -59,6 +73,7 @@ struct FileIndex {
     IndexFileMapping m_NameMapping;
     HANDLE m_hNodeFile;
     HANDLE m_hNameFile;
+    IndexChildTable m_Children;
 };
 typedef FileIndex* PFileIndex;
 
@@ -87,7 +102,18 @@ VOID ResetIndexAreas(PFileIndex pIndex);
 // for the life of the driver; this serves failed creations and tests.
 VOID FreeFileIndex(PFileIndex pIndex);
 
-// Tree primitives on entry copies. The caller holds m_Lock exclusively.
+// Bytes of the child table of a node area of ulNodeAreaSize bytes; 0 when
+// it would not fit in 32 bits (the index then has none).
+ULONG IndexChildTableSize(ULONG ulNodeAreaSize);
+// Makes the child table in pTable (IndexChildTableSize bytes, aligned for
+// ULONGs) from the index's child lists. An index whose lists are not a
+// proper tree (a link outside the area, an entry in two lists or twice in
+// one, a child whose parent link names another directory, two names alike
+// in one directory) gets none.
+VOID BuildIndexChildTable(PFileIndex pIndex, PVOID pTable);
+
+// Tree primitives on entry copies. The caller holds m_Lock (exclusively for
+// the three that change the tree).
 BOOLEAN FindIndexChild(PFileIndex pIndex, const FileIndexEntry* pParent, PCUNICODE_STRING pustrName,
                        PFileIndexEntry pResult);
 BOOLEAN AddIndexChild(PFileIndex pIndex, const FileIndexEntry* pParent, PCUNICODE_STRING pustrName,

@@ -166,8 +166,12 @@ PFileIndex LoadFileIndex(PCUNICODE_STRING pustrNodeFile, ULONG ulNodeAreaSize, P
                  pustrNodeFile);
         return NULL;
     }
+    // The node file's view also holds the child table, after the area.
+    const ULONG ulTableOffset = IndexChildTableOffset(ulNodeAreaSize);
+    const ULONG ulNodeViewSize =
+        ulTableOffset != 0 ? ulTableOffset + IndexChildTableSize(ulNodeAreaSize) : ulNodeAreaSize;
     NTSTATUS status =
-        MapIndexFile(ulNodeAreaSize, pustrNodeFile, &hNodeFile, &NodeMapping, &pNodeArea, &ulNodeFileSize);
+        MapIndexFile(ulNodeViewSize, pustrNodeFile, &hNodeFile, &NodeMapping, &pNodeArea, &ulNodeFileSize);
     if (NT_SUCCESS(status) && (!IsNodeFileSizeValid(ulNodeFileSize, ulNodeAreaSize) ||
                                !IsNodeArea((const UCHAR*)pNodeArea, ulNodeFileSize))) {
         TRVN_LOG("LoadFileIndex", __LINE__, "index file [%wZ] is not a node file\r\n", pustrNodeFile);
@@ -199,6 +203,7 @@ PFileIndex LoadFileIndex(PCUNICODE_STRING pustrNodeFile, ULONG ulNodeAreaSize, P
     }
     pIndex->m_ulNodeUsed = ulNodeFileSize - FILE_INDEX_NODE_FILE_EXTRA;
     pIndex->m_ulNameUsed = ulNameFileSize - FILE_INDEX_NAME_FILE_EXTRA;
+    BuildIndexChildTable(pIndex, ulTableOffset != 0 ? (PUCHAR)pNodeArea + ulTableOffset : NULL);
     return pIndex;
 }
 

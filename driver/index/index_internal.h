@@ -44,12 +44,37 @@ inline ULONG IndexWalkLimit(PFileIndex pIndex) {
     return pIndex->m_ulNodeUsed / FILE_INDEX_ENTRY_SIZE + 1;
 }
 
-// m_Lock held exclusively inside a critical region for the guard's scope.
+// The child table (index_children.cpp). The caller holds m_Lock; the three
+// that change it, exclusively.
+BOOLEAN FindIndexChildInTable(PFileIndex pIndex, ULONG ulParentOffset, PCUNICODE_STRING pustrName,
+                              PFileIndexEntry* ppFound);
+VOID AddToIndexChildTable(PFileIndex pIndex, const FileIndexEntry* pEntry);
+VOID RemoveFromIndexChildTable(PFileIndex pIndex, const FileIndexEntry* pEntry);
+
+inline BOOLEAN HasIndexChildTable(PFileIndex pIndex) {
+    return pIndex->m_Children.m_pulBuckets != NULL;
+}
+
+// Where the child table starts in a block that holds a node area of
+// ulNodeAreaSize bytes and the table after it; 0 when the sum overflows.
+inline ULONG IndexChildTableOffset(ULONG ulNodeAreaSize) {
+    const ULONGLONG ullOffset = ((ULONGLONG)ulNodeAreaSize + 7) & ~7ULL;
+    const ULONG ulTable = IndexChildTableSize(ulNodeAreaSize);
+    return ulTable == 0 || ullOffset + ulTable > 0xFFFFFFFFULL ? 0 : (ULONG)ullOffset;
+}
+
+// m_Lock held inside a critical region for the guard's scope: shared by
+// lookups, which only read, exclusive for changes. A shared request of the
+// exclusive holder is granted, so a change may look paths up.
 class FileIndexLock {
 public:
-    explicit FileIndexLock(PFileIndex pIndex) : m_pIndex(pIndex) {
+    FileIndexLock(PFileIndex pIndex, BOOLEAN bExclusive) : m_pIndex(pIndex) {
         KeEnterCriticalRegion();
-        ExAcquireResourceExclusiveLite(&m_pIndex->m_Lock, TRUE);
+        if (bExclusive) {
+            ExAcquireResourceExclusiveLite(&m_pIndex->m_Lock, TRUE);
+        } else {
+            ExAcquireResourceSharedLite(&m_pIndex->m_Lock, TRUE);
+        }
     }
     ~FileIndexLock() {
         ExReleaseResourceLite(&m_pIndex->m_Lock);

@@ -6,6 +6,8 @@
 // index come from files the driver does not trust. The primitives resolve
 // their entry arguments by m_ulOffset to the live entry in the node area, so a
 // copy taken before an earlier change in the same operation is never stale.
+// A child is looked up in the index's child table when it has one, so the
+// cost of a lookup does not grow with the number of siblings.
 #include "index/index_internal.h"
 
 static NPAGED_LOOKASIDE_LIST g_FileIndexPool;
@@ -67,7 +69,11 @@ PFileIndex CreateFileIndex(ULONG ulNodeAreaSize, ULONG ulNameAreaSize) {
     if (ulNodeAreaSize < FILE_INDEX_MIN_NODE_AREA || ulNameAreaSize < FILE_INDEX_MIN_NAME_AREA) {
         return NULL;
     }
-    PVOID pNodeArea = ExAllocatePoolWithTag(NonPagedPool, ulNodeAreaSize, TRVN_TAG_INDEX_AREA);
+    // The child table shares the node area's block, after the area.
+    const ULONG ulTableOffset = IndexChildTableOffset(ulNodeAreaSize);
+    const ULONG ulNodeBlockSize =
+        ulTableOffset != 0 ? ulTableOffset + IndexChildTableSize(ulNodeAreaSize) : ulNodeAreaSize;
+    PVOID pNodeArea = ExAllocatePoolWithTag(NonPagedPool, ulNodeBlockSize, TRVN_TAG_INDEX_AREA);
     if (pNodeArea == NULL) {
         return NULL;
     }
@@ -83,6 +89,7 @@ PFileIndex CreateFileIndex(ULONG ulNodeAreaSize, ULONG ulNameAreaSize) {
         return NULL;
     }
     ResetIndexAreas(pIndex);
+    BuildIndexChildTable(pIndex, ulTableOffset != 0 ? (PUCHAR)pNodeArea + ulTableOffset : NULL);
     return pIndex;
 }
 
@@ -125,6 +132,14 @@ BOOLEAN FindIndexChild(PFileIndex pIndex, const FileIndexEntry* pParent, PCUNICO
     if (pLiveParent == NULL || pLiveParent->m_ulType != FILE_INDEX_TYPE_DIRECTORY ||
         pLiveParent->m_ulFirstChildOffset == 0) {
         return FALSE;
+    }
+    if (HasIndexChildTable(pIndex)) {
+        PFileIndexEntry pFound;
+        if (!FindIndexChildInTable(pIndex, pLiveParent->m_ulOffset, pustrName, &pFound)) {
+            return FALSE;
+        }
+        *pResult = *pFound;
+        return TRUE;
     }
     ULONG ulOffset = pLiveParent->m_ulFirstChildOffset;
     ULONG ulLimit = IndexWalkLimit(pIndex);
@@ -196,6 +211,7 @@ BOOLEAN AddIndexChild(PFileIndex pIndex, const FileIndexEntry* pParent, PCUNICOD
         pOldFirst->m_ulPrevSiblingOffset = entry.m_ulOffset;
     }
     pLiveParent->m_ulFirstChildOffset = entry.m_ulOffset;
+    AddToIndexChildTable(pIndex, pNew);
     return TRUE;
 }
 
@@ -242,6 +258,7 @@ BOOLEAN UnlinkIndexEntry(PFileIndex pIndex, const FileIndexEntry* pEntry) {
     if (pIndex == NULL || pEntry == NULL || !PlanUnlink(pIndex, pEntry, &plan)) {
         return FALSE;
     }
+    RemoveFromIndexChildTable(pIndex, plan.pEntry);
     ApplyUnlink(&plan);
     return TRUE;
 }
@@ -290,10 +307,14 @@ BOOLEAN MoveIndexEntry(PFileIndex pIndex, const FileIndexEntry* pEntry, const Fi
     }
     PFileIndexEntry pLive = plan.pEntry;
     UNICODE_STRING ustrOldName;
-    if (!IndexEntryName(pIndex, pLive, &ustrOldName) || !RtlEqualUnicodeString(&ustrOldName, pustrNewName, TRUE)) {
-        if ((ULONGLONG)pIndex->m_ulNameUsed + pustrNewName->Length > pIndex->m_ulNameCapacity) {
-            return FALSE;
-        }
+    const BOOLEAN bNewName =
+        !IndexEntryName(pIndex, pLive, &ustrOldName) || !RtlEqualUnicodeString(&ustrOldName, pustrNewName, TRUE);
+    if (bNewName && (ULONGLONG)pIndex->m_ulNameUsed + pustrNewName->Length > pIndex->m_ulNameCapacity) {
+        return FALSE;
+    }
+    // Out of the table under its old parent and name, back in under the new.
+    RemoveFromIndexChildTable(pIndex, pLive);
+    if (bNewName) {
         pLive->m_ulNameOffset = StoreName(pIndex, pustrNewName);
         pLive->m_ulNameLength = pustrNewName->Length;
     }
@@ -308,5 +329,6 @@ BOOLEAN MoveIndexEntry(PFileIndex pIndex, const FileIndexEntry* pEntry, const Fi
         pFirst->m_ulPrevSiblingOffset = pLive->m_ulOffset;
     }
     pLiveParent->m_ulFirstChildOffset = pLive->m_ulOffset;
+    AddToIndexChildTable(pIndex, pLive);
     return TRUE;
 }

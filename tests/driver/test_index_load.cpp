@@ -148,16 +148,40 @@ TEST_F(IndexLoadTest, FilesThatAreNotTheIndexPairAreRefused) {
     EXPECT_NE(Load(), nullptr);
 }
 
-// A sibling cycle in a loaded pair ends lookups (the full table of hostile
-// links runs on in-memory areas in the storage tests).
-TEST_F(IndexLoadTest, ASiblingCycleEndsTheLookup) {
-    IndexFiles f = Pair({u"x", u"y"}, 1);
-    SetU32(f.node, 68 + 48 + 24, 96);  // x.next = y, y.next = x
-    Write(f);
-    PFileIndex index = Load();
-    ASSERT_NE(index, nullptr);
-    EXPECT_EQ(Lookup(index, u"C:\\zzz"), -1);
-    EXPECT_EQ(Lookup(index, u"C:\\x"), 48);
+// A loaded pair whose child lists are not a proper tree is looked up as
+// its lists stand: the first of two names alike is found, a child whose
+// parent link names another directory is found in its list, and a sibling
+// cycle ends the lookup (the full table of hostile links runs on in-memory
+// areas in the storage tests). A proper tree gets its child table.
+TEST_F(IndexLoadTest, ListsThatAreNotAProperTreeAreWalkedAsTheyStand) {
+    struct Probe {
+        const char16_t* path;
+        long offset;
+    };
+    struct Case {
+        const char* what;
+        std::initializer_list<std::u16string> paths;
+        size_t pos;  // byte of the node file to change, 0: none
+        uint32_t value;
+        bool table;
+        std::vector<Probe> probes;
+    } cases[] = {
+        {"a proper tree", {u"x", u"y"}, 0, 0, true, {{u"C:\\x", 48}, {u"C:\\Y", 96}, {u"C:\\zzz", -1}}},
+        {"sibling cycle", {u"x", u"y"}, 68 + 48 + 24, 96, false, {{u"C:\\zzz", -1}, {u"C:\\x", 48}}},
+        {"two names alike", {u"x", u"y"}, 68 + 48 + 4, 2, false, {{u"C:\\Y", 96}, {u"C:\\x", -1}}},
+        {"parent link naming the root", {u"d\\f"}, 68 + 96 + 16, 0, false, {{u"C:\\d\\f", 96}, {u"C:\\f", -1}}},
+    };
+    for (const Case& c : cases) {
+        IndexFiles f = Pair(c.paths, 1);
+        if (c.pos != 0) SetU32(f.node, c.pos, c.value);
+        Write(f);
+        PFileIndex index = Load();
+        ASSERT_NE(index, nullptr) << c.what;
+        EXPECT_EQ(index->m_Children.m_pulBuckets != nullptr, c.table) << c.what;
+        for (const Probe& p : c.probes) {
+            EXPECT_EQ(Lookup(index, p.path), p.offset) << c.what << " " << emu::Utf16ToUtf8(p.path);
+        }
+    }
 }
 
 TEST_F(IndexLoadTest, RenamesChangeMemoryOnly) {

@@ -1,6 +1,8 @@
 // File index storage: creation, the entry layout, and the tree primitives.
 #include "test_index_support.h"
 
+#include <random>
+
 #include "indexfile/indexfile.h"
 
 namespace tervane::test {
@@ -178,6 +180,8 @@ TEST_F(IndexTest, HostileLinksMakeOperationsFail) {
         std::memcpy(index->m_pNameArea, f.name.data(), f.name.size());
         index->m_ulNodeUsed = ULONG(f.node.size() - 72);
         index->m_ulNameUsed = ULONG(f.name.size() - 14);
+        // The child table made again from these lists, as a load makes it.
+        Kernel([&] { BuildIndexChildTable(index, index->m_Children.m_pulBuckets); });
         Path missing(u"C:\\zzz"), deep(u"C:\\y\\zzz\\q"), target(u"C:\\y\\new\\deeper"), x(u"C:\\x"),
             moved(u"C:\\y\\moved");
         Kernel([&] {
@@ -189,6 +193,48 @@ TEST_F(IndexTest, HostileLinksMakeOperationsFail) {
             RemoveIndexPath(index, x.us());
             RemoveIndexPath(index, moved.us());
         });
+    }
+}
+
+// Lookups go through the index's child table; after any sequence of
+// inserts, removals and renames (names alike but for case included) they
+// must find exactly what a walk of the child lists finds, which the host
+// library does on a copy of the areas.
+TEST_F(IndexTest, LookupsFindWhatAWalkOfTheListsFinds) {
+    PFileIndex index = Create();
+    const std::u16string names[] = {u"a", u"A", u"b", u"\u00e9", u"\u00c9", u"long name"};
+    std::mt19937 random(16);
+    auto path = [&](int depth) {
+        std::u16string text = u"C:";
+        for (int i = 0; i < depth; i++) text += u"\\" + names[random() % std::size(names)];
+        return text;
+    };
+    for (int step = 0; step < 400; step++) {
+        Path one(path(1 + random() % 3)), two(path(1 + random() % 3));
+        Kernel([&] {
+            switch (random() % 4) {
+                case 0: case 1: InsertIndexPath(index, one.us(), random() % 2); break;
+                case 2: RemoveIndexPath(index, one.us()); break;
+                default: RenameIndexPath(index, one.us(), two.us()); break;
+            }
+        });
+        indexfile::IndexFiles copy;
+        copy.node.assign(index->m_pNodeArea, index->m_pNodeArea + 68 + index->m_ulNodeUsed);
+        copy.node.resize(copy.node.size() + 4);
+        copy.name.assign(index->m_pNameArea, index->m_pNameArea + 8 + index->m_ulNameUsed);
+        copy.name.resize(copy.name.size() + 6);
+        for (int probe = 0; probe < 20; probe++) {
+            Path p(path(1 + random() % 3));
+            FileIndexEntry found{};
+            BOOLEAN ok = FALSE;
+            Kernel([&] { ok = LookupIndexPath(index, p.us(), &found); });
+            std::string error;
+            std::optional<indexfile::Entry> walked = indexfile::LookupPath(copy, p.text(), &error);
+            ASSERT_EQ(ok != FALSE, walked.has_value()) << "step " << step << " " << error;
+            if (walked) {
+                ASSERT_EQ(found.m_ulOffset, walked->offset) << "step " << step;
+            }
+        }
     }
 }
 
