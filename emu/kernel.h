@@ -131,6 +131,15 @@ void FsShutdown();
 // Misuse seen by the verifier ("IRP completed twice", ...): recorded in the
 // report and written to the debug log.
 void VerifierViolation(const std::string& what);
+// Lock order (executive resources, fast mutexes). Acquiring is called before
+// a thread may wait for LOCK (BLOCKING false for an acquire that does not
+// wait: it adds no order); Acquired once the thread holds it; Released when
+// OWNER lets go of one hold; Forget when the lock is deleted or initialised
+// again. An acquire that reverses an order seen before is a violation.
+void VerifierLockAcquiring(const void* lock, const char* kind, bool blocking);
+void VerifierLockAcquired(const void* lock);
+void VerifierLockReleased(const void* lock, _ETHREAD* owner);
+void VerifierLockForget(const void* lock);
 
 // ---- Kernel, executive and machine internals (ke/ ex/ ps/ cm/ mm/ machine/) -
 // Critical-region balance around a driver callback: take the depth before

@@ -66,8 +66,13 @@ NTSTATUS TervaneDeviceRoutine(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
                                    pStack->Parameters.DeviceIoControl.IoControlCode, &Irp->IoStatus, DeviceObject);
     }
 
+    // The status returned is the one the request completed with: a caller
+    // that reaches the control device through request packets learns of a
+    // failure only from it (the I/O manager writes no status block for a
+    // failure that did not pend).
+    const NTSTATUS nStatus = Irp->IoStatus.Status;
     IoCompleteRequest(Irp, IO_NO_INCREMENT);
-    return STATUS_SUCCESS;
+    return nStatus;
 }
 
 NTSTATUS TervaneHookRoutine(PDEVICE_OBJECT DeviceObject, PIRP Irp) {

@@ -20,11 +20,17 @@
 #define CREATE_OPTIONS_MASK 0x00FFFFFF
 
 // Passes an open down to the file system with one of the two completions.
+// TervaneCreateCompletion turns a missing path into a missing name; the
+// status returned here says the same as the one the open completed with.
 static NTSTATUS PassCreateDown(PDEVICE_OBJECT DeviceObject, PIRP Irp, PIO_COMPLETION_ROUTINE Completion) {
     PTervaneDeviceExtension pExtension = (PTervaneDeviceExtension)DeviceObject->DeviceExtension;
     IoCopyCurrentIrpStackLocationToNext(Irp);
     IoSetCompletionRoutine(Irp, Completion, NULL, TRUE, TRUE, TRUE);
-    return IoCallDriver(pExtension->m_pLowerDevice, Irp);
+    NTSTATUS nStatus = IoCallDriver(pExtension->m_pLowerDevice, Irp);
+    if (Completion == TervaneCreateCompletion && nStatus == STATUS_OBJECT_PATH_NOT_FOUND) {
+        nStatus = STATUS_OBJECT_NAME_NOT_FOUND;
+    }
+    return nStatus;
 }
 
 NTSTATUS NTAPI TervaneCreateCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context) {

@@ -161,7 +161,9 @@ NTSTATUS TervaneQuerySecurity(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandle
              "QuerySecurity\t[%wZ] SecInfo[%d] Res[0x%x] Status[0x%x] Info[0x%x] cbNeeded[%d]\r\n",
              &pFileHandleEntry->m_ustrFullPath, pIrpSp->Parameters.QuerySecurity.SecurityInformation, nStatus,
              Irp->IoStatus.Status, (ULONG)Irp->IoStatus.Information, ulNeeded);
-    return ReleaseAndComplete(pFileHandleEntry, Irp, nStatus);
+    // The request completes with the file system's form of a short buffer;
+    // the I/O manager tells the caller STATUS_BUFFER_TOO_SMALL from it.
+    return ReleaseAndComplete(pFileHandleEntry, Irp, Irp->IoStatus.Status);
 }
 
 NTSTATUS TervaneSetSecurity(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandleEntry pFileHandleEntry) {

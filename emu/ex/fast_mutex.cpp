@@ -7,6 +7,7 @@
 using namespace tervane::emu;
 
 extern "C" VOID ExInitializeFastMutex(PFAST_MUTEX FastMutex) {
+    VerifierLockForget(FastMutex);
     FastMutex->Count = 1;
     FastMutex->Owner = nullptr;
     FastMutex->Contention = 0;
@@ -20,6 +21,7 @@ extern "C" VOID ExAcquireFastMutex(PFAST_MUTEX FastMutex) {
         VerifierViolation("ExAcquireFastMutex: fast mutex acquired again by its owner");
         return;
     }
+    VerifierLockAcquiring(FastMutex, "fast mutex", true);
     KIRQL old = KeCurrentIrqlRef();
     if (__atomic_sub_fetch(&FastMutex->Count, 1, __ATOMIC_ACQ_REL) != 0) {
         __atomic_add_fetch(&FastMutex->Contention, 1, __ATOMIC_RELAXED);
@@ -28,6 +30,7 @@ extern "C" VOID ExAcquireFastMutex(PFAST_MUTEX FastMutex) {
     __atomic_store_n(&FastMutex->Owner, static_cast<PVOID>(self), __ATOMIC_RELEASE);
     FastMutex->OldIrql = old;
     KeCurrentIrqlRef() = APC_LEVEL;
+    VerifierLockAcquired(FastMutex);
 }
 
 extern "C" VOID ExReleaseFastMutex(PFAST_MUTEX FastMutex) {
@@ -36,6 +39,7 @@ extern "C" VOID ExReleaseFastMutex(PFAST_MUTEX FastMutex) {
         VerifierViolation("ExReleaseFastMutex: fast mutex released by a thread that does not own it");
         return;
     }
+    VerifierLockReleased(FastMutex, self);
     KIRQL old = static_cast<KIRQL>(FastMutex->OldIrql);
     __atomic_store_n(&FastMutex->Owner, static_cast<PVOID>(nullptr), __ATOMIC_RELEASE);
     if (__atomic_add_fetch(&FastMutex->Count, 1, __ATOMIC_ACQ_REL) != 1) KeSetEvent(&FastMutex->Event, 0, FALSE);

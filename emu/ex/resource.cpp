@@ -115,6 +115,7 @@ bool Release(PERESOURCE resource, _ETHREAD* thread) {
     ResourceState* s = StateOf(resource, "ExReleaseResourceLite");
     if (!s) return true;
     std::lock_guard<std::mutex> guard(s->lock);
+    VerifierLockReleased(resource, thread);
     if (s->exclusiveOwner == thread && thread) {
         if (--s->exclusiveCount == 0) {
             s->exclusiveOwner = nullptr;
@@ -130,6 +131,47 @@ bool Release(PERESOURCE resource, _ETHREAD* thread) {
     }
     Publish(resource, s);
     return true;
+}
+
+BOOLEAN AcquireExclusive(PERESOURCE resource, ResourceState* s, _ETHREAD* self, BOOLEAN wait) {
+    std::unique_lock<std::mutex> guard(s->lock);
+    if (s->exclusiveOwner == self) {
+        s->exclusiveCount++;
+        return TRUE;
+    }
+    if (!s->exclusiveOwner && s->shared.empty()) {
+        s->exclusiveOwner = self;
+        s->exclusiveCount = 1;
+        Publish(resource, s);
+        return TRUE;
+    }
+    if (SharedEntry(s, self)) {
+        // On NT this thread would wait for itself forever.
+        guard.unlock();
+        VerifierViolation("ExAcquireResourceExclusiveLite by a thread that owns the resource shared (deadlock)");
+        return FALSE;
+    }
+    if (!wait) return FALSE;
+    return WaitForGrant(resource, s, guard, self, true);
+}
+
+BOOLEAN AcquireShared(PERESOURCE resource, ResourceState* s, _ETHREAD* self, BOOLEAN wait) {
+    std::unique_lock<std::mutex> guard(s->lock);
+    if (s->exclusiveOwner == self) {
+        s->exclusiveCount++;
+        return TRUE;
+    }
+    if (auto* entry = SharedEntry(s, self)) {
+        entry->second++;
+        return TRUE;
+    }
+    if (!s->exclusiveOwner && !HasExclusiveWaiter(s)) {
+        s->shared.emplace_back(self, 1);
+        Publish(resource, s);
+        return TRUE;
+    }
+    if (!wait) return FALSE;
+    return WaitForGrant(resource, s, guard, self, false);
 }
 
 }  // namespace
@@ -153,6 +195,7 @@ extern "C" NTSTATUS ExInitializeResourceLite(PERESOURCE Resource) {
             delete old;
         }
     }
+    VerifierLockForget(Resource);
     std::memset(Resource, 0, sizeof(*Resource));
     auto* state = new ResourceState();
     Resource->Impl = state;
@@ -181,6 +224,7 @@ extern "C" NTSTATUS ExDeleteResourceLite(PERESOURCE Resource) {
     }
     delete s;
     Resource->Impl = nullptr;
+    VerifierLockForget(Resource);
     return STATUS_SUCCESS;
 }
 
@@ -188,47 +232,20 @@ extern "C" BOOLEAN ExAcquireResourceExclusiveLite(PERESOURCE Resource, BOOLEAN W
     _ETHREAD* self = RequireCurrentThread("ExAcquireResourceExclusiveLite");
     ResourceState* s = StateOf(Resource, "ExAcquireResourceExclusiveLite");
     if (!s) return FALSE;
-    std::unique_lock<std::mutex> guard(s->lock);
-    if (s->exclusiveOwner == self) {
-        s->exclusiveCount++;
-        return TRUE;
-    }
-    if (!s->exclusiveOwner && s->shared.empty()) {
-        s->exclusiveOwner = self;
-        s->exclusiveCount = 1;
-        Publish(Resource, s);
-        return TRUE;
-    }
-    if (SharedEntry(s, self)) {
-        // On NT this thread would wait for itself forever.
-        guard.unlock();
-        VerifierViolation("ExAcquireResourceExclusiveLite by a thread that owns the resource shared (deadlock)");
-        return FALSE;
-    }
-    if (!Wait) return FALSE;
-    return WaitForGrant(Resource, s, guard, self, true);
+    VerifierLockAcquiring(Resource, "resource", Wait);
+    if (!AcquireExclusive(Resource, s, self, Wait)) return FALSE;
+    VerifierLockAcquired(Resource);
+    return TRUE;
 }
 
 extern "C" BOOLEAN ExAcquireResourceSharedLite(PERESOURCE Resource, BOOLEAN Wait) {
     _ETHREAD* self = RequireCurrentThread("ExAcquireResourceSharedLite");
     ResourceState* s = StateOf(Resource, "ExAcquireResourceSharedLite");
     if (!s) return FALSE;
-    std::unique_lock<std::mutex> guard(s->lock);
-    if (s->exclusiveOwner == self) {
-        s->exclusiveCount++;
-        return TRUE;
-    }
-    if (auto* entry = SharedEntry(s, self)) {
-        entry->second++;
-        return TRUE;
-    }
-    if (!s->exclusiveOwner && !HasExclusiveWaiter(s)) {
-        s->shared.emplace_back(self, 1);
-        Publish(Resource, s);
-        return TRUE;
-    }
-    if (!Wait) return FALSE;
-    return WaitForGrant(Resource, s, guard, self, false);
+    VerifierLockAcquiring(Resource, "resource", Wait);
+    if (!AcquireShared(Resource, s, self, Wait)) return FALSE;
+    VerifierLockAcquired(Resource);
+    return TRUE;
 }
 
 extern "C" VOID FASTCALL ExReleaseResourceLite(PERESOURCE Resource) {

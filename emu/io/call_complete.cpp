@@ -26,6 +26,64 @@ void ZeroStackLocation(PIO_STACK_LOCATION sp) {
     sp->FileObject = nullptr;
 }
 
+// A dispatch routine that completes a request without pending it must return
+// the status it completed it with: callers above take the returned value as
+// the outcome. Each IofCallDriver on a thread keeps a frame; the completion
+// walk notes in it the status the packet carried when the walk reached that
+// driver's stack location (its own and every lower driver's completion done).
+struct DispatchFrame {
+    PIRP irp;
+    PIO_STACK_LOCATION location;
+    bool completed = false;
+    NTSTATUS completedStatus = STATUS_SUCCESS;
+    bool lowerMismatch = false;  // the call this driver made down with the packet was reported
+    NTSTATUS lowerReturned = STATUS_SUCCESS;
+};
+thread_local std::vector<DispatchFrame> tDispatchFrames;
+
+void NoteCompletionAt(PIRP irp, PIO_STACK_LOCATION location) {
+    for (auto it = tDispatchFrames.rbegin(); it != tDispatchFrames.rend(); ++it) {
+        if (it->irp == irp && it->location == location) {
+            it->completed = true;
+            it->completedStatus = irp->IoStatus.Status;
+            return;
+        }
+    }
+}
+
+std::string MajorName(UCHAR major) {
+    static const char* const names[] = {
+        "IRP_MJ_CREATE", "IRP_MJ_CREATE_NAMED_PIPE", "IRP_MJ_CLOSE", "IRP_MJ_READ", "IRP_MJ_WRITE",
+        "IRP_MJ_QUERY_INFORMATION", "IRP_MJ_SET_INFORMATION", "IRP_MJ_QUERY_EA", "IRP_MJ_SET_EA",
+        "IRP_MJ_FLUSH_BUFFERS", "IRP_MJ_QUERY_VOLUME_INFORMATION", "IRP_MJ_SET_VOLUME_INFORMATION",
+        "IRP_MJ_DIRECTORY_CONTROL", "IRP_MJ_FILE_SYSTEM_CONTROL", "IRP_MJ_DEVICE_CONTROL",
+        "IRP_MJ_INTERNAL_DEVICE_CONTROL", "IRP_MJ_SHUTDOWN", "IRP_MJ_LOCK_CONTROL", "IRP_MJ_CLEANUP",
+        "IRP_MJ_CREATE_MAILSLOT", "IRP_MJ_QUERY_SECURITY", "IRP_MJ_SET_SECURITY"};
+    if (major < sizeof(names) / sizeof(names[0])) return names[major];
+    return "major function " + std::to_string(major);
+}
+
+// Called once the dispatch routine returned RETURNED: pops its frame and
+// reports a disagreement, unless the routine only handed on what the driver
+// below returned and that was reported already.
+void CheckDispatchStatus(PDEVICE_OBJECT device, UCHAR major, NTSTATUS returned) {
+    DispatchFrame frame = tDispatchFrames.back();
+    tDispatchFrames.pop_back();
+    bool mismatch = returned != STATUS_PENDING && frame.completed && returned != frame.completedStatus;
+    bool inherited = frame.lowerMismatch && frame.lowerReturned == returned;
+    if (mismatch && !inherited) {
+        VerifierViolation(MajorName(major) + " dispatch of " + DriverName(device) + " returned " +
+                          StatusName(returned) + " for a request it completed with " +
+                          StatusName(frame.completedStatus));
+    }
+    for (auto it = tDispatchFrames.rbegin(); it != tDispatchFrames.rend(); ++it) {
+        if (it->irp != frame.irp) continue;
+        it->lowerMismatch = mismatch;
+        it->lowerReturned = returned;
+        break;
+    }
+}
+
 // The second stage of completion for a packet the I/O manager built.
 void CompleteServiceIrp(PIRP irp) {
     PFILE_OBJECT file = irp->Tail.Overlay.OriginalFileObject;
@@ -102,11 +160,23 @@ NTSTATUS FASTCALL IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     Irp->CurrentLocation--;
     PIO_STACK_LOCATION sp = --Irp->Tail.Overlay.CurrentStackLocation;
     sp->DeviceObject = DeviceObject;
+    const UCHAR major = sp->MajorFunction;
+    // File systems are called at PASSIVE_LEVEL (paging I/O also at
+    // APC_LEVEL): a spin lock or a fast mutex held here would be held across
+    // the call down the stack.
+    KIRQL irql = KeGetCurrentIrql();
+    if (irql > APC_LEVEL || (irql == APC_LEVEL && !(Irp->Flags & IRP_PAGING_IO))) {
+        VerifierViolation(MajorName(major) + " sent to " + DriverName(DeviceObject) + " at IRQL " +
+                          std::to_string(irql) + ": a " + (irql > APC_LEVEL ? "spin lock" : "fast mutex") +
+                          " is held across a call down the stack");
+    }
     if (IrpTracker* tracker = IopTracker(Irp)) tracker->dispatched.store(true, std::memory_order_release);
     LONG depth = EmuKeGetCriticalRegionDepth();
-    NTSTATUS status = DeviceObject->DriverObject->MajorFunction[sp->MajorFunction](DeviceObject, Irp);
+    tDispatchFrames.push_back(DispatchFrame{Irp, sp});
+    NTSTATUS status = DeviceObject->DriverObject->MajorFunction[major](DeviceObject, Irp);
+    CheckDispatchStatus(DeviceObject, major, status);
     if (EmuKeGetCriticalRegionDepth() != depth)
-        VerifierCheckCriticalRegion(depth, "major function " + std::to_string(sp->MajorFunction) + " of " +
+        VerifierCheckCriticalRegion(depth, "major function " + std::to_string(major) + " of " +
                                                DriverName(DeviceObject));
     return status;
 }
@@ -128,6 +198,7 @@ VOID FASTCALL IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) {
     for (; Irp->CurrentLocation <= Irp->StackCount + 1;
          ++sp, Irp->CurrentLocation++, Irp->Tail.Overlay.CurrentStackLocation++) {
         Irp->PendingReturned = (sp->Control & SL_PENDING_RETURNED) != 0;
+        NoteCompletionAt(Irp, sp);
         NTSTATUS status = Irp->IoStatus.Status;
         bool invoke = (NT_SUCCESS(status) && (sp->Control & SL_INVOKE_ON_SUCCESS)) ||
                       (!NT_SUCCESS(status) && (sp->Control & SL_INVOKE_ON_ERROR)) ||

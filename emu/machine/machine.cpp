@@ -33,6 +33,7 @@ Machine::Machine(MachineOptions options) {
     if (!gCurrent.compare_exchange_strong(expected, this))
         throw std::logic_error("a Machine is already alive in this process; only one can exist at a time");
     NtBuildNumber = 0xF0000000u | options.buildNumber;
+    LockOrderReset();
     ObStartup();
     impl_->system = new Process(this, kSystemProcessId, "System");
     {

@@ -63,10 +63,12 @@ TEST_F(ControlTest, ShortAndUnterminatedInputsAreRefused) {
         {IOCTL_RENAME_INDEX_PATH, std::vector<uint8_t>(1039, 0)},
         {IOCTL_RENAME_INDEX_PATH, secondUnterminated},
     };
+    // Through the fast path and through request packets alike.
     for (const Case& c : cases) {
-        ControlResult r = Fast(c.code, c.input, 0);
-        EXPECT_EQ(r.status, STATUS_INVALID_DEVICE_REQUEST) << std::hex << c.code << " input " << std::dec
-                                                            << c.input.size();
+        for (ControlResult r : {Fast(c.code, c.input, 0), Packet(c.code, c.input, 0)}) {
+            EXPECT_EQ(r.status, STATUS_INVALID_DEVICE_REQUEST) << std::hex << c.code << " input " << std::dec
+                                                                << c.input.size();
+        }
     }
     EXPECT_NE(machine->TakeNewLog().find("filter directory root [\\\\server\\share\\pack] is not a drive path"),
               std::string::npos);

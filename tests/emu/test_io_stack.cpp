@@ -197,5 +197,73 @@ TEST_F(IoTest, CompletingAPacketTwiceIsAVerifierViolation) {
     EXPECT_TRUE(report.pool.empty() && report.handles.empty() && report.fileObjects.empty()) << report.ToString();
 }
 
+// A dispatch routine that returns success for a request it failed: reported
+// once, against the driver that did it, not the filter that handed the
+// status on.
+TEST_F(IoTest, AReturnedStatusThatDisagreesWithTheCompletedOneIsAVerifierViolation) {
+    LoadFilter();
+    expectClean = false;
+    InProcess([&] {
+        HANDLE h;
+        ASSERT_EQ(Open(u"\\Device\\IoTest\\f", &h), STATUS_SUCCESS);
+        FILE_BASIC_INFORMATION basic;
+        IO_STATUS_BLOCK iosb{};
+        world.behaviour.status = STATUS_ACCESS_DENIED;
+        EXPECT_EQ(NtQueryInformationFile(h, &iosb, &basic, sizeof basic, FileBasicInformation), STATUS_ACCESS_DENIED);
+        world.behaviour.misreport = true;  // STATUS_PENDING returned with a pending packet is fine
+        world.behaviour.pend = true;
+        NtQueryInformationFile(h, &iosb, &basic, sizeof basic, FileBasicInformation);
+        world.behaviour.pend = false;
+        NtQueryInformationFile(h, &iosb, &basic, sizeof basic, FileBasicInformation);
+        world.behaviour = Behaviour{};
+        NtClose(h);
+    });
+    VerifierReport report = machine->Shutdown();
+    ASSERT_EQ(report.violations.size(), 1u) << report.ToString();
+    EXPECT_NE(report.violations[0].find("IRP_MJ_QUERY_INFORMATION dispatch of \\Driver\\IoTest returned "
+                                        "STATUS_SUCCESS for a request it completed with STATUS_ACCESS_DENIED"),
+              std::string::npos)
+        << report.ToString();
+}
+
+}  // namespace
+}  // namespace iotest
+
+namespace iotest {
+namespace {
+
+// A request sent down while a spin lock or a fast mutex is held: file
+// systems are called at PASSIVE_LEVEL, so each is reported.
+TEST_F(IoTest, RaisedIrqlAcrossACallDownIsAVerifierViolation) {
+    expectClean = false;
+    InSystem([&] {
+        HANDLE h;
+        ASSERT_EQ(Open(u"\\Device\\IoTest\\f", &h, GENERIC_READ | SYNCHRONIZE, FILE_SYNCHRONOUS_IO_NONALERT,
+                       OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, true),
+                  STATUS_SUCCESS);
+        FILE_BASIC_INFORMATION basic;
+        IO_STATUS_BLOCK iosb{};
+        KSPIN_LOCK spin;
+        KeInitializeSpinLock(&spin);
+        KIRQL old;
+        KeAcquireSpinLock(&spin, &old);
+        ZwQueryInformationFile(h, &iosb, &basic, sizeof basic, FileBasicInformation);
+        KeReleaseSpinLock(&spin, old);
+        FAST_MUTEX mutex;
+        ExInitializeFastMutex(&mutex);
+        ExAcquireFastMutex(&mutex);
+        ZwQueryInformationFile(h, &iosb, &basic, sizeof basic, FileBasicInformation);
+        ExReleaseFastMutex(&mutex);
+        EXPECT_EQ(ZwQueryInformationFile(h, &iosb, &basic, sizeof basic, FileBasicInformation), STATUS_SUCCESS);
+        ZwClose(h);
+    });
+    VerifierReport report = machine->Shutdown();
+    ASSERT_EQ(report.violations.size(), 2u) << report.ToString();
+    EXPECT_NE(report.violations[0].find("at IRQL 2: a spin lock is held across a call down the stack"),
+              std::string::npos);
+    EXPECT_NE(report.violations[1].find("at IRQL 1: a fast mutex is held across a call down the stack"),
+              std::string::npos);
+}
+
 }  // namespace
 }  // namespace iotest

@@ -104,7 +104,7 @@ NTSTATUS LowerDispatch(PDEVICE_OBJECT device, PIRP irp) {
         return STATUS_PENDING;
     }
     Finish(irp, status, info, b.completeTwice);
-    return status;
+    return b.misreport ? STATUS_SUCCESS : status;
 }
 
 NTSTATUS FilterCompletion(PDEVICE_OBJECT device, PIRP irp, PVOID context) {

@@ -38,6 +38,7 @@ struct Behaviour {
     NTSTATUS status = STATUS_SUCCESS;     // final status of every packet but cleanup and close
     bool pend = false;                    // return STATUS_PENDING and complete on another thread
     bool completeTwice = false;           // misuse: complete the packet a second time
+    bool misreport = false;               // misuse: return STATUS_SUCCESS whatever the packet completed with
     bool cachedFiles = false;             // creates attach an FSRTL_COMMON_FCB_HEADER context
     bool fastIoAnswers = false;           // fast I/O routines say TRUE (else they decline)
     ULONG deviceFlags = 0;                // DO_BUFFERED_IO / DO_DIRECT_IO for the device
