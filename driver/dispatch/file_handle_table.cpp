@@ -63,10 +63,11 @@ VOID AddFileHandleEntry(const FileHandleEntry* Template) {
     KeInitializeEvent(&pEntry->m_kEvent, SynchronizationEvent, TRUE);
     pEntry->m_pNext = NULL;
 
-    // A template path of capacity 0 gives an entry with no path buffer at all
-    // rather than a zero-byte allocation.
+    // The path is kept at its length, not at the template's capacity: an
+    // open holds its entry for as long as it lives. An empty path gives an
+    // entry with no path buffer at all rather than a zero-byte allocation.
     pEntry->m_ustrFullPath.Length = 0;
-    pEntry->m_ustrFullPath.MaximumLength = Template->m_ustrFullPath.MaximumLength;
+    pEntry->m_ustrFullPath.MaximumLength = Template->m_ustrFullPath.Length;
     pEntry->m_ustrFullPath.Buffer = NULL;
     if (pEntry->m_ustrFullPath.MaximumLength != 0) {
         pEntry->m_ustrFullPath.Buffer =

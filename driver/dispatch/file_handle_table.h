@@ -38,7 +38,7 @@ VOID InitFileHandleTable();
 
 // Makes an entry from a template filled in by the caller and puts it at the
 // head of its bucket. The template's event, link and buffer ownership are
-// ignored; its path is copied into a new buffer of the same capacity. A null
+// ignored; its path is copied into a new buffer of the path's length. A null
 // template does nothing; a failure is logged, not reported.
 VOID AddFileHandleEntry(const FileHandleEntry* Template);
 

@@ -25,18 +25,6 @@ static PVOID RequestDataBuffer(PIRP Irp) {
     return Irp->UserBuffer;
 }
 
-// Copies the real file's position into the caller's FILE_OBJECT.
-static VOID FollowRealPosition(PFileHandleEntry pFileHandleEntry, ULONG Line) {
-    PFILE_OBJECT pRealFileObject = NULL;
-    NTSTATUS nStatusObject = ObReferenceObjectByHandle(pFileHandleEntry->m_hRealFileHandle, 0, *IoFileObjectType,
-                                                       KernelMode, (PVOID*)&pRealFileObject, NULL);
-    TRVN_ASSERT(NT_SUCCESS( nStatusObject ), DISPATCH_SOURCE, Line);
-    if (NT_SUCCESS(nStatusObject)) {
-        pFileHandleEntry->m_pFileObject->CurrentByteOffset = pRealFileObject->CurrentByteOffset;
-        ObDereferenceObject(pRealFileObject);
-    }
-}
-
 // Moves the open's file into filter directory 0 before it is changed. A
 // failed copy leaves the entry as it was, and the change is then not made.
 NTSTATUS CopyUpBeforeChange(PDEVICE_OBJECT DeviceObject, PFileHandleEntry pFileHandleEntry, const char* Function) {
@@ -76,37 +64,26 @@ VOID FollowPackCopy(PDEVICE_OBJECT DeviceObject, PFileHandleEntry pFileHandleEnt
     }
 }
 
-// The transfer of a read (bRead) or a write, shared by both handlers.
-static NTSTATUS TransferData(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandleEntry pFileHandleEntry, BOOLEAN bRead,
-                             PVOID pBuffer) {
+// The transfer of a read (bRead) or a write on the real file, shared by both
+// handlers: paging I/O as an own request that borrows the caller's packet,
+// anything else as an own request with the caller's buffer; either goes
+// straight below the filter, not through it again.
+static NTSTATUS TransferData(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandleEntry pFileHandleEntry,
+                             PFILE_OBJECT pRealFileObject, BOOLEAN bRead, PVOID pBuffer) {
     PIO_STACK_LOCATION pIrpSp = IoGetCurrentIrpStackLocation(Irp);
     // Read and Write parameters share one layout.
     ULONG ulLength = pIrpSp->Parameters.Read.Length;
     ULONG ulKey = pIrpSp->Parameters.Read.Key;
     LARGE_INTEGER liByteOffset = pIrpSp->Parameters.Read.ByteOffset;
-    NTSTATUS nStatus;
-
     if ((Irp->Flags & (IRP_NOCACHE | IRP_PAGING_IO)) == (IRP_NOCACHE | IRP_PAGING_IO)) {
-        PFILE_OBJECT pRealFileObject = NULL;
-        NTSTATUS nStatusObject = ObReferenceObjectByHandle(pFileHandleEntry->m_hRealFileHandle, 0, *IoFileObjectType,
-                                                           KernelMode, (PVOID*)&pRealFileObject, NULL);
-        TRVN_ASSERT(NT_SUCCESS( nStatusObject ), DISPATCH_SOURCE, __LINE__);
-        if (!NT_SUCCESS(nStatusObject)) {
-            Irp->IoStatus.Information = 0;
-            return nStatusObject;
-        }
-        nStatus = ReadWriteFileWithIrp(Irp, bRead, pFileHandleEntry->m_ulFilterEntryFlag, pRealFileObject, DeviceObject,
-                                       pBuffer, liByteOffset, ulLength, ulKey, Irp->Flags, &Irp->IoStatus);
-        ObDereferenceObject(pRealFileObject);
+        NTSTATUS nStatus =
+            ReadWriteFileWithIrp(Irp, bRead, pFileHandleEntry->m_ulFilterEntryFlag, pRealFileObject, DeviceObject,
+                                 pBuffer, liByteOffset, ulLength, ulKey, Irp->Flags, &Irp->IoStatus);
         TRVN_ASSERT(NT_SUCCESS( nStatus ), DISPATCH_SOURCE, __LINE__);
         return nStatus;
     }
-    if (bRead) {
-        return ZwReadFile(pFileHandleEntry->m_hRealFileHandle, NULL, NULL, NULL, &Irp->IoStatus, pBuffer, ulLength,
-                          &liByteOffset, &ulKey);
-    }
-    return ZwWriteFile(pFileHandleEntry->m_hRealFileHandle, NULL, NULL, NULL, &Irp->IoStatus, pBuffer, ulLength,
-                       &liByteOffset, &ulKey);
+    return TransferBelowFilter(bRead, pRealFileObject, DeviceObject, pBuffer, liByteOffset, ulLength, ulKey,
+                               &Irp->IoStatus);
 }
 
 static NTSTATUS ReadOrWrite(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandleEntry pFileHandleEntry, BOOLEAN bRead) {
@@ -119,18 +96,31 @@ static NTSTATUS ReadOrWrite(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandleEn
         nStatus = CopyUpBeforeChange(DeviceObject, pFileHandleEntry, pszFunction);
     }
 
+    // One reference to the real FILE_OBJECT (after any copy-up) serves the
+    // transfer and the position that follows it.
+    PFILE_OBJECT pRealFileObject = NULL;
+    NTSTATUS nStatusObject = ObReferenceObjectByHandle(pFileHandleEntry->m_hRealFileHandle, 0, *IoFileObjectType,
+                                                       KernelMode, (PVOID*)&pRealFileObject, NULL);
+    TRVN_ASSERT(NT_SUCCESS( nStatusObject ), DISPATCH_SOURCE, __LINE__);
     if (!NT_SUCCESS(nStatus)) {
         // Written data land only in filter directory 0: without the copy
         // there is nowhere to write them.
+        Irp->IoStatus.Information = 0;
+    } else if (!NT_SUCCESS(nStatusObject)) {
+        nStatus = nStatusObject;
         Irp->IoStatus.Information = 0;
     } else if (pBuffer == NULL && IoGetCurrentIrpStackLocation(Irp)->Parameters.Read.Length != 0) {
         // An MDL that could not be mapped: nothing can be moved.
         nStatus = STATUS_INSUFFICIENT_RESOURCES;
         Irp->IoStatus.Information = 0;
     } else {
-        nStatus = TransferData(DeviceObject, Irp, pFileHandleEntry, bRead, pBuffer);
+        nStatus = TransferData(DeviceObject, Irp, pFileHandleEntry, pRealFileObject, bRead, pBuffer);
     }
-    FollowRealPosition(pFileHandleEntry, __LINE__);
+    // The caller's position follows the real file's, whatever the outcome.
+    if (NT_SUCCESS(nStatusObject)) {
+        pFileHandleEntry->m_pFileObject->CurrentByteOffset = pRealFileObject->CurrentByteOffset;
+        ObDereferenceObject(pRealFileObject);
+    }
 
     PIO_STACK_LOCATION pIrpSp = IoGetCurrentIrpStackLocation(Irp);
     const char* pszFormat = bRead

@@ -270,14 +270,27 @@ NTSTATUS TervaneSetInformationRename(PFileHandleEntry pFileHandleEntry, PFILE_RE
         TRVN_ASSERT(pFileHandleEntry->m_ulFilterEntryFlag & 0x01, DISPATCH_SOURCE, __LINE__);
         nStatus = PrepareTargetDirectory(&ustrTarget);
     }
+    // The entry keeps its new path at its length, in a buffer had before
+    // anything is renamed.
+    UNICODE_STRING ustrNewPath = {0, 0, NULL};
+    if (NT_SUCCESS(nStatus) && ustrTarget.Length != 0) {
+        ustrNewPath.Buffer = (PWSTR)ExAllocatePoolWithTag(NonPagedPool, ustrTarget.Length, TRVN_TAG_GENERAL);
+        ustrNewPath.MaximumLength = ustrTarget.Length;
+        if (ustrNewPath.Buffer == NULL) {
+            nStatus = STATUS_INSUFFICIENT_RESOURCES;
+        } else {
+            CopyCountedString(&ustrNewPath, &ustrTarget);
+        }
+    }
     if (NT_SUCCESS(nStatus)) {
         nStatus = RenameRealFile(pFileHandleEntry, &ustrTarget, RenameInfo->ReplaceIfExists);
     }
     if (NT_SUCCESS(nStatus)) {
         FiltDeleteFile(&pFileHandleEntry->m_ustrFullPath);
-        ReplaceFileHandleEntryPath(pFileHandleEntry, &ustrTarget);
+        ReplaceFileHandleEntryPath(pFileHandleEntry, &ustrNewPath);
         nStatus = STATUS_SUCCESS;
     }
+    FreeNameString(&ustrNewPath);
     FreeNameString(&ustrGivenName);
     FreeNameString(&ustrTarget);
     return nStatus;

@@ -16,24 +16,11 @@ using filemgr::ScopedPool;
 #define DOS_DEVICES_PREFIX_BYTES (sizeof(DOS_DEVICES_PREFIX) - sizeof(WCHAR))
 
 NTSTATUS CheckFileExists(PCUNICODE_STRING pustrRealPath) {
-    // The message buffer holds "\DosDevices\", the path and a terminator. A
-    // path so long that this cannot be counted in 16 bits is refused.
+    // The log line names the path in its "\DosDevices\" form, counted in 16
+    // bits with a terminator: a path too long for that is refused.
     if (pustrRealPath == NULL || (ULONG)pustrRealPath->Length + DOS_DEVICES_PREFIX_BYTES + sizeof(WCHAR) > 0xFFFE) {
         return STATUS_OBJECT_NAME_INVALID;
     }
-    USHORT usMessageSize = (USHORT)(pustrRealPath->Length + DOS_DEVICES_PREFIX_BYTES + sizeof(WCHAR));
-    ScopedPool message(usMessageSize, TRVN_TAG_GENERAL);
-    if (message.Get() == NULL) {
-        TRVN_LOG("CheckFileExists", __LINE__, "Fail allocation");
-        return STATUS_UNSUCCESSFUL;
-    }
-    UNICODE_STRING ustrMessage;
-    ustrMessage.Buffer = message.As<WCHAR>();
-    ustrMessage.Length = 0;
-    ustrMessage.MaximumLength = usMessageSize;
-    CopyStringToCounted(&ustrMessage, DOS_DEVICES_PREFIX);
-    AppendCountedString(&ustrMessage, pustrRealPath);
-
     HANDLE hFile = NULL;
     IO_STATUS_BLOCK IoStatus;
     NTSTATUS nStatus = FiltCreateFile(0, FALSE, &hFile, GENERIC_READ, (PUNICODE_STRING)pustrRealPath, FALSE, FALSE,
@@ -42,9 +29,23 @@ NTSTATUS CheckFileExists(PCUNICODE_STRING pustrRealPath) {
     if (NT_SUCCESS(nStatus) && hFile != NULL) {
         ZwClose(hFile);
     }
-    if (!NT_SUCCESS(nStatus) && nStatus != STATUS_OBJECT_NAME_NOT_FOUND && nStatus != STATUS_OBJECT_PATH_NOT_FOUND) {
-        TRVN_LOG("CheckFileExists", __LINE__, "unknown err[%d] for [%wZ]\r\n", nStatus, &ustrMessage);
+    if (NT_SUCCESS(nStatus) || nStatus == STATUS_OBJECT_NAME_NOT_FOUND || nStatus == STATUS_OBJECT_PATH_NOT_FOUND) {
+        return nStatus;
     }
+    // Only this line needs the "\DosDevices\" form, so it is made only here.
+    const USHORT usMessageSize = (USHORT)(pustrRealPath->Length + DOS_DEVICES_PREFIX_BYTES + sizeof(WCHAR));
+    ScopedPool message(usMessageSize, TRVN_TAG_GENERAL);
+    if (message.Get() == NULL) {
+        TRVN_LOG("CheckFileExists", __LINE__, "Fail allocation");
+        return nStatus;
+    }
+    UNICODE_STRING ustrMessage;
+    ustrMessage.Buffer = message.As<WCHAR>();
+    ustrMessage.Length = 0;
+    ustrMessage.MaximumLength = usMessageSize;
+    CopyStringToCounted(&ustrMessage, DOS_DEVICES_PREFIX);
+    AppendCountedString(&ustrMessage, pustrRealPath);
+    TRVN_LOG("CheckFileExists", __LINE__, "unknown err[%d] for [%wZ]\r\n", nStatus, &ustrMessage);
     return nStatus;
 }
 

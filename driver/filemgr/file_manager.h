@@ -53,6 +53,15 @@ NTSTATUS ReadWriteFileWithIrp(PIRP CallerIrp, BOOLEAN bRead, ULONG ulRouteFlag, 
                               PDEVICE_OBJECT FilterDevice, PVOID Buffer, LARGE_INTEGER ByteOffset, ULONG Length,
                               ULONG Key, ULONG IrpFlags, PIO_STATUS_BLOCK IoStatus);
 
+// Reads (bRead) or writes Length bytes of Buffer at ByteOffset of the file
+// FileObject, with an own request sent to the device below this driver's
+// filter on the file's volume (the top of its stack when no filter of ours
+// is there), and waits for it. The file system moves the position of a
+// synchronous FileObject as for any read or write. Returns the status
+// written into IoStatus, whose Information holds the bytes moved.
+NTSTATUS TransferBelowFilter(BOOLEAN bRead, PFILE_OBJECT FileObject, PDEVICE_OBJECT FilterDevice, PVOID Buffer,
+                             LARGE_INTEGER ByteOffset, ULONG Length, ULONG Key, PIO_STATUS_BLOCK IoStatus);
+
 // Passes Irp down: to the device below drive C:'s filter device when the
 // route flag holds filter flag 1 or 2, else to LowerDevice.
 NTSTATUS CallLowerDevice(ULONG ulRouteFlag, PDEVICE_OBJECT LowerDevice, PIRP Irp);

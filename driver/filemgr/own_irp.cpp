@@ -121,3 +121,41 @@ NTSTATUS ReadWriteFileWithIrp(PIRP CallerIrp, BOOLEAN bRead, ULONG ulRouteFlag, 
     KeWaitForSingleObject(&Event, Executive, KernelMode, FALSE, NULL);
     return IoStatus->Status;
 }
+
+NTSTATUS TransferBelowFilter(BOOLEAN bRead, PFILE_OBJECT FileObject, PDEVICE_OBJECT FilterDevice, PVOID Buffer,
+                             LARGE_INTEGER ByteOffset, ULONG Length, ULONG Key, PIO_STATUS_BLOCK IoStatus) {
+    PDEVICE_OBJECT Target = IoGetRelatedDeviceObject(FileObject);
+    if (Target != NULL && Target->DriverObject == FilterDevice->DriverObject) {
+        Target = ((PTervaneDeviceExtension)Target->DeviceExtension)->m_pLowerDevice;
+    }
+    if (Target == NULL) {
+        IoStatus->Status = STATUS_INVALID_DEVICE_REQUEST;
+        IoStatus->Information = 0;
+        return STATUS_INVALID_DEVICE_REQUEST;
+    }
+    KEVENT Event;
+    KeInitializeEvent(&Event, SynchronizationEvent, FALSE);
+    PIRP Irp = IoAllocateIrp(Target->StackSize, FALSE);
+    if (Irp == NULL) {
+        IoStatus->Status = STATUS_INSUFFICIENT_RESOURCES;
+        IoStatus->Information = 0;
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    Irp->UserBuffer = Buffer;
+    Irp->Flags = bRead ? IRP_READ_OPERATION : IRP_WRITE_OPERATION;
+    PrepareOwnIrp(Irp, &Event, IoStatus, FileObject);
+
+    PIO_STACK_LOCATION Stack = IoGetNextIrpStackLocation(Irp);
+    Stack->MajorFunction = bRead ? IRP_MJ_READ : IRP_MJ_WRITE;
+    Stack->DeviceObject = Target;
+    Stack->FileObject = FileObject;
+    // Read and Write parameters share one layout.
+    Stack->Parameters.Read.ByteOffset = ByteOffset;
+    Stack->Parameters.Read.Length = Length;
+    Stack->Parameters.Read.Key = Key;
+
+    IoSetCompletionRoutine(Irp, OwnIrpCompletion, NULL, TRUE, TRUE, TRUE);
+    IofCallDriver(Target, Irp);
+    KeWaitForSingleObject(&Event, Executive, KernelMode, FALSE, NULL);
+    return IoStatus->Status;
+}

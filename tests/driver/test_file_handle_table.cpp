@@ -87,6 +87,7 @@ TEST_F(FileHandleTableTest, NewerEntryForTheSameKeyHidesTheOlder) {
     Add(Key(256), u"C:\\old");
     Add(Key(256), u"C:\\new");
     EXPECT_EQ(PathOf(Find(Key(256))), "C:\\new");
+    EXPECT_EQ(Find(Key(256))->m_ustrFullPath.MaximumLength, 12) << "a path is kept at its length, not in 2 KiB";
     Remove(Key(256));
     ASSERT_NE(Find(Key(256)), nullptr);
     EXPECT_EQ(PathOf(Find(Key(256))), "C:\\old");
