@@ -70,6 +70,13 @@ std::string Session::TakeCommandLog() {
     if (!machine_) return {};
     std::string text = machine_->TakeNewLog();
     logForLogCommand_ += text;
+    // Kept as the machine keeps its log: the most recent whole lines within
+    // its capacity, so a long session without `log` does not grow.
+    const size_t capacity = emu::MachineOptions().logCapacity;
+    if (logForLogCommand_.size() > capacity + capacity / 2) {
+        size_t cut = logForLogCommand_.find('\n', logForLogCommand_.size() - capacity - 1);
+        logForLogCommand_.erase(0, cut == std::string::npos ? logForLogCommand_.size() - capacity : cut + 1);
+    }
     return text;
 }
 

@@ -1,6 +1,7 @@
 // The kernel debug log and DbgPrint.
 #include "dbg/debug_log.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 
@@ -13,10 +14,23 @@ namespace tervane::emu {
 void DebugLog::Write(const std::string& text) {
     std::lock_guard<std::mutex> guard(lock_);
     text_ += text;
+    // Trimmed in steps of half the capacity, so each byte is moved about
+    // twice however much is written.
+    if (text_.size() > capacity_ + capacity_ / 2) Trim();
     if (echo_) {
         std::fwrite(text.data(), 1, text.size(), stderr);
         std::fflush(stderr);
     }
+}
+
+void DebugLog::Trim() {
+    size_t cut = text_.size() - capacity_;
+    // Whole lines go; an open line longer than the capacity loses its head.
+    size_t newline = text_.find('\n', cut == 0 ? 0 : cut - 1);
+    if (newline != std::string::npos) cut = newline + 1;
+    droppedLines_ += static_cast<uint64_t>(std::count(text_.begin(), text_.begin() + cut, '\n'));
+    text_.erase(0, cut);
+    base_ += cut;
 }
 
 std::vector<std::string> DebugLog::Lines() const {
@@ -36,9 +50,15 @@ std::vector<std::string> DebugLog::Lines() const {
 
 std::string DebugLog::TakeNew() {
     std::lock_guard<std::mutex> guard(lock_);
-    std::string fresh = text_.substr(taken_);
-    taken_ = text_.size();
+    size_t from = taken_ > base_ ? static_cast<size_t>(taken_ - base_) : 0;
+    std::string fresh = text_.substr(from);
+    taken_ = base_ + text_.size();
     return fresh;
+}
+
+uint64_t DebugLog::DroppedLines() const {
+    std::lock_guard<std::mutex> guard(lock_);
+    return droppedLines_;
 }
 
 void DbgLogWrite(const std::string& text) { CurrentMachine().log.Write(text); }
@@ -58,6 +78,8 @@ extern "C" ULONG DbgPrint(PCSTR Format, ...) {
     int n = _vsnprintf(buffer, sizeof(buffer) - 1, Format, args);
     va_end(args);
     size_t length = n < 0 ? sizeof(buffer) - 1 : static_cast<size_t>(n);
-    DbgLogWrite(AnsiToUtf8(buffer, length));
+    // Plain ASCII reads the same in UTF-8; only other text is converted.
+    bool ascii = std::all_of(buffer, buffer + length, [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+    DbgLogWrite(ascii ? std::string(buffer, length) : AnsiToUtf8(buffer, length));
     return STATUS_SUCCESS;
 }

@@ -217,6 +217,8 @@ std::vector<std::string> Machine::LogLines() const { return impl_->log.Lines(); 
 
 std::string Machine::TakeNewLog() { return impl_->log.TakeNew(); }
 
+uint64_t Machine::DroppedLogLines() const { return impl_->log.DroppedLines(); }
+
 std::vector<PoolTagUsage> Machine::PoolUsage() const { return impl_->pool.Usage(false); }
 
 void Machine::FailNthAllocation(uint64_t n) { impl_->pool.FailNth(n); }

@@ -26,7 +26,7 @@ private:
 
 struct Machine::Impl {
     explicit Impl(Machine* self, const MachineOptions& options)
-        : self(self), options(options), log(options.echoLog) {}
+        : self(self), options(options), log(options.echoLog, options.logCapacity) {}
 
     Machine* self;
     MachineOptions options;

@@ -137,6 +137,25 @@ TEST(DbgPrint, AppendsToTheLogInOrderAndContinuesOpenLines) {
     EXPECT_TRUE(machine.Shutdown().Clean());
 }
 
+// A long-running machine keeps only its most recent output: whole lines go,
+// oldest first, and are counted; what is kept reads as before.
+TEST(DbgPrint, TheLogKeepsTheMostRecentLinesWithinItsCapacity) {
+    MachineOptions options;
+    options.logCapacity = 40;
+    Machine machine(options);
+    machine.Run(machine.SystemProcess(), [] {
+        for (int i = 0; i < 10; i++) DbgPrint("line %d of the log\n", i);  // 18 bytes each
+        DbgPrint("open ");
+    });
+    EXPECT_EQ(machine.LogLines(), (std::vector<std::string>{"line 8 of the log", "line 9 of the log", "open "}));
+    EXPECT_EQ(machine.DroppedLogLines(), 8u);
+    EXPECT_EQ(machine.TakeNewLog(), "line 8 of the log\nline 9 of the log\nopen ");
+    machine.Run(machine.SystemProcess(), [] { DbgPrint("end\n"); });
+    EXPECT_EQ(machine.TakeNewLog(), "end\n") << "taken text is not returned again";
+    EXPECT_EQ(machine.LogLines().back(), "open end");
+    EXPECT_TRUE(machine.Shutdown().Clean());
+}
+
 TEST(DbgPrint, OneCallTransmitsAtMost512Bytes) {
     Machine machine;
     std::string longText(1000, 'a');

@@ -39,6 +39,7 @@ struct VerifierReport {
 
 struct MachineOptions {
     bool echoLog = false;           // also write every DbgPrint to stderr
+    size_t logCapacity = 16u << 20; // bytes of recent debug output kept; older lines are dropped
     uint16_t buildNumber = 2600;    // NtBuildNumber low word
 };
 
@@ -89,10 +90,13 @@ public:
     // ENTRY in the System process. Returns DriverEntry's status.
     NTSTATUS LoadDriver(const std::u16string& name, PDRIVER_INITIALIZE entry, PDRIVER_OBJECT* driverObject = nullptr);
 
-    // Kernel debug log: every DbgPrint line and assertion report, in order.
+    // Kernel debug log: every DbgPrint line and assertion report, in order,
+    // as far as the log still keeps them (the most recent logCapacity bytes).
     std::vector<std::string> LogLines() const;
-    // The log text since the previous call to TakeNewLog.
+    // The log text since the previous call to TakeNewLog (what is still kept).
     std::string TakeNewLog();
+    // Lines dropped from the log to keep it within MachineOptions::logCapacity.
+    uint64_t DroppedLogLines() const;
 
     // Verifier.
     std::vector<PoolTagUsage> PoolUsage() const;  // every tag ever used
