@@ -49,7 +49,9 @@ NTSTATUS FsdCleanup(PDEVICE_OBJECT device, PIRP irp) {
     Ccb* ccb = CcbOf(fo);
     if (!vcb || !fcb || !ccb) return CompleteRequest(irp, STATUS_SUCCESS, 0);
     std::vector<PIRP> done;
+    bool remove;
     {
+        std::shared_lock<std::shared_mutex> names(vcb->nameLock);
         std::lock_guard<std::mutex> lock(vcb->mutex);
         if (!fcb->isVolume) {
             ReleaseLocksOf(fcb, fo, nullptr, &done);
@@ -62,9 +64,16 @@ NTSTATUS FsdCleanup(PDEVICE_OBJECT device, PIRP irp) {
             vcb->store->Save(fcb->fd, fcb->ino, fcb->meta);
             fcb->metaDirty = false;
         }
-        if (fcb->openCount == 0 && fcb->deletePending && !fcb->isVolume && !fcb->hostPath.empty())
-            RemoveFromHost(vcb, fcb, &done);
         fo->Flags |= FO_CLEANUP_COMPLETE;
+        remove = fcb->openCount == 0 && fcb->deletePending && !fcb->isVolume && !fcb->hostPath.empty();
+    }
+    if (remove) {
+        // Removing a name needs the names alone. A delete-pending file takes
+        // no new opens, so the decision still holds unless another clean-up
+        // of it removed it meanwhile.
+        std::unique_lock<std::shared_mutex> names(vcb->nameLock);
+        std::lock_guard<std::mutex> lock(vcb->mutex);
+        if (fcb->openCount == 0 && fcb->deletePending) RemoveFromHost(vcb, fcb, &done);
     }
     CompleteAll(done);
     return CompleteRequest(irp, STATUS_SUCCESS, 0);
@@ -76,17 +85,19 @@ NTSTATUS FsdClose(PDEVICE_OBJECT device, PIRP irp) {
     Fcb* fcb = FcbOf(fo);
     Ccb* ccb = CcbOf(fo);
     if (!vcb || !fcb) return CompleteRequest(irp, STATUS_SUCCESS, 0);
+    bool last;
     {
         std::lock_guard<std::mutex> lock(vcb->mutex);
-        if (ccb) DeleteCcb(ccb);
         fo->FsContext2 = nullptr;
         fo->FsContext = nullptr;
         if (fcb->referenceCount > 0) fcb->referenceCount--;
-        if (fcb->referenceCount == 0) {
-            UnlinkFcb(vcb, fcb);
-            DeleteFcb(fcb);
-        }
+        last = fcb->referenceCount == 0;
+        if (last) UnlinkFcb(vcb, fcb);
     }
+    // Out of every table: what is freed (and the host descriptor closed) is
+    // this request's alone.
+    if (ccb) DeleteCcb(ccb);
+    if (last) DeleteFcb(fcb);
     return CompleteRequest(irp, STATUS_SUCCESS, 0);
 }
 

@@ -44,6 +44,8 @@ ACCESS_MASK MapGenericAccess(ACCESS_MASK access) {
 
 struct CreateRequest {
     Vcb* vcb;
+    std::unique_lock<std::mutex>* lock;  // the volume mutex, held but for host calls of a shared open
+    bool shared;                         // the volume's name lock is held shared
     PFILE_OBJECT fo;
     ULONG options;
     ULONG disposition;
@@ -53,6 +55,37 @@ struct CreateRequest {
     ULONG attributes;
     UCHAR flags;
 };
+
+// A stretch of host calls. An open under the shared name lock leaves the
+// volume mutex for it, so that opens of other files go on meanwhile; no
+// name can change under it. Nothing read under the mutex before is relied
+// on after, but for what the open itself holds.
+class HostCall {
+public:
+    explicit HostCall(CreateRequest& rq) : lock_(rq.shared ? rq.lock : nullptr) {
+        if (lock_) lock_->unlock();
+    }
+    ~HostCall() {
+        if (lock_) lock_->lock();
+    }
+    HostCall(const HostCall&) = delete;
+    HostCall& operator=(const HostCall&) = delete;
+
+private:
+    std::unique_lock<std::mutex>* lock_;
+};
+
+// LookupChild with its host call outside the volume mutex.
+NTSTATUS FindChild(CreateRequest& rq, int dirFd, const std::u16string& name, Lookup* out) {
+    bool askCache;
+    NTSTATUS status;
+    {
+        HostCall host(rq);
+        status = LookupChildExact(dirFd, name, out, &askCache);
+    }
+    if (!NT_SUCCESS(status) || !askCache) return status;
+    return LookupChildCached(rq.vcb, dirFd, name, out);
+}
 
 void ReleaseIfUnused(Vcb* vcb, Fcb* fcb) {
     if (!fcb || fcb->referenceCount != 0) return;
@@ -68,8 +101,11 @@ void SetSizes(Fcb* fcb, const struct stat& st) {
 }
 
 // The control block of an existing host file, shared by every open of it.
-NTSTATUS GetFcb(Vcb* vcb, int parentFd, const Lookup& lk, const std::u16string& fullName,
+// A new one opens the host file and reads its metadata outside the volume
+// mutex; an open of the same file that made one meanwhile wins.
+NTSTATUS GetFcb(CreateRequest& rq, int parentFd, const Lookup& lk, const std::u16string& fullName,
                 const std::string& hostPath, Fcb** out) {
+    Vcb* vcb = rq.vcb;
     auto it = vcb->fcbs.find(lk.st.st_ino);
     if (it != vcb->fcbs.end()) {
         *out = it->second;
@@ -77,9 +113,22 @@ NTSTATUS GetFcb(Vcb* vcb, int parentFd, const Lookup& lk, const std::u16string& 
     }
     bool directory = S_ISDIR(lk.st.st_mode);
     bool writable = false;
-    int fd = hostPath.empty() ? openat(vcb->rootFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)
+    int fd, err = 0;
+    FileMeta meta;
+    {
+        HostCall host(rq);
+        fd = hostPath.empty() ? openat(vcb->rootFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)
                               : OpenHostChild(parentFd, lk.hostName, directory, &writable);
-    if (fd < 0) return StatusFromErrno(errno);
+        err = errno;
+        if (fd >= 0) LoadMeta(vcb, fd, lk.st.st_ino, &meta);
+    }
+    if (fd < 0) return StatusFromErrno(err);
+    it = vcb->fcbs.find(lk.st.st_ino);
+    if (it != vcb->fcbs.end()) {
+        close(fd);
+        *out = it->second;
+        return STATUS_SUCCESS;
+    }
     Fcb* fcb = CreateFcb(vcb, lk.st.st_ino);
     if (!fcb) {
         close(fd);
@@ -90,7 +139,7 @@ NTSTATUS GetFcb(Vcb* vcb, int parentFd, const Lookup& lk, const std::u16string& 
     fcb->isDirectory = directory;
     fcb->fullName = fullName;
     fcb->hostPath = hostPath;
-    LoadMeta(vcb, fd, lk.st.st_ino, &fcb->meta);
+    fcb->meta = std::move(meta);
     SetSizes(fcb, lk.st);
     vcb->fcbs[fcb->ino] = fcb;
     *out = fcb;
@@ -288,10 +337,13 @@ void CutToLastComponent(PFILE_OBJECT fo, const std::u16string& last) {
     fo->FileName.Length = static_cast<USHORT>(last.size() * 2);
 }
 
-NTSTATUS CommonCreate(Vcb* vcb, PIRP irp, ULONG_PTR* info, std::vector<PIRP>* done) {
+NTSTATUS CommonCreate(Vcb* vcb, PIRP irp, ULONG_PTR* info, std::vector<PIRP>* done,
+                      std::unique_lock<std::mutex>* lock, bool shared) {
     PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
     CreateRequest rq{};
     rq.vcb = vcb;
+    rq.lock = lock;
+    rq.shared = shared;
     rq.fo = sp->FileObject;
     rq.options = sp->Parameters.Create.Options & FILE_VALID_OPTION_FLAGS;
     rq.disposition = (sp->Parameters.Create.Options >> 24) & 0xFF;
@@ -360,14 +412,43 @@ NTSTATUS CommonCreate(Vcb* vcb, PIRP irp, ULONG_PTR* info, std::vector<PIRP>* do
     std::u16string dirName = u"\\";
     std::string dirHost;
     size_t walk = comps.empty() ? 0 : comps.size() - 1;
-    for (size_t i = 0; i < walk; ++i) {
+    size_t walked = 0;
+    // Where every directory on the way is spelled as on the host, one host
+    // call opens the parent; otherwise (another case, a short name, a link,
+    // a host without that call) the walk goes one component at a time.
+    if (walk > 0) {
+        std::string exact;
+        bool spelled = true;
+        for (size_t i = 0; i < walk && spelled; ++i) {
+            std::string part;
+            spelled = NtNameToHost(comps[i], &part);
+            exact = JoinHost(exact, part);
+        }
+        int fd = -1;
+        if (spelled) {
+            HostCall host(rq);
+            fd = OpenHostDirBeneath(vcb, exact);
+        }
+        if (fd >= 0) {
+            dir.reset(fd);
+            for (size_t i = 0; i < walk; ++i) dirName = JoinNt(dirName, comps[i]);
+            dirHost = exact;
+            walked = walk;
+        }
+    }
+    for (size_t i = walked; i < walk; ++i) {
         Lookup lk;
-        status = LookupChild(vcb, dir.fd, comps[i], &lk);
+        status = FindChild(rq, dir.fd, comps[i], &lk);
         if (!NT_SUCCESS(status)) return status;
         if (!lk.found || !S_ISDIR(lk.st.st_mode)) return STATUS_OBJECT_PATH_NOT_FOUND;
-        int next = openat(dir.fd, lk.hostName.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-        if (next < 0) return errno == ENOENT || errno == ENOTDIR || errno == ELOOP ? STATUS_OBJECT_PATH_NOT_FOUND
-                                                                                     : StatusFromErrno(errno);
+        int next, err;
+        {
+            HostCall host(rq);
+            next = openat(dir.fd, lk.hostName.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+            err = errno;
+        }
+        if (next < 0) return err == ENOENT || err == ENOTDIR || err == ELOOP ? STATUS_OBJECT_PATH_NOT_FOUND
+                                                                            : StatusFromErrno(err);
         dir.reset(next);
         dirName = JoinNt(dirName, lk.name);
         dirHost = JoinHost(dirHost, lk.hostName);
@@ -381,13 +462,13 @@ NTSTATUS CommonCreate(Vcb* vcb, PIRP irp, ULONG_PTR* info, std::vector<PIRP>* do
         Lookup lk;
         lk.found = true;
         fstat(dir.fd, &lk.st);
-        status = GetFcb(vcb, -1, lk, u"\\", "", &fcb);
+        status = GetFcb(rq, -1, lk, u"\\", "", &fcb);
         if (!NT_SUCCESS(status)) return status;
         status = CheckExisting(rq, fcb, false);
         *info = FILE_OPENED;
     } else if (targetDir) {
         Lookup lk;
-        status = LookupChild(vcb, dir.fd, comps.back(), &lk);
+        status = FindChild(rq, dir.fd, comps.back(), &lk);
         if (!NT_SUCCESS(status)) return status;
         ULONG_PTR exists = lk.found ? FILE_EXISTS : FILE_DOES_NOT_EXIST;
         Lookup parent;
@@ -395,12 +476,18 @@ NTSTATUS CommonCreate(Vcb* vcb, PIRP irp, ULONG_PTR* info, std::vector<PIRP>* do
         fstat(dir.fd, &parent.st);
         size_t slash = dirHost.rfind('/');
         if (dirHost.empty()) {
-            status = GetFcb(vcb, -1, parent, u"\\", "", &fcb);
+            status = GetFcb(rq, -1, parent, u"\\", "", &fcb);
         } else {
-            HostFd grand(OpenHostDir(vcb, slash == std::string::npos ? "" : dirHost.substr(0, slash)));
-            if (grand.fd < 0) return StatusFromErrno(errno);
+            HostFd grand;
+            int err;
+            {
+                HostCall host(rq);
+                grand.reset(OpenHostDir(vcb, slash == std::string::npos ? "" : dirHost.substr(0, slash)));
+                err = errno;
+            }
+            if (grand.fd < 0) return StatusFromErrno(err);
             parent.hostName = slash == std::string::npos ? dirHost : dirHost.substr(slash + 1);
-            status = GetFcb(vcb, grand.fd, parent, dirName, dirHost, &fcb);
+            status = GetFcb(rq, grand.fd, parent, dirName, dirHost, &fcb);
         }
         if (!NT_SUCCESS(status)) return status;
         rq.options = (rq.options | FILE_DIRECTORY_FILE) & ~FILE_NON_DIRECTORY_FILE;
@@ -412,10 +499,10 @@ NTSTATUS CommonCreate(Vcb* vcb, PIRP irp, ULONG_PTR* info, std::vector<PIRP>* do
         }
     } else {
         Lookup lk;
-        status = LookupChild(vcb, dir.fd, comps.back(), &lk);
+        status = FindChild(rq, dir.fd, comps.back(), &lk);
         if (!NT_SUCCESS(status)) return status;
         if (lk.found) {
-            status = GetFcb(vcb, dir.fd, lk, JoinNt(dirName, lk.name), JoinHost(dirHost, lk.hostName), &fcb);
+            status = GetFcb(rq, dir.fd, lk, JoinNt(dirName, lk.name), JoinHost(dirHost, lk.hostName), &fcb);
             if (!NT_SUCCESS(status)) return status;
             status = CheckExisting(rq, fcb, trailing);
             if (NT_SUCCESS(status) && fcb->openCount > 0) {
@@ -465,12 +552,30 @@ NTSTATUS CommonCreate(Vcb* vcb, PIRP irp, ULONG_PTR* info, std::vector<PIRP>* do
 NTSTATUS FsdCreate(PDEVICE_OBJECT device, PIRP irp) {
     Vcb* vcb = VcbOf(device);
     if (!vcb) return CompleteRequest(irp, STATUS_INVALID_DEVICE_REQUEST, 0);
+    // A plain open changes nothing on the host: it shares the volume's names
+    // with the other opens. Anything that may make, replace or empty a file,
+    // and an open by file id (which may search the volume), has them alone.
+    PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
+    const bool shared = ((sp->Parameters.Create.Options >> 24) & 0xFF) == FILE_OPEN &&
+                        !(sp->Parameters.Create.Options & FILE_OPEN_BY_FILE_ID);
+    std::shared_lock<std::shared_mutex> sharedNames(vcb->nameLock, std::defer_lock);
+    std::unique_lock<std::shared_mutex> ownNames(vcb->nameLock, std::defer_lock);
+    if (shared) {
+        sharedNames.lock();
+    } else {
+        ownNames.lock();
+    }
     ULONG_PTR info = 0;
     std::vector<PIRP> done;
     NTSTATUS status;
     {
-        std::lock_guard<std::mutex> lock(vcb->mutex);
-        status = CommonCreate(vcb, irp, &info, &done);
+        std::unique_lock<std::mutex> lock(vcb->mutex);
+        status = CommonCreate(vcb, irp, &info, &done, &lock, shared);
+    }
+    if (shared) {
+        sharedNames.unlock();
+    } else {
+        ownNames.unlock();
     }
     CompleteAll(done);
     return CompleteRequest(irp, status, info);

@@ -360,6 +360,9 @@ NTSTATUS FsdSetInformation(PDEVICE_OBJECT device, PIRP irp) {
     std::vector<PIRP> done;
     NTSTATUS status;
     {
+        // A rename, a deletion or a new size changes names or contents that
+        // opens and reads rely on: it has the names alone.
+        std::unique_lock<std::shared_mutex> names(vcb->nameLock);
         std::lock_guard<std::mutex> lock(vcb->mutex);
         auto need = [&](size_t size) { return buf && length >= size; };
         if (fcb->isVolume && cls != FilePositionInformation) {

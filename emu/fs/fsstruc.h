@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <shared_mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -133,7 +134,13 @@ struct Vcb {
     ULONG serialNumber = 0;
     int64_t creationTime = 0;
     std::unique_ptr<MetaStore> store;
-    std::mutex mutex;  // guards everything below and every Fcb/Ccb of the volume
+    // Names: held shared by opens that change nothing on the host, and by
+    // reads and clean-ups that remove nothing; exclusively by everything
+    // that makes, removes, renames or empties a file. Taken before mutex.
+    std::shared_mutex nameLock;
+    // Guards everything below and every Fcb/Ccb of the volume. Opens under
+    // a shared nameLock leave it for their host calls.
+    std::mutex mutex;
     std::unordered_map<uint64_t, Fcb*> fcbs;            // by inode
     std::unordered_map<uint64_t, std::u16string> idPaths;  // inode -> full name last seen
     std::map<uint64_t, DirCache> dirCaches;              // by directory inode
@@ -153,8 +160,20 @@ struct Lookup {
 // Opens the directory HOSTPATH (relative to the root; "" = root) walking
 // component by component without following links. -1 with errno on failure.
 int OpenHostDir(Vcb* vcb, const std::string& hostPath);
+// Opens the directory HOSTPATH (relative to the root) in one host call that
+// refuses, as the walk of OpenHostDir does, links and anything outside the
+// volume. -1 with errno on failure, also where the host lacks the call: the
+// caller then walks.
+int OpenHostDirBeneath(Vcb* vcb, const std::string& hostPath);
 // Resolves NAME (long or short, any case) inside the directory open as DIRFD.
+// Needs vcb->mutex (the directory cache); it is LookupChildExact, then, when
+// that asks for it, LookupChildCached.
 NTSTATUS LookupChild(Vcb* vcb, int dirFd, const std::u16string& name, Lookup* out);
+// NAME by its exact host spelling: host calls only, no lock needed. Sets
+// *ASKCACHE when that spelling names nothing on the host, so that only the
+// directory cache (other case, short names) can tell.
+NTSTATUS LookupChildExact(int dirFd, const std::u16string& name, Lookup* out, bool* askCache);
+NTSTATUS LookupChildCached(Vcb* vcb, int dirFd, const std::u16string& name, Lookup* out);
 // The directory's cache, read again when stale.
 DirCache* GetDirCache(Vcb* vcb, int dirFd);
 // Records a change the file system made itself in the directory open as DIRFD.

@@ -10,6 +10,8 @@
 // reaches; the others are reachable only by their exact spelling.
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -66,6 +68,16 @@ int OpenHostDir(Vcb* vcb, const std::string& hostPath) {
 }
 
 static bool Visible(const struct stat& st) { return S_ISREG(st.st_mode) || S_ISDIR(st.st_mode); }
+
+int OpenHostDirBeneath(Vcb* vcb, const std::string& hostPath) {
+    if (hostPath.empty()) return openat(vcb->rootFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    // Below the root, through directories only, no link of any kind: what
+    // the walk of OpenHostDir makes sure of, in one call.
+    struct open_how how = {};
+    how.flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS | RESOLVE_NO_XDEV;
+    return static_cast<int>(syscall(SYS_openat2, vcb->rootFd, hostPath.c_str(), &how, sizeof how));
+}
 
 int OpenHostChild(int dirFd, const std::string& hostName, bool directory, bool* writable) {
     const int common = O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK;
@@ -235,8 +247,9 @@ std::u16string GenerateShortName(Vcb* vcb, int dirFd, const std::u16string& long
     return UniqueShortName(*GetDirCache(vcb, dirFd), longName);
 }
 
-NTSTATUS LookupChild(Vcb* vcb, int dirFd, const std::u16string& name, Lookup* out) {
+NTSTATUS LookupChildExact(int dirFd, const std::u16string& name, Lookup* out, bool* askCache) {
     *out = Lookup();
+    *askCache = false;
     std::string host;
     if (!NtNameToHost(name, &host)) return STATUS_OBJECT_NAME_INVALID;
     // A host open by name first: the common case costs no directory read.
@@ -248,6 +261,19 @@ NTSTATUS LookupChild(Vcb* vcb, int dirFd, const std::u16string& name, Lookup* ou
         return STATUS_SUCCESS;
     }
     if (errno != ENOENT) return errno == ENAMETOOLONG ? STATUS_OBJECT_NAME_INVALID : STATUS_SUCCESS;
+    *askCache = true;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS LookupChild(Vcb* vcb, int dirFd, const std::u16string& name, Lookup* out) {
+    bool askCache;
+    NTSTATUS status = LookupChildExact(dirFd, name, out, &askCache);
+    if (!NT_SUCCESS(status) || !askCache) return status;
+    return LookupChildCached(vcb, dirFd, name, out);
+}
+
+NTSTATUS LookupChildCached(Vcb* vcb, int dirFd, const std::u16string& name, Lookup* out) {
+    *out = Lookup();
     DirCache* cache = GetDirCache(vcb, dirFd);
     std::u16string key = UpcaseString(name);
     auto it = cache->byLong.find(key);

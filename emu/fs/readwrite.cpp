@@ -1,7 +1,8 @@
 // IRP_MJ_READ and IRP_MJ_WRITE of the emulated NTFS driver. Data goes
 // straight to the host file (no cache of our own, so paging and non-cached
 // requests are served the same way); byte-range locks are checked for
-// every request that is not paging I/O.
+// every request that is not paging I/O. Reads move their data outside the
+// volume mutex; writes, which change the file's size and metadata, hold it.
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,14 +18,21 @@ bool UsesFilePointer(const LARGE_INTEGER& offset) {
     return offset.HighPart == -1 && offset.LowPart == FILE_USE_FILE_POINTER_POSITION;
 }
 
-NTSTATUS ReadLocked(Fcb* fcb, PFILE_OBJECT fo, PIRP irp, PVOID buffer, uint64_t start, ULONG length, bool paging,
-                    size_t* got) {
+// How many bytes a read at START may take, or the status that refuses it.
+// The caller holds the volume mutex.
+NTSTATUS CheckRead(Fcb* fcb, PFILE_OBJECT fo, PIRP irp, uint64_t start, ULONG length, bool paging, size_t* want) {
     PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
     uint64_t size = static_cast<uint64_t>(fcb->Header.FileSize.QuadPart);
     if (start >= size) return STATUS_END_OF_FILE;
     if (!paging && !CheckLockForRead(fcb, start, length, sp->Parameters.Read.Key, fo, IoGetRequestorProcess(irp)))
         return STATUS_FILE_LOCK_CONFLICT;
-    size_t want = static_cast<size_t>(std::min<uint64_t>(length, size - start));
+    *want = static_cast<size_t>(std::min<uint64_t>(length, size - start));
+    return STATUS_SUCCESS;
+}
+
+// Reads from the host file without the volume mutex: the descriptor lives
+// as long as the file object has requests, and other files' requests go on.
+NTSTATUS ReadHost(Fcb* fcb, PVOID buffer, uint64_t start, size_t want, size_t* got) {
     while (*got < want) {
         ssize_t n = pread(fcb->fd, static_cast<char*>(buffer) + *got, want - *got, static_cast<off_t>(start + *got));
         if (n < 0 && errno == EINTR) continue;
@@ -32,7 +40,6 @@ NTSTATUS ReadLocked(Fcb* fcb, PFILE_OBJECT fo, PIRP irp, PVOID buffer, uint64_t 
         if (n == 0) break;  // shortened on the host behind our back
         *got += static_cast<size_t>(n);
     }
-    if ((fo->Flags & FO_SYNCHRONOUS_IO) && !paging) fo->CurrentByteOffset.QuadPart = static_cast<LONGLONG>(start + *got);
     return STATUS_SUCCESS;
 }
 
@@ -123,11 +130,17 @@ NTSTATUS FsdRead(PDEVICE_OBJECT device, PIRP irp) {
     PVOID buffer = RequestBuffer(irp);
     if (!buffer) return CompleteRequest(irp, STATUS_INVALID_USER_BUFFER, 0);
 
-    size_t got = 0;
+    const uint64_t start = static_cast<uint64_t>(offset.QuadPart);
+    size_t want = 0, got = 0;
     {
         std::lock_guard<std::mutex> lock(vcb->mutex);
-        status = ReadLocked(fcb, fo, irp, buffer, static_cast<uint64_t>(offset.QuadPart), length, paging, &got);
+        status = CheckRead(fcb, fo, irp, start, length, paging, &want);
     }
+    if (NT_SUCCESS(status)) status = ReadHost(fcb, buffer, start, want, &got);
+    // The position of a synchronous file object is its own: the I/O manager
+    // sends it one request at a time.
+    if (NT_SUCCESS(status) && (fo->Flags & FO_SYNCHRONOUS_IO) && !paging)
+        fo->CurrentByteOffset.QuadPart = static_cast<LONGLONG>(start + got);
     return CompleteRequest(irp, status, got);
 }
 

@@ -315,3 +315,44 @@ TEST_F(FsTest, DeletePendingAndDeleteOnClose) {
     });
     EXPECT_TRUE(std::filesystem::exists(host / "full" / "x"));
 }
+
+// Opens of different files run at once, exact and other-case spellings
+// alike, while another thread makes, renames and deletes names in the same
+// directory: every open sees its own file whole, nothing deadlocks, and the
+// machine ends with nothing outstanding.
+TEST_F(FsTest, OpensOfDifferentFilesRunAtOnceWhileNamesChange) {
+    for (int k = 0; k < 2; k++) WriteHostFile(host / "d" / ("f" + std::to_string(k) + ".txt"), "file " + std::to_string(k));
+    WriteHostFile(host / "d" / "moving.txt", "m");
+    std::atomic<int> failures{0};
+    std::vector<std::unique_ptr<Machine::Thread>> threads;
+    for (int k = 0; k < 2; k++) {
+        threads.push_back(machine->StartThread(process, [&, k] {
+            const std::u16string exact = U("\\d\\f" + std::to_string(k) + ".txt");
+            const std::u16string other = U("\\D\\F" + std::to_string(k) + ".TXT");
+            for (int i = 0; i < 150; i++) {
+                OpenResult r = Open(i % 2 ? other : exact);
+                std::string data;
+                if (r.status != STATUS_SUCCESS || Read(r.handle, &data, 64, 0) != STATUS_SUCCESS ||
+                    data != "file " + std::to_string(k) || Close(r.handle) != STATUS_SUCCESS) {
+                    failures++;
+                }
+            }
+        }));
+    }
+    threads.push_back(machine->StartThread(process, [&] {
+        for (int i = 0; i < 50; i++) {
+            OpenResult made = Create(U("\\d\\new" + std::to_string(i)), FILE_SYNCHRONOUS_IO_NONALERT | FILE_DELETE_ON_CLOSE);
+            OpenResult moving = Open(i % 2 ? u"\\d\\moved.txt" : u"\\d\\moving.txt", GENERIC_READ | DELETE | SYNCHRONIZE);
+            if (made.status != STATUS_SUCCESS || moving.status != STATUS_SUCCESS ||
+                Rename(moving.handle, i % 2 ? u"moving.txt" : u"moved.txt", false) != STATUS_SUCCESS) {
+                failures++;
+            }
+            Close(moving.handle);
+            Close(made.handle);
+        }
+    }));
+    for (auto& thread : threads) thread->Join();
+    EXPECT_EQ(failures.load(), 0);
+    EXPECT_TRUE(std::filesystem::exists(host / "d" / "moving.txt"));
+    EXPECT_FALSE(std::filesystem::exists(host / "d" / "new0"));
+}
