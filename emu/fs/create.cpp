@@ -44,8 +44,12 @@ ACCESS_MASK MapGenericAccess(ACCESS_MASK access) {
 
 struct CreateRequest {
     Vcb* vcb;
-    std::unique_lock<std::mutex>* lock;  // the volume mutex, held but for host calls of a shared open
-    bool shared;                         // the volume's name lock is held shared
+    // The volume mutex. An open under the exclusive name lock holds it
+    // throughout; a shared open takes it only for the volume's tables and the
+    // directory caches, and from the moment it has found the file's control
+    // block to the end.
+    std::unique_lock<std::mutex>* lock;
+    bool shared;  // the volume's name lock is held shared
     PFILE_OBJECT fo;
     ULONG options;
     ULONG disposition;
@@ -56,13 +60,13 @@ struct CreateRequest {
     UCHAR flags;
 };
 
-// A stretch of host calls. An open under the shared name lock leaves the
-// volume mutex for it, so that opens of other files go on meanwhile; no
+// A stretch of host calls. An open under the shared name lock does it
+// without the volume mutex, so that opens of other files go on meanwhile; no
 // name can change under it. Nothing read under the mutex before is relied
 // on after, but for what the open itself holds.
 class HostCall {
 public:
-    explicit HostCall(CreateRequest& rq) : lock_(rq.shared ? rq.lock : nullptr) {
+    explicit HostCall(CreateRequest& rq) : lock_(rq.shared && rq.lock->owns_lock() ? rq.lock : nullptr) {
         if (lock_) lock_->unlock();
     }
     ~HostCall() {
@@ -70,6 +74,23 @@ public:
     }
     HostCall(const HostCall&) = delete;
     HostCall& operator=(const HostCall&) = delete;
+
+private:
+    std::unique_lock<std::mutex>* lock_;
+};
+
+// The volume mutex for a stretch that reads or changes the volume's tables:
+// taken when the open does not hold it yet, and given back after.
+class Tables {
+public:
+    explicit Tables(CreateRequest& rq) : lock_(rq.lock->owns_lock() ? nullptr : rq.lock) {
+        if (lock_) lock_->lock();
+    }
+    ~Tables() {
+        if (lock_) lock_->unlock();
+    }
+    Tables(const Tables&) = delete;
+    Tables& operator=(const Tables&) = delete;
 
 private:
     std::unique_lock<std::mutex>* lock_;
@@ -84,6 +105,7 @@ NTSTATUS FindChild(CreateRequest& rq, int dirFd, const std::u16string& name, Loo
         status = LookupChildExact(dirFd, name, out, &askCache);
     }
     if (!NT_SUCCESS(status) || !askCache) return status;
+    Tables tables(rq);
     return LookupChildCached(rq.vcb, dirFd, name, out);
 }
 
@@ -338,7 +360,7 @@ void CutToLastComponent(PFILE_OBJECT fo, const std::u16string& last) {
 }
 
 NTSTATUS CommonCreate(Vcb* vcb, PIRP irp, ULONG_PTR* info, std::vector<PIRP>* done,
-                      std::unique_lock<std::mutex>* lock, bool shared) {
+                      std::unique_lock<std::mutex>* lock, bool shared, HostFd& dir) {
     PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
     CreateRequest rq{};
     rq.vcb = vcb;
@@ -384,7 +406,10 @@ NTSTATUS CommonCreate(Vcb* vcb, PIRP irp, ULONG_PTR* info, std::vector<PIRP>* do
             if (!related->isVolume) return STATUS_OBJECT_NAME_INVALID;
             full = std::u16string(given);
         } else if (related->isVolume) {
-            if (given.empty()) return OpenVolume(rq, ccb, info);
+            if (given.empty()) {
+                Tables tables(rq);
+                return OpenVolume(rq, ccb, info);
+            }
             full = u"\\" + std::u16string(given);
         } else if (given.empty()) {
             full = related->fullName;
@@ -394,7 +419,10 @@ NTSTATUS CommonCreate(Vcb* vcb, PIRP irp, ULONG_PTR* info, std::vector<PIRP>* do
             full = JoinNt(related->fullName, std::u16string(given));
         }
     } else {
-        if (given.empty()) return OpenVolume(rq, ccb, info);
+        if (given.empty()) {
+            Tables tables(rq);
+            return OpenVolume(rq, ccb, info);
+        }
         if (given[0] != u'\\') return STATUS_OBJECT_NAME_INVALID;
         full = std::u16string(given);
     }
@@ -407,7 +435,8 @@ NTSTATUS CommonCreate(Vcb* vcb, PIRP irp, ULONG_PTR* info, std::vector<PIRP>* do
 
     // Walk to the parent of the last component, starting at the volume's own
     // root descriptor (an open of it per request would cost a system call).
-    HostFd dir(vcb->rootFd, false);
+    dir.fd = vcb->rootFd;
+    dir.owned = false;
     if (dir.fd < 0) return StatusFromErrno(errno);
     std::u16string dirName = u"\\";
     std::string dirHost;
@@ -454,6 +483,9 @@ NTSTATUS CommonCreate(Vcb* vcb, PIRP irp, ULONG_PTR* info, std::vector<PIRP>* do
         dirHost = JoinHost(dirHost, lk.hostName);
     }
 
+    // From here on the open works on the volume's tables: it holds the mutex
+    // but for the host calls of a new control block.
+    if (!lock->owns_lock()) lock->lock();
     Fcb* fcb = nullptr;
     bool changed = false;  // the file was made, superseded or overwritten
     if (comps.empty()) {
@@ -569,8 +601,10 @@ NTSTATUS FsdCreate(PDEVICE_OBJECT device, PIRP irp) {
     std::vector<PIRP> done;
     NTSTATUS status;
     {
-        std::unique_lock<std::mutex> lock(vcb->mutex);
-        status = CommonCreate(vcb, irp, &info, &done, &lock, shared);
+        HostFd dir;  // closed after the mutex is given back
+        std::unique_lock<std::mutex> lock(vcb->mutex, std::defer_lock);
+        if (!shared) lock.lock();
+        status = CommonCreate(vcb, irp, &info, &done, &lock, shared, dir);
     }
     if (shared) {
         sharedNames.unlock();
