@@ -96,11 +96,21 @@ private:
     std::unique_lock<std::mutex>* lock_;
 };
 
-// LookupChild with its host call outside the volume mutex.
-NTSTATUS FindChild(CreateRequest& rq, int dirFd, const std::u16string& name, Lookup* out) {
-    bool askCache;
-    NTSTATUS status;
-    {
+// Takes the volume mutex, to the end of the open, unless held already.
+void HoldTables(CreateRequest& rq) {
+    if (!rq.lock->owns_lock()) rq.lock->lock();
+}
+
+// LookupChild with its host call outside the volume mutex. SPELLEDABSENT:
+// the host just said that NAME's own spelling names nothing there, so that
+// only the directory cache can tell.
+NTSTATUS FindChild(CreateRequest& rq, int dirFd, const std::u16string& name, Lookup* out,
+                   bool spelledAbsent = false) {
+    bool askCache = true;
+    NTSTATUS status = STATUS_SUCCESS;
+    if (spelledAbsent) {
+        *out = Lookup();
+    } else {
         HostCall host(rq);
         status = LookupChildExact(dirFd, name, out, &askCache);
     }
@@ -122,9 +132,42 @@ void SetSizes(Fcb* fcb, const struct stat& st) {
     fcb->Header.AllocationSize.QuadPart = (size + kClusterSize - 1) / kClusterSize * kClusterSize;
 }
 
+// A host file opened for a new control block, and what was read of it.
+struct OpenedFile {
+    HostFd fd;
+    bool writable = false;
+    struct stat st {};
+    FileMeta meta;
+};
+
+// Gives the volume a control block for the host file OPENED, unless an open
+// of the same file made one meanwhile: that one wins, and OPENED keeps its
+// descriptor for the caller to close. Needs the volume mutex.
+NTSTATUS InstallFcb(CreateRequest& rq, OpenedFile& opened, const std::u16string& fullName,
+                    const std::string& hostPath, Fcb** out) {
+    Vcb* vcb = rq.vcb;
+    auto it = vcb->fcbs.find(opened.st.st_ino);
+    if (it != vcb->fcbs.end()) {
+        *out = it->second;
+        return STATUS_SUCCESS;
+    }
+    Fcb* fcb = CreateFcb(vcb, opened.st.st_ino);
+    if (!fcb) return STATUS_INSUFFICIENT_RESOURCES;
+    fcb->fd = std::exchange(opened.fd.fd, -1);
+    fcb->fdWritable = opened.writable;
+    fcb->isDirectory = S_ISDIR(opened.st.st_mode);
+    fcb->fullName = fullName;
+    fcb->hostPath = hostPath;
+    fcb->meta = std::move(opened.meta);
+    SetSizes(fcb, opened.st);
+    vcb->fcbs[fcb->ino] = fcb;
+    *out = fcb;
+    return STATUS_SUCCESS;
+}
+
 // The control block of an existing host file, shared by every open of it.
 // A new one opens the host file and reads its metadata outside the volume
-// mutex; an open of the same file that made one meanwhile wins.
+// mutex.
 NTSTATUS GetFcb(CreateRequest& rq, int parentFd, const Lookup& lk, const std::u16string& fullName,
                 const std::string& hostPath, Fcb** out) {
     Vcb* vcb = rq.vcb;
@@ -134,38 +177,18 @@ NTSTATUS GetFcb(CreateRequest& rq, int parentFd, const Lookup& lk, const std::u1
         return STATUS_SUCCESS;
     }
     bool directory = S_ISDIR(lk.st.st_mode);
-    bool writable = false;
-    int fd, err = 0;
-    FileMeta meta;
+    OpenedFile opened;
+    opened.st = lk.st;
+    int err = 0;
     {
         HostCall host(rq);
-        fd = hostPath.empty() ? openat(vcb->rootFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)
-                              : OpenHostChild(parentFd, lk.hostName, directory, &writable);
+        opened.fd.reset(hostPath.empty() ? openat(vcb->rootFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)
+                                         : OpenHostChild(parentFd, lk.hostName, directory, &opened.writable));
         err = errno;
-        if (fd >= 0) LoadMeta(vcb, fd, lk.st.st_ino, &meta);
+        if (opened.fd.fd >= 0) LoadMeta(vcb, opened.fd.fd, lk.st, &opened.meta);
     }
-    if (fd < 0) return StatusFromErrno(err);
-    it = vcb->fcbs.find(lk.st.st_ino);
-    if (it != vcb->fcbs.end()) {
-        close(fd);
-        *out = it->second;
-        return STATUS_SUCCESS;
-    }
-    Fcb* fcb = CreateFcb(vcb, lk.st.st_ino);
-    if (!fcb) {
-        close(fd);
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
-    fcb->fd = fd;
-    fcb->fdWritable = writable;
-    fcb->isDirectory = directory;
-    fcb->fullName = fullName;
-    fcb->hostPath = hostPath;
-    fcb->meta = std::move(meta);
-    SetSizes(fcb, lk.st);
-    vcb->fcbs[fcb->ino] = fcb;
-    *out = fcb;
-    return STATUS_SUCCESS;
+    if (opened.fd.fd < 0) return StatusFromErrno(err);
+    return InstallFcb(rq, opened, fullName, hostPath, out);
 }
 
 // The CCB of the open, made before anything on the host changes so that
@@ -359,39 +382,41 @@ void CutToLastComponent(PFILE_OBJECT fo, const std::u16string& last) {
     fo->FileName.Length = static_cast<USHORT>(last.size() * 2);
 }
 
-NTSTATUS CommonCreate(Vcb* vcb, PIRP irp, ULONG_PTR* info, std::vector<PIRP>* done,
-                      std::unique_lock<std::mutex>* lock, bool shared, HostFd& dir) {
+// The request's parameters, checked as NTFS checks them before it looks at
+// the name.
+NTSTATUS DecodeRequest(PIRP irp, CreateRequest* rq) {
     PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
-    CreateRequest rq{};
-    rq.vcb = vcb;
-    rq.lock = lock;
-    rq.shared = shared;
-    rq.fo = sp->FileObject;
-    rq.options = sp->Parameters.Create.Options & FILE_VALID_OPTION_FLAGS;
-    rq.disposition = (sp->Parameters.Create.Options >> 24) & 0xFF;
-    rq.requestedAccess = sp->Parameters.Create.SecurityContext ? sp->Parameters.Create.SecurityContext->DesiredAccess : 0;
-    rq.access = MapGenericAccess(rq.requestedAccess);
-    rq.share = sp->Parameters.Create.ShareAccess & FILE_SHARE_VALID_FLAGS;
-    rq.attributes = sp->Parameters.Create.FileAttributes;
-    rq.flags = sp->Flags;
-    PFILE_OBJECT fo = rq.fo;
-    if (!fo) return STATUS_INVALID_PARAMETER;
-
-    if (rq.disposition > FILE_MAXIMUM_DISPOSITION) return STATUS_INVALID_PARAMETER;
-    if ((rq.options & FILE_DIRECTORY_FILE) && (rq.options & FILE_NON_DIRECTORY_FILE)) return STATUS_INVALID_PARAMETER;
-    if ((rq.options & FILE_DIRECTORY_FILE) && rq.disposition != FILE_CREATE && rq.disposition != FILE_OPEN &&
-        rq.disposition != FILE_OPEN_IF)
+    rq->fo = sp->FileObject;
+    rq->options = sp->Parameters.Create.Options & FILE_VALID_OPTION_FLAGS;
+    rq->disposition = (sp->Parameters.Create.Options >> 24) & 0xFF;
+    rq->requestedAccess =
+        sp->Parameters.Create.SecurityContext ? sp->Parameters.Create.SecurityContext->DesiredAccess : 0;
+    rq->access = MapGenericAccess(rq->requestedAccess);
+    rq->share = sp->Parameters.Create.ShareAccess & FILE_SHARE_VALID_FLAGS;
+    rq->attributes = sp->Parameters.Create.FileAttributes;
+    rq->flags = sp->Flags;
+    if (!rq->fo) return STATUS_INVALID_PARAMETER;
+    if (rq->disposition > FILE_MAXIMUM_DISPOSITION) return STATUS_INVALID_PARAMETER;
+    if ((rq->options & FILE_DIRECTORY_FILE) && (rq->options & FILE_NON_DIRECTORY_FILE))
         return STATUS_INVALID_PARAMETER;
-    if ((rq.options & FILE_DELETE_ON_CLOSE) && !(rq.access & DELETE)) return STATUS_INVALID_PARAMETER;
-    PendingCcb ccb;
-    if (!ccb.Ok()) return STATUS_INSUFFICIENT_RESOURCES;
+    if ((rq->options & FILE_DIRECTORY_FILE) && rq->disposition != FILE_CREATE && rq->disposition != FILE_OPEN &&
+        rq->disposition != FILE_OPEN_IF)
+        return STATUS_INVALID_PARAMETER;
+    if ((rq->options & FILE_DELETE_ON_CLOSE) && !(rq->access & DELETE)) return STATUS_INVALID_PARAMETER;
+    return STATUS_SUCCESS;
+}
 
+// The full name the open is for: from a file reference, relative to the
+// related file object, or as given. *VOLUME when it is an open of the
+// volume itself.
+NTSTATUS FullNameOf(CreateRequest& rq, std::u16string* full, bool* volume) {
+    PFILE_OBJECT fo = rq.fo;
+    *volume = false;
     std::u16string_view given(reinterpret_cast<const char16_t*>(fo->FileName.Buffer), fo->FileName.Length / 2);
     if (fo->FileName.Length % 2) return STATUS_OBJECT_NAME_INVALID;
     Fcb* related = fo->RelatedFileObject ? FcbOf(fo->RelatedFileObject) : nullptr;
     if (fo->RelatedFileObject && !related) return STATUS_INVALID_PARAMETER;
 
-    std::u16string full;
     if (rq.options & FILE_OPEN_BY_FILE_ID) {
         // The name is the 8-byte file reference; a 16-byte object id is not
         // supported. An unknown reference is STATUS_INVALID_PARAMETER, as
@@ -400,183 +425,294 @@ NTSTATUS CommonCreate(Vcb* vcb, PIRP irp, ULONG_PTR* info, std::vector<PIRP>* do
         uint64_t id;
         memcpy(&id, fo->FileName.Buffer, sizeof id);
         std::string hostPath;
-        if (!FindPathById(vcb, id, &full, &hostPath)) return STATUS_INVALID_PARAMETER;
+        if (!FindPathById(rq.vcb, id, full, &hostPath)) return STATUS_INVALID_PARAMETER;
     } else if (related) {
         if (!given.empty() && given[0] == u'\\') {
             if (!related->isVolume) return STATUS_OBJECT_NAME_INVALID;
-            full = std::u16string(given);
+            full->assign(given);
         } else if (related->isVolume) {
-            if (given.empty()) {
-                Tables tables(rq);
-                return OpenVolume(rq, ccb, info);
-            }
-            full = u"\\" + std::u16string(given);
+            if (given.empty()) *volume = true;
+            else *full = u"\\" + std::u16string(given);
         } else if (given.empty()) {
-            full = related->fullName;
+            *full = related->fullName;
         } else {
             // A name relative to a file that is no directory names nothing.
             if (!related->isDirectory) return STATUS_INVALID_PARAMETER;
-            full = JoinNt(related->fullName, std::u16string(given));
+            *full = JoinNt(related->fullName, std::u16string(given));
         }
+    } else if (given.empty()) {
+        *volume = true;
     } else {
-        if (given.empty()) {
-            Tables tables(rq);
-            return OpenVolume(rq, ccb, info);
-        }
         if (given[0] != u'\\') return STATUS_OBJECT_NAME_INVALID;
-        full = std::u16string(given);
+        full->assign(given);
     }
+    return STATUS_SUCCESS;
+}
 
-    std::vector<std::u16string> comps;
-    bool trailing = false;
-    NTSTATUS status = SplitPath(full, &comps, &trailing);
-    if (!NT_SUCCESS(status)) return status;
-    bool targetDir = (rq.flags & SL_OPEN_TARGET_DIRECTORY) != 0;
+// The directory that holds the last component, once walked to.
+struct ParentDir {
+    HostFd fd;
+    std::u16string name = u"\\";  // its NT name
+    std::string host;             // its host path below the root ("" = root)
+    bool spelled = false;         // reached by the components' own spelling
+    bool leafAbsent = false;      // the last component's own spelling names nothing
+};
 
-    // Walk to the parent of the last component, starting at the volume's own
-    // root descriptor (an open of it per request would cost a system call).
-    dir.fd = vcb->rootFd;
-    dir.owned = false;
-    if (dir.fd < 0) return StatusFromErrno(errno);
-    std::u16string dirName = u"\\";
-    std::string dirHost;
-    size_t walk = comps.empty() ? 0 : comps.size() - 1;
+// The host spelling of the components [0, COUNT) of COMPS joined by '/';
+// false where one of them has none.
+bool HostSpelling(const std::vector<std::u16string>& comps, size_t count, std::string* host) {
+    host->clear();
+    for (size_t i = 0; i < count; ++i) {
+        std::string part;
+        if (!NtNameToHost(comps[i], &part)) return false;
+        *host = JoinHost(*host, part);
+    }
+    return true;
+}
+
+std::u16string JoinComponents(const std::vector<std::u16string>& comps, size_t count) {
+    std::u16string name = u"\\";
+    for (size_t i = 0; i < count; ++i) name = JoinNt(name, comps[i]);
+    return name;
+}
+
+// Walks to the directory that holds the last component, starting at the
+// volume's own root descriptor (an open of it per request would cost a
+// system call). Where every directory on the way is spelled as on the host,
+// one host call opens it; otherwise (another case, a short name, a link, a
+// host without that call) the walk goes one component at a time.
+NTSTATUS WalkToParent(CreateRequest& rq, const std::vector<std::u16string>& comps, ParentDir& parent) {
+    Vcb* vcb = rq.vcb;
+    parent.fd.fd = vcb->rootFd;
+    parent.fd.owned = false;
+    if (parent.fd.fd < 0) return StatusFromErrno(errno);
+    const size_t walk = comps.empty() ? 0 : comps.size() - 1;
     size_t walked = 0;
-    // Where every directory on the way is spelled as on the host, one host
-    // call opens the parent; otherwise (another case, a short name, a link,
-    // a host without that call) the walk goes one component at a time.
-    if (walk > 0) {
-        std::string exact;
-        bool spelled = true;
-        for (size_t i = 0; i < walk && spelled; ++i) {
-            std::string part;
-            spelled = NtNameToHost(comps[i], &part);
-            exact = JoinHost(exact, part);
-        }
-        int fd = -1;
-        if (spelled) {
+    parent.spelled = walk == 0;
+    std::string exact;
+    if (walk > 0 && HostSpelling(comps, walk, &exact)) {
+        int fd;
+        {
             HostCall host(rq);
             fd = OpenHostDirBeneath(vcb, exact);
         }
         if (fd >= 0) {
-            dir.reset(fd);
-            for (size_t i = 0; i < walk; ++i) dirName = JoinNt(dirName, comps[i]);
-            dirHost = exact;
+            parent.fd.reset(fd);
+            parent.name = JoinComponents(comps, walk);
+            parent.host = exact;
+            parent.spelled = true;
             walked = walk;
         }
     }
     for (size_t i = walked; i < walk; ++i) {
         Lookup lk;
-        status = FindChild(rq, dir.fd, comps[i], &lk);
+        NTSTATUS status = FindChild(rq, parent.fd.fd, comps[i], &lk);
         if (!NT_SUCCESS(status)) return status;
         if (!lk.found || !S_ISDIR(lk.st.st_mode)) return STATUS_OBJECT_PATH_NOT_FOUND;
         int next, err;
         {
             HostCall host(rq);
-            next = openat(dir.fd, lk.hostName.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+            next = openat(parent.fd.fd, lk.hostName.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
             err = errno;
         }
         if (next < 0) return err == ENOENT || err == ENOTDIR || err == ELOOP ? STATUS_OBJECT_PATH_NOT_FOUND
                                                                             : StatusFromErrno(err);
-        dir.reset(next);
-        dirName = JoinNt(dirName, lk.name);
-        dirHost = JoinHost(dirHost, lk.hostName);
+        parent.fd.reset(next);
+        parent.name = JoinNt(parent.name, lk.name);
+        parent.host = JoinHost(parent.host, lk.hostName);
     }
+    return STATUS_SUCCESS;
+}
 
-    // From here on the open works on the volume's tables: it holds the mutex
-    // but for the host calls of a new control block.
-    if (!lock->owns_lock()) lock->lock();
-    Fcb* fcb = nullptr;
-    bool changed = false;  // the file was made, superseded or overwritten
-    if (comps.empty()) {
-        // The root directory.
-        if (targetDir) return STATUS_INVALID_PARAMETER;
-        Lookup lk;
-        lk.found = true;
-        fstat(dir.fd, &lk.st);
-        status = GetFcb(rq, -1, lk, u"\\", "", &fcb);
-        if (!NT_SUCCESS(status)) return status;
-        status = CheckExisting(rq, fcb, false);
-        *info = FILE_OPENED;
-    } else if (targetDir) {
-        Lookup lk;
-        status = FindChild(rq, dir.fd, comps.back(), &lk);
-        if (!NT_SUCCESS(status)) return status;
-        ULONG_PTR exists = lk.found ? FILE_EXISTS : FILE_DOES_NOT_EXIST;
-        Lookup parent;
-        parent.found = true;
-        fstat(dir.fd, &parent.st);
-        size_t slash = dirHost.rfind('/');
-        if (dirHost.empty()) {
-            status = GetFcb(rq, -1, parent, u"\\", "", &fcb);
-        } else {
-            HostFd grand;
-            int err;
-            {
-                HostCall host(rq);
-                grand.reset(OpenHostDir(vcb, slash == std::string::npos ? "" : dirHost.substr(0, slash)));
-                err = errno;
-            }
-            if (grand.fd < 0) return StatusFromErrno(err);
-            parent.hostName = slash == std::string::npos ? dirHost : dirHost.substr(slash + 1);
-            status = GetFcb(rq, grand.fd, parent, dirName, dirHost, &fcb);
+// A plain open of a file spelled as on the host, in one host call without
+// a walk: the common case of an open. *FCB stays null when the host cannot
+// answer it so (see OpenHostFileBeneath); the walk then decides, with the
+// same outcome it would have had (PARENT.leafAbsent tells it what the host
+// said of the name). Takes the volume mutex once the file is
+// open; a descriptor left over (another open made the control block first)
+// goes to SPARE, closed after the mutex.
+NTSTATUS OpenSpelledFile(CreateRequest& rq, const std::vector<std::u16string>& comps, ParentDir& parent,
+                         Fcb** fcb) {
+    *fcb = nullptr;
+    std::string hostPath;
+    if (!HostSpelling(comps, comps.size(), &hostPath)) return STATUS_SUCCESS;
+    OpenedFile opened;
+    {
+        HostCall host(rq);
+        opened.fd.reset(OpenHostFileBeneath(rq.vcb, hostPath, &opened.writable, &opened.st));
+        if (opened.fd.fd < 0) {
+            parent.leafAbsent = errno == ENOENT;
+            return STATUS_SUCCESS;
         }
-        if (!NT_SUCCESS(status)) return status;
-        rq.options = (rq.options | FILE_DIRECTORY_FILE) & ~FILE_NON_DIRECTORY_FILE;
-        rq.disposition = FILE_OPEN;
-        status = CheckExisting(rq, fcb, false);
-        if (NT_SUCCESS(status)) {
-            CutToLastComponent(fo, comps.back());
-            *info = exists;
-        }
-    } else {
-        Lookup lk;
-        status = FindChild(rq, dir.fd, comps.back(), &lk);
-        if (!NT_SUCCESS(status)) return status;
-        if (lk.found) {
-            status = GetFcb(rq, dir.fd, lk, JoinNt(dirName, lk.name), JoinHost(dirHost, lk.hostName), &fcb);
-            if (!NT_SUCCESS(status)) return status;
-            status = CheckExisting(rq, fcb, trailing);
-            if (NT_SUCCESS(status) && fcb->openCount > 0) {
-                // Share access before anything is changed.
-                status = IoCheckShareAccess(rq.access, rq.share, fo, &fcb->ShareAccess, FALSE);
-            }
-            *info = FILE_OPENED;
-            if (NT_SUCCESS(status) && (rq.disposition == FILE_SUPERSEDE || rq.disposition == FILE_OVERWRITE ||
-                                       rq.disposition == FILE_OVERWRITE_IF)) {
-                status = Overwrite(rq, fcb);
-                changed = NT_SUCCESS(status);
-                *info = rq.disposition == FILE_SUPERSEDE ? FILE_SUPERSEDED : FILE_OVERWRITTEN;
-            }
-        } else if (rq.disposition == FILE_OPEN || rq.disposition == FILE_OVERWRITE) {
-            return STATUS_OBJECT_NAME_NOT_FOUND;
-        } else if (lk.hidden) {
-            return STATUS_ACCESS_DENIED;
-        } else if (trailing && !(rq.options & FILE_DIRECTORY_FILE)) {
-            return STATUS_OBJECT_NAME_INVALID;
-        } else {
-            status = CreateNew(rq, dir.fd, dirName, dirHost, comps.back(), &fcb);
-            if (!NT_SUCCESS(status)) return status;
-            changed = true;
-            *info = FILE_CREATED;
-        }
+        LoadMeta(rq.vcb, opened.fd.fd, opened.st, &opened.meta);
     }
-    if (NT_SUCCESS(status)) status = AttachToFileObject(rq, fcb, ccb);
+    HoldTables(rq);
+    NTSTATUS status = InstallFcb(rq, opened, JoinComponents(comps, comps.size()), hostPath, fcb);
+    parent.fd.reset(std::exchange(opened.fd.fd, -1));
+    return status;
+}
+
+// The root directory of the volume.
+NTSTATUS OpenRootDirectory(CreateRequest& rq, ParentDir& root, Fcb** fcb, ULONG_PTR* info) {
+    if (rq.flags & SL_OPEN_TARGET_DIRECTORY) return STATUS_INVALID_PARAMETER;
+    Lookup lk;
+    lk.found = true;
+    fstat(root.fd.fd, &lk.st);
+    NTSTATUS status = GetFcb(rq, -1, lk, u"\\", "", fcb);
+    if (!NT_SUCCESS(status)) return status;
+    *info = FILE_OPENED;
+    return CheckExisting(rq, *fcb, false);
+}
+
+// SL_OPEN_TARGET_DIRECTORY: the directory that holds LAST, opened as a
+// directory, with FILE_EXISTS or FILE_DOES_NOT_EXIST for LAST itself.
+NTSTATUS OpenTargetDirectory(CreateRequest& rq, ParentDir& parent, const std::u16string& last, Fcb** fcb,
+                             ULONG_PTR* info) {
+    Lookup lk;
+    NTSTATUS status = FindChild(rq, parent.fd.fd, last, &lk);
+    if (!NT_SUCCESS(status)) return status;
+    const ULONG_PTR exists = lk.found ? FILE_EXISTS : FILE_DOES_NOT_EXIST;
+    Lookup self;
+    self.found = true;
+    fstat(parent.fd.fd, &self.st);
+    if (parent.host.empty()) {
+        status = GetFcb(rq, -1, self, u"\\", "", fcb);
+    } else {
+        const size_t slash = parent.host.rfind('/');
+        HostFd grand;
+        int err;
+        {
+            HostCall host(rq);
+            grand.reset(OpenHostDir(rq.vcb, slash == std::string::npos ? "" : parent.host.substr(0, slash)));
+            err = errno;
+        }
+        if (grand.fd < 0) return StatusFromErrno(err);
+        self.hostName = slash == std::string::npos ? parent.host : parent.host.substr(slash + 1);
+        status = GetFcb(rq, grand.fd, self, parent.name, parent.host, fcb);
+    }
+    if (!NT_SUCCESS(status)) return status;
+    rq.options = (rq.options | FILE_DIRECTORY_FILE) & ~FILE_NON_DIRECTORY_FILE;
+    rq.disposition = FILE_OPEN;
+    status = CheckExisting(rq, *fcb, false);
+    if (NT_SUCCESS(status)) {
+        CutToLastComponent(rq.fo, last);
+        *info = exists;
+    }
+    return status;
+}
+
+// Checks an existing file for the request and supersedes or overwrites it
+// when asked; *CHANGED once it was.
+NTSTATUS OpenExisting(CreateRequest& rq, Fcb* fcb, bool trailing, ULONG_PTR* info, bool* changed) {
+    NTSTATUS status = CheckExisting(rq, fcb, trailing);
+    if (NT_SUCCESS(status) && fcb->openCount > 0) {
+        // Share access before anything is changed.
+        status = IoCheckShareAccess(rq.access, rq.share, rq.fo, &fcb->ShareAccess, FALSE);
+    }
+    *info = FILE_OPENED;
+    if (NT_SUCCESS(status) && (rq.disposition == FILE_SUPERSEDE || rq.disposition == FILE_OVERWRITE ||
+                               rq.disposition == FILE_OVERWRITE_IF)) {
+        status = Overwrite(rq, fcb);
+        *changed = NT_SUCCESS(status);
+        *info = rq.disposition == FILE_SUPERSEDE ? FILE_SUPERSEDED : FILE_OVERWRITTEN;
+    }
+    return status;
+}
+
+// The last component in its directory: opened, superseded or overwritten
+// when it exists, made when the disposition allows.
+NTSTATUS OpenOrCreateLeaf(CreateRequest& rq, ParentDir& parent, const std::u16string& last, bool trailing,
+                          Fcb** fcb, ULONG_PTR* info, bool* changed) {
+    Lookup lk;
+    NTSTATUS status = FindChild(rq, parent.fd.fd, last, &lk, parent.spelled && parent.leafAbsent);
+    if (!NT_SUCCESS(status)) return status;
+    HoldTables(rq);
+    if (lk.found) {
+        status = GetFcb(rq, parent.fd.fd, lk, JoinNt(parent.name, lk.name), JoinHost(parent.host, lk.hostName), fcb);
+        if (!NT_SUCCESS(status)) return status;
+        return OpenExisting(rq, *fcb, trailing, info, changed);
+    }
+    if (rq.disposition == FILE_OPEN || rq.disposition == FILE_OVERWRITE) return STATUS_OBJECT_NAME_NOT_FOUND;
+    if (lk.hidden) return STATUS_ACCESS_DENIED;
+    if (trailing && !(rq.options & FILE_DIRECTORY_FILE)) return STATUS_OBJECT_NAME_INVALID;
+    status = CreateNew(rq, parent.fd.fd, parent.name, parent.host, last, fcb);
+    if (!NT_SUCCESS(status)) return status;
+    *changed = true;
+    *info = FILE_CREATED;
+    return STATUS_SUCCESS;
+}
+
+// Gives the file object its control blocks and reports a change made to
+// the file, once the open can no longer fail.
+NTSTATUS FinishOpen(CreateRequest& rq, Fcb* fcb, PendingCcb& ccb, bool changed, ULONG_PTR* info,
+                    std::vector<PIRP>* done) {
+    NTSTATUS status = AttachToFileObject(rq, fcb, ccb);
     if (!NT_SUCCESS(status)) {
         *info = 0;
-        ReleaseIfUnused(vcb, fcb);
+        ReleaseIfUnused(rq.vcb, fcb);
         return status;
     }
-    // The change is reported once the open can no longer fail.
     if (changed && *info == FILE_CREATED) {
-        ReportChange(vcb, fcb->fullName, fcb->isDirectory ? FILE_NOTIFY_CHANGE_DIR_NAME : FILE_NOTIFY_CHANGE_FILE_NAME,
-                     FILE_ACTION_ADDED, done);
+        ReportChange(rq.vcb, fcb->fullName,
+                     fcb->isDirectory ? FILE_NOTIFY_CHANGE_DIR_NAME : FILE_NOTIFY_CHANGE_FILE_NAME, FILE_ACTION_ADDED,
+                     done);
     } else if (changed) {
-        ReportChange(vcb, fcb->fullName,
+        ReportChange(rq.vcb, fcb->fullName,
                      FILE_NOTIFY_CHANGE_SIZE | FILE_NOTIFY_CHANGE_LAST_WRITE | FILE_NOTIFY_CHANGE_ATTRIBUTES,
                      FILE_ACTION_MODIFIED, done);
     }
     return status;
+}
+
+NTSTATUS CommonCreate(CreateRequest& rq, PIRP irp, ULONG_PTR* info, std::vector<PIRP>* done, ParentDir& parent) {
+    NTSTATUS status = DecodeRequest(irp, &rq);
+    if (!NT_SUCCESS(status)) return status;
+    PendingCcb ccb;
+    if (!ccb.Ok()) return STATUS_INSUFFICIENT_RESOURCES;
+
+    std::u16string full;
+    bool volume;
+    status = FullNameOf(rq, &full, &volume);
+    if (!NT_SUCCESS(status)) return status;
+    if (volume) {
+        Tables tables(rq);
+        return OpenVolume(rq, ccb, info);
+    }
+    std::vector<std::u16string> comps;
+    bool trailing = false;
+    status = SplitPath(full, &comps, &trailing);
+    if (!NT_SUCCESS(status)) return status;
+    const bool targetDir = (rq.flags & SL_OPEN_TARGET_DIRECTORY) != 0;
+
+    Fcb* fcb = nullptr;
+    bool changed = false;  // the file was made, superseded or overwritten
+    if (rq.shared && !targetDir && !comps.empty()) {
+        status = OpenSpelledFile(rq, comps, parent, &fcb);
+        if (!NT_SUCCESS(status)) return status;
+    }
+    if (fcb) {
+        status = OpenExisting(rq, fcb, trailing, info, &changed);
+    } else {
+        status = WalkToParent(rq, comps, parent);
+        if (!NT_SUCCESS(status)) return status;
+        // From here on the open works on the volume's tables: it holds the
+        // mutex but for the host calls of a new control block.
+        if (comps.empty()) {
+            HoldTables(rq);
+            status = OpenRootDirectory(rq, parent, &fcb, info);
+        } else if (targetDir) {
+            HoldTables(rq);
+            status = OpenTargetDirectory(rq, parent, comps.back(), &fcb, info);
+        } else {
+            status = OpenOrCreateLeaf(rq, parent, comps.back(), trailing, &fcb, info, &changed);
+        }
+    }
+    if (!NT_SUCCESS(status)) {
+        *info = 0;
+        ReleaseIfUnused(rq.vcb, fcb);
+        return status;
+    }
+    return FinishOpen(rq, fcb, ccb, changed, info, done);
 }
 
 }  // namespace
@@ -601,10 +737,14 @@ NTSTATUS FsdCreate(PDEVICE_OBJECT device, PIRP irp) {
     std::vector<PIRP> done;
     NTSTATUS status;
     {
-        HostFd dir;  // closed after the mutex is given back
+        ParentDir parent;  // its descriptor is closed after the mutex is given back
         std::unique_lock<std::mutex> lock(vcb->mutex, std::defer_lock);
         if (!shared) lock.lock();
-        status = CommonCreate(vcb, irp, &info, &done, &lock, shared, dir);
+        CreateRequest rq{};
+        rq.vcb = vcb;
+        rq.lock = &lock;
+        rq.shared = shared;
+        status = CommonCreate(rq, irp, &info, &done, parent);
     }
     if (shared) {
         sharedNames.unlock();

@@ -101,10 +101,10 @@ bool Describe(Vcb* vcb, int dirFd, const char* hostName, EntryInfo* e) {
     auto open = vcb->fcbs.find(st.st_ino);
     if (open != vcb->fcbs.end()) {
         meta = open->second->meta;  // may hold changes not yet written back
-    } else {
+    } else if (!vcb->store->FindRecent(st, &meta)) {
         int fd = OpenHostChild(dirFd, hostName, directory, nullptr);
         if (fd >= 0) {
-            LoadMeta(vcb, fd, st.st_ino, &meta);
+            LoadMeta(vcb, fd, st, &meta);
             close(fd);
         }
     }

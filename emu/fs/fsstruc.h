@@ -165,6 +165,12 @@ int OpenHostDir(Vcb* vcb, const std::string& hostPath);
 // volume. -1 with errno on failure, also where the host lacks the call: the
 // caller then walks.
 int OpenHostDirBeneath(Vcb* vcb, const std::string& hostPath);
+// Opens the regular file or directory HOSTPATH (relative to the root, every
+// component spelled as on the host) for data, confined as
+// OpenHostDirBeneath, and fills *ST. -1 with errno when the host cannot
+// tell so directly (no such spelling, a link on the way, something that is
+// no regular file or directory, no such call): the caller then walks.
+int OpenHostFileBeneath(Vcb* vcb, const std::string& hostPath, bool* writable, struct stat* st);
 // Resolves NAME (long or short, any case) inside the directory open as DIRFD.
 // Needs vcb->mutex (the directory cache); it is LookupChildExact, then, when
 // that asks for it, LookupChildCached.
@@ -192,8 +198,8 @@ struct FileTimes {
 };
 void GetTimes(const struct stat& st, const FileMeta& meta, FileTimes* times);
 ULONG ReportedAttributes(const FileMeta& meta, bool directory);
-// Loads the metadata of a host file (giving it a short name when it has none).
-void LoadMeta(Vcb* vcb, int fd, uint64_t ino, FileMeta* meta);
+// Loads the metadata of a host file whose status ST was just read.
+void LoadMeta(Vcb* vcb, int fd, const struct stat& st, FileMeta* meta);
 // Finds the full name of inode INO, walking the volume when it is not known.
 bool FindPathById(Vcb* vcb, uint64_t ino, std::u16string* fullName, std::string* hostPath);
 

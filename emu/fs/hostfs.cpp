@@ -102,9 +102,33 @@ int OpenHostChild(int dirFd, const std::string& hostName, bool directory, bool* 
         errno = EACCES;
         return -1;
     }
-    // Back to blocking I/O; none of the other status flags were asked for.
-    fcntl(fd, F_SETFL, 0);
+    // O_NONBLOCK stays: on a regular file or a directory it changes no read
+    // or write (open(2)), and clearing it would cost a host call per open.
     return fd;
+}
+
+int OpenHostFileBeneath(Vcb* vcb, const std::string& hostPath, bool* writable, struct stat* st) {
+    // The confinement of OpenHostDirBeneath; O_NONBLOCK and O_NOCTTY so that
+    // a fifo or a device met here is opened without waiting or side effect,
+    // and then refused.
+    struct open_how how = {};
+    how.flags = O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS | RESOLVE_NO_XDEV;
+    *writable = true;
+    int fd = static_cast<int>(syscall(SYS_openat2, vcb->rootFd, hostPath.c_str(), &how, sizeof how));
+    if (fd < 0 && (errno == EISDIR || errno == EACCES || errno == EROFS || errno == ETXTBSY)) {
+        how.flags = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+        *writable = false;
+        fd = static_cast<int>(syscall(SYS_openat2, vcb->rootFd, hostPath.c_str(), &how, sizeof how));
+    }
+    if (fd < 0) return -1;
+    if (fstat(fd, st) != 0 || !Visible(*st)) {
+        close(fd);
+        errno = EACCES;
+        return -1;
+    }
+    if (S_ISDIR(st->st_mode)) *writable = false;
+    return fd;  // O_NONBLOCK stays, as in OpenHostChild
 }
 
 // ---- Directory caches -------------------------------------------------------
@@ -307,9 +331,8 @@ ULONG ReportedAttributes(const FileMeta& meta, bool directory) {
     return a ? a : FILE_ATTRIBUTE_NORMAL;
 }
 
-void LoadMeta(Vcb* vcb, int fd, uint64_t ino, FileMeta* meta) {
-    *meta = FileMeta();
-    vcb->store->Load(fd, ino, meta);
+void LoadMeta(Vcb* vcb, int fd, const struct stat& st, FileMeta* meta) {
+    vcb->store->LoadRecent(fd, st, meta);
 }
 
 static bool PathHasIno(Vcb* vcb, const std::string& hostPath, uint64_t ino) {

@@ -1,6 +1,7 @@
 // Metadata records and their host store (see metadata.h).
 #include "fs/metadata.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
@@ -126,7 +127,42 @@ bool MetaStore::Load(int fd, uint64_t ino, FileMeta* meta) const {
     return data && DecodeMeta(data->data(), data->size(), meta);
 }
 
+namespace {
+// Counts the writes of every store: a record read while one was made is not
+// kept, as it may be older than the change time it would be kept with.
+std::atomic<uint64_t> g_metaWrites{0};
+constexpr size_t kRecentRecords = 4096;  // then the records start over
+}  // namespace
+
+bool MetaStore::FindRecent(const struct stat& st, FileMeta* meta) const {
+    if (storeDirFd_ >= 0) return false;
+    std::lock_guard<std::mutex> guard(recentLock_);
+    auto it = recent_.find(st.st_ino);
+    if (it == recent_.end() || it->second.ctime.tv_sec != st.st_ctim.tv_sec ||
+        it->second.ctime.tv_nsec != st.st_ctim.tv_nsec)
+        return false;
+    *meta = it->second.meta;
+    return true;
+}
+
+void MetaStore::LoadRecent(int fd, const struct stat& st, FileMeta* meta) const {
+    *meta = FileMeta();
+    if (FindRecent(st, meta)) return;
+    const uint64_t writes = g_metaWrites.load();
+    Load(fd, st.st_ino, meta);
+    if (storeDirFd_ >= 0) return;
+    std::lock_guard<std::mutex> guard(recentLock_);
+    if (g_metaWrites.load() != writes) return;
+    if (recent_.size() >= kRecentRecords) recent_.clear();
+    recent_[st.st_ino] = Recent{st.st_ctim, *meta};
+}
+
 bool MetaStore::Save(int fd, uint64_t ino, const FileMeta& meta) const {
+    {
+        std::lock_guard<std::mutex> guard(recentLock_);
+        g_metaWrites++;
+        recent_.erase(ino);
+    }
     return Write(fd, ino, kMetaXattr, EncodeMeta(meta));
 }
 

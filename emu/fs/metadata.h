@@ -6,8 +6,12 @@
 // program can spell, so the volume never shows it).
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdint>
+#include <mutex>
 #include <optional>
+#include <unordered_map>
 #include <string>
 #include <vector>
 
@@ -40,6 +44,15 @@ public:
     bool UsesXattrs() const { return storeDirFd_ < 0; }
 
     bool Load(int fd, uint64_t ino, FileMeta* meta) const;
+    // The record of a file whose status ST was just read, empty when it has
+    // none. A record read before is taken again while the file's change time
+    // is the one it was read at (writing an extended attribute moves it; this
+    // store's own writes drop the record). Without extended attributes it is
+    // a plain Load.
+    void LoadRecent(int fd, const struct stat& st, FileMeta* meta) const;
+    // True when LoadRecent would answer without reading the host; *META is
+    // then its answer.
+    bool FindRecent(const struct stat& st, FileMeta* meta) const;
     bool Save(int fd, uint64_t ino, const FileMeta& meta) const;
     std::optional<std::vector<uint8_t>> LoadSecurity(int fd, uint64_t ino) const;
     bool SaveSecurity(int fd, uint64_t ino, const std::vector<uint8_t>& sd) const;
@@ -52,6 +65,12 @@ private:
     std::optional<std::vector<uint8_t>> Read(int fd, uint64_t ino, const char* which) const;
     bool Write(int fd, uint64_t ino, const char* which, const std::vector<uint8_t>& data) const;
     int storeDirFd_ = -1;
+    struct Recent {
+        struct timespec ctime;
+        FileMeta meta;
+    };
+    mutable std::mutex recentLock_;
+    mutable std::unordered_map<uint64_t, Recent> recent_;  // by inode
 };
 
 // NT time (100 ns since 1601) from a host timespec and back.

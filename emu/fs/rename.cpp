@@ -158,7 +158,7 @@ NTSTATUS RenameFile(Vcb* vcb, Fcb* fcb, PIRP irp, std::vector<PIRP>* done) {
         int tfd = OpenHostChild(dstFd, lk.hostName, false, nullptr);
         FileMeta tmeta;
         if (tfd >= 0) {
-            LoadMeta(vcb, tfd, lk.st.st_ino, &tmeta);
+            LoadMeta(vcb, tfd, lk.st, &tmeta);
             close(tfd);
         }
         if (ReportedAttributes(tmeta, false) & FILE_ATTRIBUTE_READONLY) return finish(STATUS_ACCESS_DENIED);

@@ -84,4 +84,25 @@ TEST_P(FsMetaStore, SavedMetadataIsSeenByANewStore) {
     close(fd);
 }
 
+// Two volumes over one host directory: what one writes, the other reads
+// on its next open, though it read the file's record before.
+TEST_P(FsMetaStore, ARecordReadBeforeGivesWayToAnyWrite) {
+    int fd = openat(root_, "f", O_CREAT | O_RDWR, 0644);
+    ASSERT_GE(fd, 0);
+    MetaStore mine(root_, GetParam()), other(root_, GetParam());
+    struct stat st;
+    FileMeta m, back;
+    for (ULONG attributes : {FILE_ATTRIBUTE_READONLY, FILE_ATTRIBUTE_HIDDEN, FILE_ATTRIBUTE_SYSTEM}) {
+        fstat(fd, &st);
+        mine.LoadRecent(fd, st, &back);
+        m.present = FileMeta::kHasAttributes;
+        m.attributes = attributes;
+        ASSERT_TRUE((attributes == FILE_ATTRIBUTE_HIDDEN ? mine : other).Save(fd, st.st_ino, m));
+        fstat(fd, &st);
+        mine.LoadRecent(fd, st, &back);
+        EXPECT_EQ(back.attributes, attributes);
+    }
+    close(fd);
+}
+
 INSTANTIATE_TEST_SUITE_P(XattrsAndFiles, FsMetaStore, ::testing::Values(false, true));
