@@ -3,6 +3,8 @@
 // device is mounted if need be, a FILE_OBJECT is made and IRP_MJ_CREATE goes
 // to the top of the stack of the device that serves it: the VPB's volume
 // device when the device has a mounted volume, else the device itself.
+#include <utility>
+
 #include "io/io_internal.h"
 
 namespace tervane::emu {
@@ -91,6 +93,190 @@ NTSTATUS IopMountIfNeeded(PDEVICE_OBJECT device, PVPB* result) {
     return STATUS_UNRECOGNIZED_VOLUME;
 }
 
+namespace {
+
+// One open on its way through the I/O manager: what the caller asked for,
+// and what the open found and made.
+struct OpenPacket {
+    KPROCESSOR_MODE mode;
+    ACCESS_MASK desiredAccess;
+    POBJECT_ATTRIBUTES attributes;
+    PLARGE_INTEGER allocationSize;
+    ULONG fileAttributes;
+    ULONG shareAccess;
+    ULONG disposition;
+    ULONG createOptions;
+    PVOID eaBuffer;
+    ULONG eaLength;
+    ULONG internalFlags;
+    // The target: the device the open goes to, the mounted volume on it, a
+    // related file object the name is relative to, and whether the open is
+    // of the device itself.
+    PDEVICE_OBJECT device = nullptr;
+    PVPB vpb = nullptr;
+    PFILE_OBJECT related = nullptr;
+    bool direct = false;
+    std::u16string remaining;  // the name below the device or related file
+    // The outcome of the create request.
+    IO_STATUS_BLOCK iosb{};
+};
+
+// A reference to an object, given back at the end of the scope unless
+// the scope hands it on.
+class ObjectReference {
+public:
+    ObjectReference() = default;
+    explicit ObjectReference(PVOID object) : object_(object) {}
+    ~ObjectReference() {
+        if (object_) ObfDereferenceObject(object_);
+    }
+    ObjectReference(const ObjectReference&) = delete;
+    ObjectReference& operator=(const ObjectReference&) = delete;
+    void Reset(PVOID object) {
+        if (object_) ObfDereferenceObject(object_);
+        object_ = object;
+    }
+    PVOID Get() const { return object_; }
+    PVOID Release() { return std::exchange(object_, nullptr); }
+
+private:
+    PVOID object_ = nullptr;
+};
+
+// Looks up the name and tells which device, volume and related file object
+// the open goes through, mounting the volume when the device has none yet.
+// TARGET holds the reference of the lookup.
+NTSTATUS IopResolveTarget(OpenPacket& op, ObjectReference& target) {
+    PVOID object;
+    NTSTATUS status = ObpLookupByAttributes(op.attributes, op.mode, false, &object, &op.remaining);
+    if (!NT_SUCCESS(status)) return status;
+    target.Reset(object);
+    POBJECT_TYPE type = ObGetObjectType(object);
+    if (type == *IoFileObjectType) {
+        op.related = static_cast<PFILE_OBJECT>(object);
+        op.device = op.related->DeviceObject;
+        op.vpb = op.related->Vpb;
+        op.direct = (op.related->Flags & FO_DIRECT_DEVICE_OPEN) != 0;
+        return STATUS_SUCCESS;
+    }
+    if (type != *IoDeviceObjectType) return STATUS_OBJECT_TYPE_MISMATCH;
+    op.device = static_cast<PDEVICE_OBJECT>(object);
+    op.direct = IsDirectDeviceOpen(op.remaining, op.desiredAccess);
+    return op.direct ? STATUS_SUCCESS : IopMountIfNeeded(op.device, &op.vpb);
+}
+
+// A FILE_OBJECT for the open, once the device takes opens.
+NTSTATUS IopMakeFileObject(OpenPacket& op, PFILE_OBJECT* file) {
+    NTSTATUS status;
+    {
+        std::lock_guard<std::mutex> guard(g_openLock);
+        if (IopDeviceExtension(op.device)->deletePending || (op.device->Flags & DO_DEVICE_INITIALIZING)) {
+            status = STATUS_NO_SUCH_DEVICE;
+        } else if ((op.device->Flags & DO_EXCLUSIVE) && op.device->ReferenceCount != 0 && !op.related) {
+            status = STATUS_ACCESS_DENIED;  // an exclusive device is opened once at a time
+        } else {
+            status = IopCreateFileObject(op.device, op.vpb, op.remaining, file);
+        }
+    }
+    if (!NT_SUCCESS(status)) return status;
+    (*file)->Flags |= FileObjectFlags(op.createOptions, op.attributes->Attributes) |
+                      (op.direct ? FO_DIRECT_DEVICE_OPEN : 0);
+    (*file)->RelatedFileObject = op.related;
+    return STATUS_SUCCESS;
+}
+
+// The security context and the IRP_MJ_CREATE request of the open, with a
+// copy of the caller's extended attributes.
+struct CreateRequest {
+    ACCESS_STATE accessState{};
+    IO_SECURITY_CONTEXT security{};
+    PIRP irp = nullptr;
+    PVOID eaCopy = nullptr;
+    ~CreateRequest() {
+        if (eaCopy) ExFreePoolWithTag(eaCopy, kTagBuffer);
+    }
+};
+
+NTSTATUS IopBuildCreateRequest(OpenPacket& op, PFILE_OBJECT file, CreateRequest& rq) {
+    PDEVICE_OBJECT top = IoGetRelatedDeviceObject(file);
+    PIRP irp = IoAllocateIrp(top->StackSize, FALSE);
+    if (!irp) return STATUS_INSUFFICIENT_RESOURCES;
+    if (op.eaLength) {
+        rq.eaCopy = ExAllocatePoolWithTag(NonPagedPool, op.eaLength, kTagBuffer);
+        if (!rq.eaCopy) {
+            IoFreeIrp(irp);
+            return STATUS_INSUFFICIENT_RESOURCES;
+        }
+        memcpy(rq.eaCopy, op.eaBuffer, op.eaLength);
+    }
+    rq.irp = irp;
+
+    ACCESS_MASK mapped = op.desiredAccess;
+    RtlMapGenericMask(&mapped, IoGetFileObjectGenericMapping());
+    rq.accessState.OriginalDesiredAccess = op.desiredAccess;
+    rq.accessState.RemainingDesiredAccess = mapped;
+    rq.security.SecurityQos = op.attributes->SecurityQualityOfService;
+    rq.security.AccessState = &rq.accessState;
+    rq.security.DesiredAccess = mapped;
+    rq.security.FullCreateOptions = op.createOptions;
+
+    irp->AllocationFlags |= kIrpService;
+    irp->Flags = IRP_CREATE_OPERATION | IRP_SYNCHRONOUS_API | IRP_DEFER_IO_COMPLETION;
+    irp->RequestorMode = op.mode;
+    irp->UserIosb = &op.iosb;
+    irp->UserEvent = &file->Event;
+    irp->AssociatedIrp.SystemBuffer = rq.eaCopy;
+    if (op.allocationSize) irp->Overlay.AllocationSize = *op.allocationSize;
+    IopSetRequestingThread(irp, CurrentThread());
+    irp->Tail.Overlay.OriginalFileObject = file;
+    PIO_STACK_LOCATION sp = IoGetNextIrpStackLocation(irp);
+    sp->MajorFunction = IRP_MJ_CREATE;
+    if (!(op.attributes->Attributes & OBJ_CASE_INSENSITIVE)) sp->Flags |= SL_CASE_SENSITIVE;
+    if (op.internalFlags & kOpenTargetDirectory) sp->Flags |= SL_OPEN_TARGET_DIRECTORY;
+    if (op.mode == UserMode || (op.attributes->Attributes & OBJ_FORCE_ACCESS_CHECK)) sp->Flags |= SL_FORCE_ACCESS_CHECK;
+    sp->Parameters.Create.SecurityContext = &rq.security;
+    sp->Parameters.Create.Options = (op.disposition << 24) | (op.createOptions & FILE_VALID_OPTION_FLAGS);
+    sp->Parameters.Create.FileAttributes = USHORT(op.fileAttributes);
+    sp->Parameters.Create.ShareAccess = USHORT(op.shareAccess);
+    sp->Parameters.Create.EaLength = op.eaLength;
+    sp->FileObject = file;
+    return STATUS_SUCCESS;
+}
+
+// Sends the request down and waits for it. As NT's parse routine: the
+// outcome is the request's final status block (a completion routine above
+// the file system may change it), not the value the dispatch routine
+// returned.
+NTSTATUS IopSendCreateRequest(OpenPacket& op, PFILE_OBJECT file, CreateRequest& rq) {
+    op.iosb.Status = STATUS_PENDING;
+    NTSTATUS status = IofCallDriver(IoGetRelatedDeviceObject(file), rq.irp);
+    if (status == STATUS_PENDING) {
+        KeWaitForSingleObject(&file->Event, Executive, KernelMode, FALSE, nullptr);
+        status = op.iosb.Status;
+    } else if (op.iosb.Status != STATUS_PENDING) {
+        status = op.iosb.Status;
+    }
+    return status;
+}
+
+// The open succeeded: the file object gets its handle, and the caller the
+// creation reference when it asked for it.
+NTSTATUS IopFinishOpen(OpenPacket& op, ObjectReference& file, PHANDLE fileHandle,
+                       PIO_STATUS_BLOCK ioStatusBlock, PFILE_OBJECT* openedFile) {
+    PFILE_OBJECT fo = static_cast<PFILE_OBJECT>(file.Get());
+    IopFileExtension(fo)->opened = true;
+    fo->Flags |= FO_HANDLE_CREATED;
+    NTSTATUS status = ObInsertHandle(fo, op.desiredAccess, op.attributes->Attributes, fileHandle);
+    if (!NT_SUCCESS(status)) {
+        ioStatusBlock->Status = status;
+        return status;
+    }
+    if (openedFile) *openedFile = static_cast<PFILE_OBJECT>(file.Release());
+    return STATUS_SUCCESS;
+}
+
+}  // namespace
+
 NTSTATUS IopCreateFile(KPROCESSOR_MODE mode, PHANDLE fileHandle, ACCESS_MASK desiredAccess,
                        POBJECT_ATTRIBUTES attributes, PIO_STATUS_BLOCK ioStatusBlock, PLARGE_INTEGER allocationSize,
                        ULONG fileAttributes, ULONG shareAccess, ULONG disposition, ULONG createOptions,
@@ -103,135 +289,31 @@ NTSTATUS IopCreateFile(KPROCESSOR_MODE mode, PHANDLE fileHandle, ACCESS_MASK des
         if (!NT_SUCCESS(status)) return status;
     }
     if (eaLength && !eaBuffer) return STATUS_INVALID_PARAMETER;
+    OpenPacket op{mode,       desiredAccess, attributes, allocationSize, fileAttributes, shareAccess,
+                  disposition, createOptions, eaBuffer,   eaLength,       internalFlags};
 
-    PVOID object;
-    std::u16string remaining;
-    status = ObpLookupByAttributes(attributes, mode, false, &object, &remaining);
+    ObjectReference target;  // the related object is only held for the open
+    status = IopResolveTarget(op, target);
     if (!NT_SUCCESS(status)) return status;
-
-    // Which device, volume and related file object the open goes through.
-    PFILE_OBJECT related = nullptr;
-    PDEVICE_OBJECT device;
-    PVPB vpb = nullptr;
-    bool direct = false;
-    POBJECT_TYPE type = ObGetObjectType(object);
-    if (type == *IoFileObjectType) {
-        related = static_cast<PFILE_OBJECT>(object);
-        device = related->DeviceObject;
-        vpb = related->Vpb;
-        direct = (related->Flags & FO_DIRECT_DEVICE_OPEN) != 0;
-    } else if (type == *IoDeviceObjectType) {
-        device = static_cast<PDEVICE_OBJECT>(object);
-        direct = IsDirectDeviceOpen(remaining, desiredAccess);
-        if (!direct) {
-            status = IopMountIfNeeded(device, &vpb);
-            if (!NT_SUCCESS(status)) {
-                ObfDereferenceObject(object);
-                return status;
-            }
-        }
-    } else {
-        ObfDereferenceObject(object);
-        return STATUS_OBJECT_TYPE_MISMATCH;
-    }
-
-    PFILE_OBJECT file;
+    PFILE_OBJECT fo;
+    status = IopMakeFileObject(op, &fo);
+    if (!NT_SUCCESS(status)) return status;
+    // Until the handle exists, the file object is freed by its last
+    // reference, without cleanup or close: it was never opened.
+    ObjectReference file(fo);
     {
-        std::lock_guard<std::mutex> guard(g_openLock);
-        if (IopDeviceExtension(device)->deletePending || (device->Flags & DO_DEVICE_INITIALIZING)) {
-            status = STATUS_NO_SUCH_DEVICE;
-        } else if ((device->Flags & DO_EXCLUSIVE) && device->ReferenceCount != 0 && !related) {
-            status = STATUS_ACCESS_DENIED;  // an exclusive device is opened once at a time
-        } else {
-            status = IopCreateFileObject(device, vpb, remaining, &file);
-        }
+        CreateRequest rq;
+        status = IopBuildCreateRequest(op, fo, rq);
+        if (!NT_SUCCESS(status)) return status;
+        status = IopSendCreateRequest(op, fo, rq);
     }
-    if (!NT_SUCCESS(status)) {
-        ObfDereferenceObject(object);
-        return status;
-    }
-    file->Flags |= FileObjectFlags(createOptions, attributes->Attributes) | (direct ? FO_DIRECT_DEVICE_OPEN : 0);
-    file->RelatedFileObject = related;
-
-    PDEVICE_OBJECT top = IoGetRelatedDeviceObject(file);
-    PIRP irp = IoAllocateIrp(top->StackSize, FALSE);
-    PVOID eaCopy = nullptr;
-    if (irp && eaLength) {
-        eaCopy = ExAllocatePoolWithTag(NonPagedPool, eaLength, kTagBuffer);
-        if (eaCopy) memcpy(eaCopy, eaBuffer, eaLength);
-    }
-    if (!irp || (eaLength && !eaCopy)) {
-        if (irp) IoFreeIrp(irp);
-        ObfDereferenceObject(file);
-        ObfDereferenceObject(object);
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
-
-    ACCESS_MASK mapped = desiredAccess;
-    RtlMapGenericMask(&mapped, IoGetFileObjectGenericMapping());
-    ACCESS_STATE accessState{};
-    accessState.OriginalDesiredAccess = desiredAccess;
-    accessState.RemainingDesiredAccess = mapped;
-    IO_SECURITY_CONTEXT security{};
-    security.SecurityQos = attributes->SecurityQualityOfService;
-    security.AccessState = &accessState;
-    security.DesiredAccess = mapped;
-    security.FullCreateOptions = createOptions;
-
-    IO_STATUS_BLOCK local{};
-    irp->AllocationFlags |= kIrpService;
-    irp->Flags = IRP_CREATE_OPERATION | IRP_SYNCHRONOUS_API | IRP_DEFER_IO_COMPLETION;
-    irp->RequestorMode = mode;
-    irp->UserIosb = &local;
-    irp->UserEvent = &file->Event;
-    irp->AssociatedIrp.SystemBuffer = eaCopy;
-    if (allocationSize) irp->Overlay.AllocationSize = *allocationSize;
-    IopSetRequestingThread(irp, CurrentThread());
-    irp->Tail.Overlay.OriginalFileObject = file;
-    PIO_STACK_LOCATION sp = IoGetNextIrpStackLocation(irp);
-    sp->MajorFunction = IRP_MJ_CREATE;
-    if (!(attributes->Attributes & OBJ_CASE_INSENSITIVE)) sp->Flags |= SL_CASE_SENSITIVE;
-    if (internalFlags & kOpenTargetDirectory) sp->Flags |= SL_OPEN_TARGET_DIRECTORY;
-    if (mode == UserMode || (attributes->Attributes & OBJ_FORCE_ACCESS_CHECK)) sp->Flags |= SL_FORCE_ACCESS_CHECK;
-    sp->Parameters.Create.SecurityContext = &security;
-    sp->Parameters.Create.Options = (disposition << 24) | (createOptions & FILE_VALID_OPTION_FLAGS);
-    sp->Parameters.Create.FileAttributes = USHORT(fileAttributes);
-    sp->Parameters.Create.ShareAccess = USHORT(shareAccess);
-    sp->Parameters.Create.EaLength = eaLength;
-    sp->FileObject = file;
-
-    local.Status = STATUS_PENDING;
-    status = IofCallDriver(top, irp);
-    if (status == STATUS_PENDING) {
-        KeWaitForSingleObject(&file->Event, Executive, KernelMode, FALSE, nullptr);
-        status = local.Status;
-    } else if (local.Status != STATUS_PENDING) {
-        // As NT's parse routine: the outcome is the request's final status
-        // block (a completion routine above the file system may change it),
-        // not the value the dispatch routine returned.
-        status = local.Status;
-    }
-    if (eaCopy) ExFreePoolWithTag(eaCopy, kTagBuffer);
-    if (related) ObfDereferenceObject(related);  // the related object is only held for the open
-    else ObfDereferenceObject(object);
+    target.Reset(nullptr);
 
     ioStatusBlock->Status = status;
-    ioStatusBlock->Information = local.Status == STATUS_PENDING ? 0 : local.Information;
-    if (!NT_SUCCESS(status) || status == STATUS_REPARSE) {
-        ObfDereferenceObject(file);  // never opened: freed without cleanup or close
-        return status;
-    }
-    IopFileExtension(file)->opened = true;
-    file->Flags |= FO_HANDLE_CREATED;
-    NTSTATUS handleStatus = ObInsertHandle(file, desiredAccess, attributes->Attributes, fileHandle);
-    if (!NT_SUCCESS(handleStatus)) {
-        ObfDereferenceObject(file);
-        ioStatusBlock->Status = handleStatus;
-        return handleStatus;
-    }
-    if (openedFile) *openedFile = file;  // the creation reference goes to the caller
-    else ObfDereferenceObject(file);
-    return status;
+    ioStatusBlock->Information = op.iosb.Status == STATUS_PENDING ? 0 : op.iosb.Information;
+    if (!NT_SUCCESS(status) || status == STATUS_REPARSE) return status;
+    NTSTATUS handleStatus = IopFinishOpen(op, file, fileHandle, ioStatusBlock, openedFile);
+    return NT_SUCCESS(handleStatus) ? status : handleStatus;
 }
 
 NTSTATUS IopOpenTargetDirectory(PFILE_OBJECT source, HANDLE rootDirectory, const std::u16string& name,
