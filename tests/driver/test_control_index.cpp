@@ -10,23 +10,16 @@ namespace {
 
 class ControlIndexTest : public DriverTest {
 protected:
+    ControlIndexTest() { mountHost = true; }
     void SetUp() override {
-        char pattern[] = "/tmp/trvn-control-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        volumeDir = pattern;
-        std::filesystem::create_directories(volumeDir + "/idx");
+        DriverTest::SetUp();
         indexfile::IndexBuilder builder;
         std::string error;
         ASSERT_TRUE(builder.Add(u"C:\\app\\a.txt", indexfile::kTypeFile, &error)) << error;
-        ASSERT_TRUE(indexfile::WriteIndexFiles(builder.Files(), volumeDir + "/idx/nodes", volumeDir + "/idx/names",
-                                               &error))
+        HostDir("idx");
+        ASSERT_TRUE(indexfile::WriteIndexFiles(builder.Files(), host / "idx/nodes", host / "idx/names", &error))
             << error;
-        DriverTest::SetUp();
         ASSERT_EQ(Load(), STATUS_SUCCESS);
-    }
-    void TearDown() override {
-        DriverTest::TearDown();
-        std::filesystem::remove_all(volumeDir);
     }
     BOOLEAN InIndex(const std::u16string& path) {
         BOOLEAN found = FALSE;
@@ -42,38 +35,38 @@ protected:
 
 TEST_F(ControlIndexTest, LoadOnceStartAndRename) {
     const std::vector<uint8_t> record = Slots({u"C:\\idx\\nodes", u"C:\\idx\\names"});
-    ASSERT_EQ(Fast(IOCTL_SET_FILTER_LIST, Slots({u"C:\\pack", u"C:\\base"}), 0).status, STATUS_SUCCESS);
-    ASSERT_EQ(Fast(IOCTL_LOAD_FILTER_INDEX, record, 0).status, STATUS_SUCCESS);
-    EXPECT_EQ(Fast(IOCTL_LOAD_FILTER_INDEX, record, 0).status, STATUS_INVALID_DEVICE_REQUEST) << "loaded once";
+    ASSERT_EQ(Control(IOCTL_SET_FILTER_LIST, Slots({u"C:\\pack", u"C:\\base"}), 0).status, STATUS_SUCCESS);
+    ASSERT_EQ(Control(IOCTL_LOAD_FILTER_INDEX, record, 0).status, STATUS_SUCCESS);
+    EXPECT_EQ(Control(IOCTL_LOAD_FILTER_INDEX, record, 0).status, STATUS_INVALID_DEVICE_REQUEST) << "loaded once";
     EXPECT_TRUE(InIndex(u"C:\\app\\a.txt"));
     EXPECT_FALSE(InIndex(u"C:\\app\\b.txt"));
 
-    ControlResult start = Fast(IOCTL_START_FILTERING, {}, 1);
+    ControlResult start = Control(IOCTL_START_FILTERING, {}, 1);
     EXPECT_EQ(start.status, STATUS_SUCCESS);
     EXPECT_EQ(start.output[0], 1);
     EXPECT_EQ(g_bFilteringEnabled, 1);
     const std::vector<uint8_t> rename = Slots({u"C:\\app\\a.txt", u"C:\\app\\b.txt"});
-    EXPECT_EQ(Fast(IOCTL_RENAME_INDEX_PATH, rename, 0).status, STATUS_INVALID_DEVICE_REQUEST);
+    EXPECT_EQ(Control(IOCTL_RENAME_INDEX_PATH, rename, 0).status, STATUS_INVALID_DEVICE_REQUEST);
     EXPECT_TRUE(InIndex(u"C:\\app\\a.txt"));
 
-    EXPECT_EQ(Fast(IOCTL_STOP_FILTERING, {}, 0).status, STATUS_SUCCESS);
-    EXPECT_EQ(Fast(IOCTL_RENAME_INDEX_PATH, rename, 0).status, STATUS_SUCCESS);
+    EXPECT_EQ(Control(IOCTL_STOP_FILTERING, {}, 0).status, STATUS_SUCCESS);
+    EXPECT_EQ(Control(IOCTL_RENAME_INDEX_PATH, rename, 0).status, STATUS_SUCCESS);
     EXPECT_FALSE(InIndex(u"C:\\app\\a.txt"));
     EXPECT_TRUE(InIndex(u"C:\\app\\b.txt"));
     // The rename's own answer is not reported.
-    EXPECT_EQ(Fast(IOCTL_RENAME_INDEX_PATH, Slots({u"C:\\none", u"C:\\other"}), 0).status, STATUS_SUCCESS);
+    EXPECT_EQ(Control(IOCTL_RENAME_INDEX_PATH, Slots({u"C:\\none", u"C:\\other"}), 0).status, STATUS_SUCCESS);
 }
 
 TEST_F(ControlIndexTest, FailedLoadLeavesFilteringOff) {
-    ASSERT_EQ(Fast(IOCTL_SET_FILTER_LIST, Slots({u"C:\\pack", u"C:\\base"}), 0).status, STATUS_SUCCESS);
-    EXPECT_EQ(Fast(IOCTL_LOAD_FILTER_INDEX, Slots({u"C:\\idx\\missing", u"C:\\idx\\names"}), 0).status,
+    ASSERT_EQ(Control(IOCTL_SET_FILTER_LIST, Slots({u"C:\\pack", u"C:\\base"}), 0).status, STATUS_SUCCESS);
+    EXPECT_EQ(Control(IOCTL_LOAD_FILTER_INDEX, Slots({u"C:\\idx\\missing", u"C:\\idx\\names"}), 0).status,
               STATUS_INVALID_DEVICE_REQUEST);
-    EXPECT_EQ(Fast(IOCTL_START_FILTERING, {}, 1).output[0], 0);
+    EXPECT_EQ(Control(IOCTL_START_FILTERING, {}, 1).output[0], 0);
     // A failed load may be followed by one that succeeds.
-    EXPECT_EQ(Fast(IOCTL_LOAD_FILTER_INDEX, Slots({u"C:\\idx\\nodes", u"C:\\idx\\names"}), 0).status,
+    EXPECT_EQ(Control(IOCTL_LOAD_FILTER_INDEX, Slots({u"C:\\idx\\nodes", u"C:\\idx\\names"}), 0).status,
               STATUS_SUCCESS);
-    EXPECT_EQ(Fast(IOCTL_START_FILTERING, {}, 1).output[0], 1);
-    EXPECT_EQ(Fast(IOCTL_STOP_FILTERING, {}, 0).status, STATUS_SUCCESS);
+    EXPECT_EQ(Control(IOCTL_START_FILTERING, {}, 1).output[0], 1);
+    EXPECT_EQ(Control(IOCTL_STOP_FILTERING, {}, 0).status, STATUS_SUCCESS);
 }
 
 }  // namespace

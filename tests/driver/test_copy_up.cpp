@@ -4,7 +4,7 @@
 
 #include "test_exists_support.h"
 
-namespace tervane::test::layers {
+namespace tervane::test {
 namespace {
 
 std::string Pattern(size_t size, int seed) {
@@ -68,7 +68,7 @@ protected:
         Close(h);
     }
     BOOLEAN CopyPath(const std::u16string& path, ULONG sourceMask, BOOLEAN directory) {
-        Text p(path);
+        Path p(path);
         BOOLEAN ok = FALSE;
         Kernel([&] { ok = FiltCopyFile(p.us(), sourceMask, 1, directory, FilterDevice()); });
         return ok;
@@ -94,8 +94,8 @@ TEST_F(CopyUpTest, AFileArrivesWithDataEndOfFileSecurityAttributesAndTimes) {
               Security(u"C:\\L2\\dir\\data.bin", DACL_SECURITY_INFORMATION));
     EXPECT_EQ(Security(u"C:\\L0\\dir\\data.bin", SACL_SECURITY_INFORMATION),
               Security(u"C:\\L2\\dir\\data.bin", SACL_SECURITY_INFORMATION));
-    EXPECT_EQ(Count("cannot read from src file"), 0u);
-    EXPECT_EQ(Count("cannot write to dest file"), 0u);
+    EXPECT_EQ(LogCount("cannot read from src file"), 0u);
+    EXPECT_EQ(LogCount("cannot write to dest file"), 0u);
 }
 
 TEST_F(CopyUpTest, TheLowestSourceIsCopiedAndSupersedesTheDestination) {
@@ -130,7 +130,7 @@ TEST_F(CopyUpTest, TheLowestSourceIsCopiedAndSupersedesTheDestination) {
             EXPECT_EQ(HostContent("L0/" + name), c.expected) << c.what;
         }
     }
-    EXPECT_EQ(Count("source not exists [C:\\f4.txt] /w FF[0]"), 1u);
+    EXPECT_EQ(LogCount("source not exists [C:\\f4.txt] /w FF[0]"), 1u);
 }
 
 // A directory gets what it lacks from every source, nearest first; what the
@@ -164,14 +164,14 @@ TEST_F(CopyUpTest, ADirectoryTreeIsCopiedWithoutItsHiddenEntries) {
         }
     }
     EXPECT_TRUE(std::filesystem::is_directory(host / "L0/D/empty")) << "an empty directory moves too";
-    EXPECT_EQ(Count("[warn]"), 0u);
+    EXPECT_EQ(LogCount("[warn]"), 0u);
 }
 
 TEST_F(CopyUpTest, AnAttributeCopyLeavesAnEmptyFileWithTheSourceAttributes) {
     HostFile("L1/x/f.txt", "content");
     Configure();
     SetBasic(u"C:\\L1\\x\\f.txt", FILE_ATTRIBUTE_SYSTEM, 131000000000000000LL);
-    Text p(u"C:\\x\\f.txt");
+    Path p(u"C:\\x\\f.txt");
     BOOLEAN ok = FALSE;
     Kernel([&] { ok = FiltCopyFileAttribute(p.us(), 2, 1, TRUE); });
     EXPECT_TRUE(ok);
@@ -179,11 +179,11 @@ TEST_F(CopyUpTest, AnAttributeCopyLeavesAnEmptyFileWithTheSourceAttributes) {
     FILE_BASIC_INFORMATION copy = Basic(u"C:\\L0\\x\\f.txt");
     EXPECT_EQ(copy.FileAttributes, ULONG(FILE_ATTRIBUTE_SYSTEM));
     EXPECT_EQ(copy.LastWriteTime.QuadPart, 131000000000000000LL);
-    Text missing(u"C:\\x\\none.txt");
+    Path missing(u"C:\\x\\none.txt");
     Kernel([&] { ok = FiltCopyFileAttribute(missing.us(), 2, 1, TRUE); });
     EXPECT_FALSE(ok);
-    EXPECT_EQ(Count("cannot open src file [C:\\L1\\x\\none.txt]"), 1u);
+    EXPECT_EQ(LogCount("cannot open src file [C:\\L1\\x\\none.txt]"), 1u);
 }
 
 }  // namespace
-}  // namespace tervane::test::layers
+}  // namespace tervane::test

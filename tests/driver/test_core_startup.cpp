@@ -1,5 +1,7 @@
 // Start-up: fast I/O table size by build, the system drive from the registry,
 // the log lines of a load, and the failures that stop start-up.
+#include <regex>
+
 #include "test_core_support.h"
 #include "core/log.h"
 

@@ -79,54 +79,15 @@ std::vector<SeenRequest>& TestVolume::Seen() { return g_seen; }
 PDEVICE_OBJECT TestVolume::Device() { return g_device; }
 
 void DriverTest::SetUp() {
-    machine = new emu::Machine(options);
+    TervaneTest::SetUp();
     g_seen.clear();
     TestVolume::failAttributeQuery = false;
     ASSERT_EQ(machine->LoadDriver(u"TestVolume", TestVolume::DriverEntry), STATUS_SUCCESS);
-    if (!volumeDir.empty()) {
-        ASSERT_EQ(machine->MountVolume('C', volumeDir), STATUS_SUCCESS);
+    if (mountHost) {
+        ASSERT_EQ(MountHost(), STATUS_SUCCESS);
     } else {
         ASSERT_EQ(machine->LinkDrive('C', u"\\Device\\TestVolume"), STATUS_SUCCESS);
     }
-}
-
-NTSTATUS DriverTest::Load() {
-    NTSTATUS status = machine->LoadDriver(u"Tervane", ::DriverEntry, &driver);
-    loaded = NT_SUCCESS(status);
-    return status;
-}
-
-void DriverTest::Kernel(const std::function<void()>& fn) { machine->Run(machine->SystemProcess(), fn); }
-
-void DriverTest::TearDown() {
-    if (controlHandle_ != nullptr) {
-        machine->Run(controller_, [&] { EXPECT_EQ(NtClose(controlHandle_), STATUS_SUCCESS); });
-    }
-    Kernel([] { ReleaseDriverState(); });
-    emu::VerifierReport report = machine->Shutdown();
-    EXPECT_TRUE(report.Clean()) << report.ToString();
-    delete machine;
-    machine = nullptr;
-}
-
-ControlResult DriverTest::Fast(ULONG code, const std::vector<uint8_t>& input, ULONG outputLength) {
-    if (controlHandle_ == nullptr) {
-        controller_ = machine->CreateProcess(900, "controller.exe");
-        EXPECT_EQ(OpenControlDevice(*machine, controller_, &controlHandle_), STATUS_SUCCESS);
-    }
-    ControlResult result;
-    result.output.assign(outputLength, kUntouched);
-    std::vector<uint8_t> in = input;
-    machine->Run(controller_, [&] {
-        IO_STATUS_BLOCK iosb = {};
-        NTSTATUS status = NtDeviceIoControlFile(controlHandle_, nullptr, nullptr, nullptr, &iosb, code,
-                                                in.empty() ? nullptr : in.data(), (ULONG)in.size(),
-                                                outputLength ? result.output.data() : nullptr, outputLength);
-        EXPECT_EQ(status, iosb.Status);
-        result.status = iosb.Status;
-        result.information = iosb.Information;
-    });
-    return result;
 }
 
 namespace {
@@ -172,16 +133,6 @@ std::vector<std::string> DriverTest::LogMatching(const std::string& text) const 
         if (line.find(text) != std::string::npos) lines.push_back(line);
     }
     return lines;
-}
-
-std::u16string SlotPath(const std::vector<uint8_t>& buffer, size_t slot) {
-    std::u16string path;
-    for (size_t i = slot * PATH_SLOT_SIZE; i + 1 < (slot + 1) * PATH_SLOT_SIZE && i + 1 < buffer.size(); i += 2) {
-        char16_t c = (char16_t)(buffer[i] | (buffer[i + 1] << 8));
-        if (c == 0) break;
-        path.push_back(c);
-    }
-    return path;
 }
 
 }  // namespace tervane::test

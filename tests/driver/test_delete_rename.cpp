@@ -1,19 +1,19 @@
 // Delete in filter directories: FiltDeleteFile and DeleteRealFile.
 #include "test_exists_support.h"
 
-namespace tervane::test::layers {
+namespace tervane::test {
 namespace {
 
 class DeleteTest : public LayersTest {
 protected:
     BOOLEAN Delete(const std::u16string& path) {
-        Text p(path);
+        Path p(path);
         BOOLEAN ok = FALSE;
         Kernel([&] { ok = FiltDeleteFile(p.us()); });
         return ok;
     }
     bool Hidden(const std::u16string& path) {
-        Text p(path);
+        Path p(path);
         BOOLEAN hidden = FALSE;
         Kernel([&] { hidden = IsPathHidden(p.us()); });
         return hidden;
@@ -79,7 +79,7 @@ TEST_F(DeleteTest, WithoutTheDispositionRecordNothingIsDeletedOrHidden) {
     machine->ClearFaultInjection();
     EXPECT_TRUE(HostExists("L0/keep.txt"));
     EXPECT_FALSE(Hidden(u"C:\\keep.txt"));
-    Text real(u"C:\\L0\\keep.txt");
+    Path real(u"C:\\L0\\keep.txt");
     NTSTATUS status = 0;
     machine->FailAllocationsWithTag("0SDF");
     Kernel([&] { status = DeleteRealFile(real.us()); });
@@ -88,4 +88,4 @@ TEST_F(DeleteTest, WithoutTheDispositionRecordNothingIsDeletedOrHidden) {
 }
 
 }  // namespace
-}  // namespace tervane::test::layers
+}  // namespace tervane::test

@@ -2,75 +2,28 @@
 
 #include <algorithm>
 #include <cstring>
-#include <cstdlib>
-#include <fstream>
-#include <iostream>
 
 #include "control/control.h"
 #include "control/filter_directory.h"
 #include "core/tervane.h"
 #include "dispatch/file_handle_table.h"
 #include "indexfile/indexfile.h"
-#include "test_harness.h"
-
-namespace fs = std::filesystem;
 
 namespace tervane::test {
 
 void DispatchTest::SetUp() {
-    char tmpl[] = "/tmp/tervane-dispatch-XXXXXX";
-    host = mkdtemp(tmpl);
-    for (const char* dir : {kPack, kMid, kBase, "ctl"}) fs::create_directories(host / dir);
-    machine = std::make_unique<emu::Machine>();
-    ASSERT_EQ(machine->MountVolume('C', host.string()), STATUS_SUCCESS);
-    ASSERT_EQ(machine->LoadDriver(u"Tervane", ::DriverEntry), STATUS_SUCCESS);
+    TervaneTest::SetUp();
+    for (const char* dir : {kPack, kMid, kBase, "ctl"}) HostDir(dir);
+    ASSERT_EQ(MountHost(), STATUS_SUCCESS);
+    ASSERT_EQ(LoadTervane(), STATUS_SUCCESS);
     app = machine->CreateProcess(1234, "app.exe");
     other = machine->CreateProcess(77, "other.exe");
 }
 
-void DispatchTest::TearDown() {
-    if (controlHandle_ != nullptr) {
-        machine->Run(controller_, [&] { EXPECT_EQ(NtClose(controlHandle_), STATUS_SUCCESS); });
-    }
-    if (HasFailure() && getenv("TERVANE_TEST_LOG") != nullptr) {
-        for (const auto& line : machine->LogLines()) std::cerr << line << "\n";
-    }
-    // Handles a failed test left open are closed while the driver still
-    // serves their redirected opens.
+void DispatchTest::BeforeShutdown() {
     machine->TerminateProcess(app);
     machine->TerminateProcess(other);
-    machine->Run(machine->SystemProcess(), [] { ReleaseDriverState(); });
-    emu::VerifierReport report = machine->Shutdown();
-    EXPECT_TRUE(report.Clean()) << report.ToString();
-    machine.reset();
-    fs::remove_all(host);
-}
-
-void DispatchTest::HostFile(const std::string& rel, const std::string& content) {
-    fs::create_directories((host / rel).parent_path());
-    std::ofstream(host / rel, std::ios::binary | std::ios::trunc) << content;
-}
-
-void DispatchTest::HostDir(const std::string& rel) { fs::create_directories(host / rel); }
-
-bool DispatchTest::HostExists(const std::string& rel) const { return fs::exists(host / rel); }
-
-std::string DispatchTest::HostContent(const std::string& rel) const {
-    std::ifstream in(host / rel, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-NTSTATUS DispatchTest::Control(ULONG code, const std::vector<uint8_t>& input) {
-    NTSTATUS result = STATUS_UNSUCCESSFUL;
-    machine->Run(controller_, [&] {
-        std::vector<uint8_t> in = input;
-        std::vector<uint8_t> out(64, 0);
-        IO_STATUS_BLOCK iosb = {};
-        NtDeviceIoControlFile(controlHandle_, nullptr, nullptr, nullptr, &iosb, code, in.data(), ULONG(in.size()),
-                              out.data(), ULONG(out.size()));
-        result = iosb.Status;
-    });
-    return result;
+    TervaneTest::BeforeShutdown();
 }
 
 void DispatchTest::Configure() {
@@ -80,15 +33,13 @@ void DispatchTest::Configure() {
     ASSERT_TRUE(indexfile::WriteIndexFiles(files, host / "ctl" / "base.node", host / "ctl" / "base.name", &error))
         << error;
 
-    controller_ = machine->CreateProcess(900, "controller.exe");
-    ASSERT_EQ(OpenControlDevice(*machine, controller_, &controlHandle_), STATUS_SUCCESS);
     ASSERT_EQ(Control(IOCTL_SET_FILTER_LIST,
-                      Slots({u"C:\\layers\\pack", u"C:\\layers\\mid", u"C:\\layers\\base"})),
+                      Slots({u"C:\\layers\\pack", u"C:\\layers\\mid", u"C:\\layers\\base"})).status,
               STATUS_SUCCESS);
-    ASSERT_EQ(Control(IOCTL_LOAD_FILTER_INDEX, Slots({u"C:\\ctl\\base.node", u"C:\\ctl\\base.name"})),
+    ASSERT_EQ(Control(IOCTL_LOAD_FILTER_INDEX, Slots({u"C:\\ctl\\base.node", u"C:\\ctl\\base.name"})).status,
               STATUS_SUCCESS);
-    ASSERT_EQ(Control(IOCTL_ADD_PROCESS, ProcessRecord(1234, u"app.exe")), STATUS_SUCCESS);
-    ASSERT_EQ(Control(IOCTL_START_FILTERING, {}), STATUS_SUCCESS);
+    ASSERT_EQ(Control(IOCTL_ADD_PROCESS, ProcessRecord(1234, u"app.exe")).status, STATUS_SUCCESS);
+    ASSERT_EQ(Control(IOCTL_START_FILTERING, {}, 1).status, STATUS_SUCCESS);
 }
 
 OpenResult DispatchTest::Open(emu::Process* process, const std::u16string& path, ACCESS_MASK access,
@@ -177,8 +128,6 @@ std::vector<std::string> DispatchTest::List(emu::Process* process, const std::u1
     std::sort(names.begin(), names.end());
     return names;
 }
-
-size_t DispatchTest::LogCount(const std::string& text) const { return CountInLog(*machine, text); }
 
 ULONG DispatchTest::FilterFlagOf(HANDLE handle) {
     ULONG flag = 0;

@@ -4,15 +4,11 @@
 // a monitored process (1234, app.exe) and one that is not (77, other.exe).
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <emu/machine.h>
-
-#include <filesystem>
 #include <functional>
-#include <memory>
 #include <string>
 #include <vector>
+
+#include "driver_test.h"
 
 namespace tervane::test {
 
@@ -23,22 +19,12 @@ constexpr const char* kBase = "layers/base";
 
 constexpr LONGLONG kEndOfFile = -2;
 
-struct OpenResult {
-    NTSTATUS status = 0;
-    ULONG_PTR information = 0;
-    HANDLE handle = nullptr;
-};
-
-class DispatchTest : public ::testing::Test {
+class DispatchTest : public TervaneTest {
 protected:
     void SetUp() override;
-    void TearDown() override;
-
-    // Host side: a file (and its parents) below the volume root.
-    void HostFile(const std::string& rel, const std::string& content);
-    void HostDir(const std::string& rel);
-    bool HostExists(const std::string& rel) const;
-    std::string HostContent(const std::string& rel) const;
+    // Ends both processes first: handles a failed test left open are closed
+    // while the driver still serves their redirected opens.
+    void BeforeShutdown() override;
 
     // Builds the base's index from what is on disk now, sets the filter
     // directories, loads the index, adds app.exe and switches filtering on.
@@ -67,21 +53,11 @@ protected:
     // Names of a full listing of a directory, as PROCESS sees it, sorted.
     std::vector<std::string> List(emu::Process* process, const std::u16string& dir);
 
-    // Log lines since the fixture started that hold TEXT.
-    size_t LogCount(const std::string& text) const;
-
     // The filter entry flag the handle table holds for HANDLE, 0 when none.
     ULONG FilterFlagOf(HANDLE handle);
 
-    std::filesystem::path host;
-    std::unique_ptr<emu::Machine> machine;
     emu::Process* app = nullptr;
     emu::Process* other = nullptr;
-
-private:
-    NTSTATUS Control(ULONG code, const std::vector<uint8_t>& input);
-    emu::Process* controller_ = nullptr;
-    HANDLE controlHandle_ = nullptr;
 };
 
 }  // namespace tervane::test

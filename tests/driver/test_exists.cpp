@@ -1,7 +1,7 @@
 // Existence across filter directories: CheckFileExists, FiltCheckFileExists.
 #include "test_exists_support.h"
 
-namespace tervane::test::layers {
+namespace tervane::test {
 namespace {
 
 class ExistsTest : public LayersTest {
@@ -56,7 +56,7 @@ TEST_F(ExistsTest, MaskNamesEveryFilterDirectoryThatHoldsThePath) {
         EXPECT_EQ(Exists(c.path, c.mask), c.expected) << std::string(c.path.begin(), c.path.end()) << " mask "
                                                       << c.mask;
     }
-    EXPECT_EQ(Count("unknown err["), 0u);
+    EXPECT_EQ(LogCount("unknown err["), 0u);
 }
 
 TEST_F(ExistsTest, StatusOutRanksSuccessOverNameOverPathNotFound) {
@@ -93,7 +93,7 @@ TEST_F(ExistsTest, AnObjectThatCannotBeOpenedForReadingCountsAsAbsent) {
     NTSTATUS status = 0;
     EXPECT_EQ(Exists(u"C:\\both01.txt", kAll, &status), 2u);
     EXPECT_EQ(status, STATUS_SHARING_VIOLATION) << "filter directory 0's failure stays";
-    EXPECT_EQ(Count("unknown err[" + std::to_string((int)STATUS_SHARING_VIOLATION) +
+    EXPECT_EQ(LogCount("unknown err[" + std::to_string((int)STATUS_SHARING_VIOLATION) +
                     "] for [\\DosDevices\\C:\\L0\\both01.txt]"),
               1u);
     Close(held);
@@ -108,10 +108,10 @@ TEST_F(ExistsTest, HiddenAndUnlistedPathsAreNeverProbedOnDisk) {
     Hide(u"C:\\only1.txt");
     EXPECT_EQ(Exists(u"C:\\unlisted2.txt"), 0u);
     EXPECT_EQ(Exists(u"C:\\only1.txt"), 0u);
-    EXPECT_EQ(Count("unknown err["), 0u);
+    EXPECT_EQ(LogCount("unknown err["), 0u);
     Close(heldUnlisted);
     Close(heldHidden);
 }
 
 }  // namespace
-}  // namespace tervane::test::layers
+}  // namespace tervane::test

@@ -1,15 +1,9 @@
 // The open-file table on its own: buckets, chains, duplicate keys and the
 // path copy, on a machine whose System process runs the table code.
-#include <gtest/gtest.h>
-
-#include <emu/machine.h>
-
-#include <functional>
-#include <memory>
 #include <string>
 #include <vector>
 
-#include "core/tervane.h"
+#include "driver_test.h"
 #include "dispatch/file_handle_table.h"
 
 namespace tervane::test {
@@ -23,18 +17,15 @@ PFILE_OBJECT Key(size_t offset) { return reinterpret_cast<PFILE_OBJECT>(g_keys +
 // Addresses 32768 bytes apart share a bucket.
 constexpr size_t kSameBucket = 32768;
 
-class FileHandleTableTest : public ::testing::Test {
+class FileHandleTableTest : public TervaneTest {
 protected:
     void SetUp() override {
-        machine = std::make_unique<emu::Machine>();
+        TervaneTest::SetUp();
         Kernel([] { InitFileHandleTable(); });
     }
-    void TearDown() override {
+    void BeforeShutdown() override {
         Kernel([] { ReleaseFileHandleTable(); });
-        emu::VerifierReport report = machine->Shutdown();
-        EXPECT_TRUE(report.Clean()) << report.ToString();
     }
-    void Kernel(const std::function<void()>& fn) { machine->Run(machine->SystemProcess(), fn); }
 
     // Adds an entry for KEY whose path is PATH in a buffer of CAPACITY bytes.
     void Add(PFILE_OBJECT key, std::u16string path, USHORT capacity = 2048, ULONG flag = 1) {
@@ -57,8 +48,6 @@ protected:
         Kernel([&] { RemoveFileHandleEntry(key); });
     }
     std::string PathOf(PFileHandleEntry entry) { return emu::Utf16ToUtf8(entry->m_ustrFullPath); }
-
-    std::unique_ptr<emu::Machine> machine;
 };
 
 // Removing any position of a chain keeps the others reachable.

@@ -22,26 +22,20 @@ void SetU32(std::vector<uint8_t>& b, size_t pos, uint32_t v) {
 }
 
 // A machine with a volume over a host directory on C: and the driver loaded.
-class IndexLoadTest : public ::testing::Test {
+class IndexLoadTest : public TervaneTest {
 protected:
     void SetUp() override {
-        char tmpl[] = "/tmp/tervane-index-load-XXXXXX";
-        host = mkdtemp(tmpl);
-        fs::create_directories(host / "idx");
-        machine = std::make_unique<emu::Machine>();
-        ASSERT_EQ(machine->MountVolume('C', host.string()), STATUS_SUCCESS);
-        ASSERT_EQ(machine->LoadDriver(u"Tervane", ::DriverEntry), STATUS_SUCCESS);
+        TervaneTest::SetUp();
+        HostDir("idx");
+        ASSERT_EQ(MountHost(), STATUS_SUCCESS);
+        ASSERT_EQ(LoadTervane(), STATUS_SUCCESS);
     }
-    void TearDown() override {
+    void BeforeShutdown() override {
         Kernel([this] {
-            for (PFileIndex index : loaded) FreeFileIndex(index);
-            ReleaseDriverState();
+            for (PFileIndex index : indexes) FreeFileIndex(index);
         });
-        emu::VerifierReport report = machine->Shutdown();
-        EXPECT_TRUE(report.Clean()) << report.ToString();
-        fs::remove_all(host);
+        TervaneTest::BeforeShutdown();
     }
-    void Kernel(const std::function<void()>& fn) { machine->Run(machine->SystemProcess(), fn); }
 
     void WriteFile(const std::string& name, const std::vector<uint8_t>& bytes) {
         std::ofstream out(host / "idx" / name, std::ios::binary | std::ios::trunc);
@@ -56,7 +50,7 @@ protected:
         Path n(node), m(name);
         PFileIndex index = nullptr;
         Kernel([&] { index = LoadFileIndex(n.us(), FILTER_INDEX_AREA_SIZE, m.us(), FILTER_INDEX_AREA_SIZE); });
-        if (index != nullptr) loaded.push_back(index);
+        if (index != nullptr) indexes.push_back(index);
         return index;
     }
     long Lookup(PFileIndex index, const std::u16string& text) {
@@ -67,9 +61,7 @@ protected:
         return ok ? long(e.m_ulOffset) : -1;
     }
 
-    fs::path host;
-    std::unique_ptr<emu::Machine> machine;
-    std::vector<PFileIndex> loaded;
+    std::vector<PFileIndex> indexes;
 };
 
 IndexFiles Pair(std::initializer_list<std::u16string> paths, uint32_t type = 0) {

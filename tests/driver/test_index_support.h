@@ -3,54 +3,30 @@
 // entries of an index for checking its layout.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <emu/machine.h>
-
 #include <cstring>
-#include <functional>
-#include <memory>
 #include <string>
 #include <vector>
+
+#include "driver_test.h"
 
 #include "index/file_index.h"
 
 namespace tervane::test {
 
-// A counted string that owns its text.
-class Path {
-public:
-    Path(std::u16string text) : text_(std::move(text)) { Refresh(); }
-    Path(const Path& other) : text_(other.text_) { Refresh(); }
-    PUNICODE_STRING us() { return &us_; }
-    const std::u16string& text() const { return text_; }
-
-private:
-    void Refresh() {
-        us_.Length = us_.MaximumLength = USHORT(text_.size() * 2);
-        us_.Buffer = reinterpret_cast<PWSTR>(text_.data());
-    }
-    std::u16string text_;
-    UNICODE_STRING us_;
-};
-
 // A machine with the FileIndex pool set up; indexes made through Create are
 // released at the end, and the verifier must then find nothing outstanding.
-class IndexTest : public ::testing::Test {
+class IndexTest : public TervaneTest {
 protected:
     void SetUp() override {
-        machine = std::make_unique<emu::Machine>();
+        TervaneTest::SetUp();
         Kernel([] { InitFileIndexPool(); });
     }
-    void TearDown() override {
+    void BeforeShutdown() override {
         Kernel([this] {
             for (PFileIndex index : indexes) FreeFileIndex(index);
             DeleteFileIndexPool();
         });
-        emu::VerifierReport report = machine->Shutdown();
-        EXPECT_TRUE(report.Clean()) << report.ToString();
     }
-    void Kernel(const std::function<void()>& fn) { machine->Run(machine->SystemProcess(), fn); }
 
     PFileIndex Create(ULONG nodeSize = 0x10000, ULONG nameSize = 0x10000) {
         PFileIndex index = nullptr;
@@ -59,7 +35,6 @@ protected:
         return index;
     }
 
-    std::unique_ptr<emu::Machine> machine;
     std::vector<PFileIndex> indexes;
 };
 

@@ -46,8 +46,8 @@ TEST_F(LayeredOpenTest, AMaskWithoutFilterDirectoryOpensNothing) {
         EXPECT_EQ(Open(mask, u"C:\\dir\\a.txt", &h), STATUS_NOT_FOUND);
         EXPECT_EQ(h, nullptr);
     }
-    EXPECT_EQ(Count("FiltCreateFile() ("), 2u);  // one head per call
-    EXPECT_EQ(Count("cannot get real file path"), 2u);
+    EXPECT_EQ(LogCount("FiltCreateFile() ("), 2u);  // one head per call
+    EXPECT_EQ(LogCount("cannot get real file path"), 2u);
     SetFilters();
     EXPECT_EQ(Open(8, u"C:\\dir\\a.txt", &h), STATUS_NOT_FOUND);
 }
@@ -106,7 +106,7 @@ TEST_F(LayeredOpenTest, IsDirectoryFileTellsDirectoriesFromFiles) {
     });
     Close(dir);
     Close(file);
-    EXPECT_EQ(Count("ZwQueryInformationFile failed /w Err["), 1u);
+    EXPECT_EQ(LogCount("ZwQueryInformationFile failed /w Err["), 1u);
 }
 
 TEST_F(LayeredOpenTest, RunningOutOfMemoryIsReported) {
@@ -116,8 +116,8 @@ TEST_F(LayeredOpenTest, RunningOutOfMemoryIsReported) {
     Path p(u"T:\\a\\b");
     Kernel([&] { EXPECT_FALSE(CreateDirectoryRecursive(p.us())); });
     machine->ClearFaultInjection();
-    EXPECT_EQ(Count("cannot allocate buffer"), 1u);
-    EXPECT_EQ(Count("alloc fail"), 1u);
+    EXPECT_EQ(LogCount("cannot allocate buffer"), 1u);
+    EXPECT_EQ(LogCount("alloc fail"), 1u);
     EXPECT_TRUE(Creates().empty());
 }
 

@@ -3,30 +3,30 @@
 
 #include "test_exists_support.h"
 
-namespace tervane::test::layers {
+namespace tervane::test {
 namespace {
 
 using Names = std::vector<std::u16string>;
 
-struct ClassLayout {
-    FILE_INFORMATION_CLASS cls;
-    ULONG nameLengthAt;
-    ULONG nameAt;
-};
-const ClassLayout kClasses[] = {
-    {FileDirectoryInformation, FIELD_OFFSET(FILE_DIRECTORY_INFORMATION, FileNameLength),
-     FIELD_OFFSET(FILE_DIRECTORY_INFORMATION, FileName)},
-    {FileFullDirectoryInformation, FIELD_OFFSET(FILE_FULL_DIR_INFORMATION, FileNameLength),
-     FIELD_OFFSET(FILE_FULL_DIR_INFORMATION, FileName)},
-    {FileBothDirectoryInformation, FIELD_OFFSET(FILE_BOTH_DIR_INFORMATION, FileNameLength),
-     FIELD_OFFSET(FILE_BOTH_DIR_INFORMATION, FileName)},
-    {FileNamesInformation, FIELD_OFFSET(FILE_NAMES_INFORMATION, FileNameLength),
-     FIELD_OFFSET(FILE_NAMES_INFORMATION, FileName)},
-    {FileIdBothDirectoryInformation, FIELD_OFFSET(FILE_ID_BOTH_DIR_INFORMATION, FileNameLength),
-     FIELD_OFFSET(FILE_ID_BOTH_DIR_INFORMATION, FileName)},
-    {FileIdFullDirectoryInformation, FIELD_OFFSET(FILE_ID_FULL_DIR_INFORMATION, FileNameLength),
-     FIELD_OFFSET(FILE_ID_FULL_DIR_INFORMATION, FileName)},
-};
+// The name of the record at P and where the name ends, read through the
+// record's own type: the two classes the tests list with.
+std::u16string RecordName(FILE_INFORMATION_CLASS cls, const uint8_t* p, size_t* end) {
+    const WCHAR* name = nullptr;
+    ULONG length = 0;
+    if (cls == FileDirectoryInformation) {
+        auto* record = reinterpret_cast<const FILE_DIRECTORY_INFORMATION*>(p);
+        name = record->FileName;
+        length = record->FileNameLength;
+    } else if (cls == FileNamesInformation) {
+        auto* record = reinterpret_cast<const FILE_NAMES_INFORMATION*>(p);
+        name = record->FileName;
+        length = record->FileNameLength;
+    } else {
+        ADD_FAILURE() << "no reading for class " << cls;
+    }
+    *end = reinterpret_cast<const uint8_t*>(name) - p + length;
+    return std::u16string(reinterpret_cast<const char16_t*>(name), length / 2);
+}
 
 Names Sorted(Names names) {
     std::sort(names.begin(), names.end());
@@ -54,7 +54,7 @@ protected:
         entry.m_ulFilterEntryFlag = 1;
     }
     // One query as the directory-control handler makes it.
-    NTSTATUS Query(const ClassLayout& layout, Names* names, bool single = false, bool restart = false,
+    NTSTATUS Query(FILE_INFORMATION_CLASS cls, Names* names, bool single = false, bool restart = false,
                    const std::u16string* pattern = nullptr, ULONG length = 4096) {
         std::vector<uint8_t> buffer(length, 0xCD);
         std::u16string patternText = pattern ? *pattern : u"";
@@ -63,7 +63,7 @@ protected:
         QUERY_DIRECTORY_PARAMETERS parameters = {};
         parameters.Length = length;
         parameters.FileName = pattern ? &patternString : nullptr;
-        parameters.FileInformationClass = layout.cls;
+        parameters.FileInformationClass = cls;
         ULONG written = 0xFFFFFFFF;
         NTSTATUS status = STATUS_SUCCESS;
         Kernel([&] { status = FiltQueryDirectory(&entry, &parameters, buffer.data(), single, restart, &written); });
@@ -73,14 +73,13 @@ protected:
             return status;
         }
         for (ULONG at = 0;;) {
-            EXPECT_LE(at + layout.nameAt, written);
-            ULONG nameLength = *reinterpret_cast<ULONG*>(&buffer[at + layout.nameLengthAt]);
-            names->emplace_back(reinterpret_cast<char16_t*>(&buffer[at + layout.nameAt]), nameLength / 2);
+            size_t end = 0;
+            names->push_back(RecordName(cls, &buffer[at], &end));
+            EXPECT_LE(at + end, written);
             ULONG next = *reinterpret_cast<ULONG*>(&buffer[at]);
             if (next == 0) {
                 // A record kept from inside a batch keeps its alignment padding.
-                EXPECT_LE(at + layout.nameAt + nameLength, written);
-                EXPECT_LT(written - (at + layout.nameAt + nameLength), 8u);
+                EXPECT_LT(written - (at + end), 8u);
                 break;
             }
             at += next;
@@ -108,7 +107,7 @@ TEST_F(MergedListTest, SingleEntriesComeOneAtATimeWithoutLosingTheRestOfACopy) {
     Open(u"C:\\D");
     Names all, names;
     NTSTATUS status;
-    while ((status = Query(kClasses[0], &names, true)) == STATUS_SUCCESS) {
+    while ((status = Query(FileDirectoryInformation, &names, true)) == STATUS_SUCCESS) {
         ASSERT_EQ(names.size(), 1u);
         all.push_back(names[0]);
     }
@@ -121,19 +120,19 @@ TEST_F(MergedListTest, ARestartBeginsAgainAtTheLowestCopyWithTheNewPattern) {
     Populate();
     Open(u"C:\\D");
     Names names;
-    ASSERT_EQ(Query(kClasses[0], &names), STATUS_SUCCESS);
-    ASSERT_EQ(Query(kClasses[0], &names), STATUS_SUCCESS);
+    ASSERT_EQ(Query(FileDirectoryInformation, &names), STATUS_SUCCESS);
+    ASSERT_EQ(Query(FileDirectoryInformation, &names), STATUS_SUCCESS);
     EXPECT_EQ(entry.m_ulQueryDirFilterFlag, 2u);
     std::u16string pattern = u"h";
-    ASSERT_EQ(Query(kClasses[3], &names, false, true, &pattern), STATUS_SUCCESS);
+    ASSERT_EQ(Query(FileNamesInformation, &names, false, true, &pattern), STATUS_SUCCESS);
     EXPECT_EQ(names, Names{u"h"});
     EXPECT_EQ(U16(entry.m_ustrCurrentQueryDirectoryName), u"h");
     EXPECT_EQ(entry.m_ulQueryDirFilterFlag, 1u);
-    EXPECT_EQ(Query(kClasses[3], &names), STATUS_NO_MORE_FILES) << "the hidden h of filter directory 1 stays hidden";
+    EXPECT_EQ(Query(FileNamesInformation, &names), STATUS_NO_MORE_FILES) << "the hidden h of filter directory 1 stays hidden";
     pattern = u"b*";
-    ASSERT_EQ(Query(kClasses[3], &names, false, true, &pattern), STATUS_SUCCESS);
+    ASSERT_EQ(Query(FileNamesInformation, &names, false, true, &pattern), STATUS_SUCCESS);
     EXPECT_EQ(names, Names{u"b"}) << "copies without a match are passed over";
-    EXPECT_EQ(Query(kClasses[3], &names), STATUS_NO_MORE_FILES);
+    EXPECT_EQ(Query(FileNamesInformation, &names), STATUS_NO_MORE_FILES);
     EXPECT_EQ(entry.m_ustrCurrentQueryDirectoryName.Buffer, nullptr);
     EndEntry();
 }
@@ -156,12 +155,11 @@ TEST_F(MergedListTest, RefusedClassesAndMissingDirectoriesFailWithTheirStatus) {
     for (const auto& c : cases) {
         Open(c.path);
         Names names;
-        ClassLayout layout = {c.cls, 0, 0};
-        EXPECT_EQ(Query(layout, &names), c.status) << c.log;
-        EXPECT_EQ(Count(c.log), 1u) << c.log;
+        EXPECT_EQ(Query(c.cls, &names), c.status) << c.log;
+        EXPECT_EQ(LogCount(c.log), 1u) << c.log;
         EndEntry();
     }
 }
 
 }  // namespace
-}  // namespace tervane::test::layers
+}  // namespace tervane::test

@@ -3,7 +3,7 @@
 
 #include "test_exists_support.h"
 
-namespace tervane::test::layers {
+namespace tervane::test {
 namespace {
 
 // A device below which metadata opens are resolved: it answers
@@ -137,7 +137,7 @@ TEST(ShortNameComponentTest, OnlyComponentsOfAtMostEightCharactersWithATildeCoun
         {u"PROGRA~1", false},                {u"C~:\\plain", false},              {u"C:\\plain\\name", false},
     };
     for (auto& c : cases) {
-        Text p(c.path);
+        Path p(c.path);
         EXPECT_EQ(HasShortNameComponent(p.us()), c.expected) << emu::Utf16ToUtf8(c.path);
     }
 }
@@ -166,4 +166,4 @@ TEST_F(NameResolutionTest, ShortNameComponentsAreSpelledAsTheDirectoriesListThem
 }
 
 }  // namespace
-}  // namespace tervane::test::layers
+}  // namespace tervane::test

@@ -1,64 +1,25 @@
-// A machine with one volume over a fresh host directory, and short helpers
-// around the Nt* file services for the file-system tests. Every test ends
-// with the verifier's report: nothing may be left outstanding.
+// The file-system fixture: the machine fixture with its host tree on C: and a
+// test process, and short helpers around the Nt* file services.
 #pragma once
 
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <filesystem>
-#include <fstream>
 #include <functional>
-#include <memory>
 #include <string>
 #include <vector>
 
-#include <emu/machine.h>
 #include <nt/ntifs.h>
 
-namespace fstest {
+#include "common/machine_test.h"
+
+namespace tervane::test {
 
 using namespace tervane::emu;
 
-inline std::filesystem::path FreshDir(const std::string& tag) {
-    static std::atomic<int> counter{0};
-    auto dir = std::filesystem::temp_directory_path() /
-               ("tervane-fs-" + std::to_string(getpid()) + "-" + tag + "-" + std::to_string(counter++));
-    std::filesystem::remove_all(dir);
-    std::filesystem::create_directories(dir);
-    return dir;
-}
-
-inline void WriteHostFile(const std::filesystem::path& p, const std::string& text) {
-    std::filesystem::create_directories(p.parent_path());
-    std::ofstream(p, std::ios::binary) << text;
-}
-
-inline std::string ReadHostFile(const std::filesystem::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-struct OpenResult {
-    NTSTATUS status;
-    ULONG_PTR info;
-    HANDLE handle;
-};
-
-class FsTest : public ::testing::Test {
+class FsTest : public MachineTest {
 public:
     void SetUp() override {
-        host = FreshDir(::testing::UnitTest::GetInstance()->current_test_info()->name());
-        machine = std::make_unique<Machine>();
-        ASSERT_EQ(machine->MountVolume('C', host.string()), STATUS_SUCCESS);
+        MachineTest::SetUp();
+        ASSERT_EQ(MountHost(), STATUS_SUCCESS);
         process = machine->CreateProcess(100, "test.exe");
-    }
-    void TearDown() override {
-        VerifierReport report = machine->Shutdown();
-        EXPECT_TRUE(report.Clean()) << report.ToString();
-        machine.reset();
-        std::filesystem::remove_all(host);
     }
     // Runs FN on a thread of the test process.
     void Run(const std::function<void()>& fn) { machine->Run(process, fn); }
@@ -160,9 +121,7 @@ public:
     }
 
     static constexpr LONGLONG kNoOffset = -100;
-    std::filesystem::path host;
-    std::unique_ptr<Machine> machine;
     Process* process = nullptr;
 };
 
-}  // namespace fstest
+}  // namespace tervane::test

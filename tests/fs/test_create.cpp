@@ -2,7 +2,7 @@
 #include "fs/fsstruc.h"
 #include "fs_fixture.h"
 
-using namespace fstest;
+using namespace tervane::test;
 
 TEST_F(FsTest, DispositionsOnExistingAndMissingFiles) {
     struct Case {
@@ -33,7 +33,7 @@ TEST_F(FsTest, DispositionsOnExistingAndMissingFiles) {
             OpenResult r = Open(U("\\" + name), GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE, 0, c.disposition);
             EXPECT_EQ(r.status, c.status) << name;
             if (NT_SUCCESS(r.status)) {
-                EXPECT_EQ(r.info, c.info) << name;
+                EXPECT_EQ(r.information, c.info) << name;
                 Close(r.handle);
             }
         });
@@ -97,7 +97,7 @@ TEST_F(FsTest, FailedCreateLeavesHostUnchanged) {
         EXPECT_GT(failures, 0) << c.name;
     }
     tervane::emu::fs::FsSetForceMetadataFiles(true);
-    auto broken = FreshDir("no-store");
+    auto broken = FreshHostDir("no-store");
     ASSERT_EQ(machine->MountVolume('D', broken.string()), STATUS_SUCCESS);
     tervane::emu::fs::FsSetForceMetadataFiles(false);
     std::filesystem::remove_all(broken / tervane::emu::fs::MetaStore::kStoreDirName);
@@ -220,7 +220,7 @@ TEST_F(FsTest, ReadOnlyAttributeRefusesWriteAndDelete) {
                                 FILE_ATTRIBUTE_HIDDEN);
             EXPECT_EQ(s.status, c.status) << c.disposition;
             if (!NT_SUCCESS(s.status)) continue;
-            EXPECT_EQ(s.info, FILE_SUPERSEDED);
+            EXPECT_EQ(s.information, FILE_SUPERSEDED);
             EXPECT_EQ(Attributes(s.handle), static_cast<ULONG>(FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_ARCHIVE));
             Close(s.handle);
         }

@@ -3,7 +3,7 @@
 
 #include "fs_fixture.h"
 
-using namespace fstest;
+using namespace tervane::test;
 
 namespace {
 using Names = std::vector<std::string>;

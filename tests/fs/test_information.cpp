@@ -2,7 +2,7 @@
 #include "fs/fsstruc.h"
 #include "fs_fixture.h"
 
-using namespace fstest;
+using namespace tervane::test;
 
 TEST_F(FsTest, QueryClassesAndBufferSizes) {
     std::filesystem::create_directories(host / "dir");
@@ -196,7 +196,7 @@ class FsPersistence : public ::testing::TestWithParam<bool> {};
 
 TEST_P(FsPersistence, SecondMachineSeesMetadata) {
     tervane::emu::fs::FsSetForceMetadataFiles(GetParam());
-    auto host = FreshDir(GetParam() ? "persist-files" : "persist-xattr");
+    auto host = FreshHostDir(GetParam() ? "persist-files" : "persist-xattr");
     LARGE_INTEGER created{};
     for (int round = 0; round < 2; ++round) {
         Machine m;

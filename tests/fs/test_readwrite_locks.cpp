@@ -3,7 +3,7 @@
 
 #include "fs_fixture.h"
 
-using namespace fstest;
+using namespace tervane::test;
 
 TEST_F(FsTest, ReadWriteOffsetsAndPosition) {
     Run([&] {

@@ -3,7 +3,7 @@
 
 #include "fs_fixture.h"
 
-using namespace fstest;
+using namespace tervane::test;
 
 TEST_F(FsTest, RenameMatrix) {
     struct Case {
@@ -31,7 +31,7 @@ TEST_F(FsTest, RenameMatrix) {
         {"TGT", true, true, false, false, STATUS_SUCCESS, true},
     };
     ASSERT_EQ(machine->AliasVolume('E', 'C'), STATUS_SUCCESS);
-    auto other = FreshDir("other-volume");
+    auto other = FreshHostDir("other-volume");
     ASSERT_EQ(machine->MountVolume('F', other.string()), STATUS_SUCCESS);
     int n = 0;
     for (auto& c : cases) {
@@ -99,7 +99,7 @@ TEST_F(FsTest, RenameWithRootHandleAndDirectoryRules) {
 }
 
 TEST_F(FsTest, ConfinementAndHostileHostNames) {
-    auto outside = FreshDir("outside");
+    auto outside = FreshHostDir("outside");
     WriteHostFile(outside / "secret", "secret");
     std::filesystem::create_directory_symlink(outside, host / "link");
     std::filesystem::create_symlink(outside / "secret", host / "filelink");

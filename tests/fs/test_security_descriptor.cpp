@@ -7,7 +7,7 @@
 
 #include "fs_fixture.h"
 
-namespace fstest {
+namespace tervane::test {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
@@ -219,4 +219,4 @@ TEST_F(FsTest, SetSecurityValidatesDescriptorOfEvents) {
 }
 
 }  // namespace
-}  // namespace fstest
+}  // namespace tervane::test
