@@ -15,12 +15,6 @@
 namespace tervane::emu {
 
 class HandleTable;     // ob/handle_table.h
-class ObjectManager;   // ob/
-class IoManager;       // io/
-class Registry;        // cm/
-class PoolTracker;     // ex/pool
-class DebugLog;        // dbg/
-class FileSystem;      // fs/
 class Process;         // ps/process.h
 
 // Size of a process object; the image name lives inside its first 12288 bytes.

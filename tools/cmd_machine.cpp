@@ -10,11 +10,9 @@
 #include "hostpath.h"
 #include "indexfile/indexfile.h"
 
-#ifdef TERVANE_WITH_DRIVER
-extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT driverObject, PUNICODE_STRING registryPath);
-// The emulated machine's end of the driver: gives back what it holds.
-VOID ReleaseDriverState();
-#endif
+// Standard and emulator headers come first: the driver's platform include
+// renames a few wide-character routines of the C library.
+#include "core/tervane.h"
 
 namespace tervane::tool {
 namespace {
@@ -172,13 +170,9 @@ void Index(Context& ctx, std::vector<Token> tokens) {
 void Load(Context& ctx, std::vector<Token> tokens) {
     Args args(ctx.name, std::move(tokens));
     args.Done();
-#ifdef TERVANE_WITH_DRIVER
     if (ctx.session.releaseDriver) throw ScriptError("load: the driver is loaded already");
     ctx.result.status = ctx.session.Machine().LoadDriver(u"Tervane", DriverEntry);
     ctx.session.releaseDriver = [] { ReleaseDriverState(); };
-#else
-    throw ScriptError("load: this tervane was built without the driver");
-#endif
 }
 
 void Log(Context& ctx, std::vector<Token> tokens) {

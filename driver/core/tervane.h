@@ -51,9 +51,9 @@ ULONG FindProcessNameOffset();
 
 // ---- Volume attachment ---------------------------------------------------------
 
-BOOLEAN HookDrive(ULONG ulDriveIndex, PDRIVER_OBJECT DriverObject);
-VOID UnhookDrive(ULONG ulDriveIndex);
-ULONG HookDriveSet(ULONG ulDriveMask, PDRIVER_OBJECT DriverObject);
+BOOLEAN HookDrive(ULONG DriveIndex, PDRIVER_OBJECT DriverObject);
+VOID UnhookDrive(ULONG DriveIndex);
+ULONG HookDriveSet(ULONG DriveMask, PDRIVER_OBJECT DriverObject);
 
 // ---- Routing -------------------------------------------------------------------
 

@@ -28,14 +28,14 @@ inline NTSTATUS ReleaseAndComplete(PFileHandleEntry Entry, PIRP Irp, NTSTATUS St
 // replaced; logs the copy under Function's name. A failed copy is reported
 // and leaves the entry unchanged. Returns the copy-up's status, with which
 // the caller fails the request that needed the copy.
-NTSTATUS CopyUpBeforeChange(PDEVICE_OBJECT DeviceObject, PFileHandleEntry pFileHandleEntry, const char* Function);
+NTSTATUS CopyUpBeforeChange(PDEVICE_OBJECT DeviceObject, PFileHandleEntry Entry, const char* Function);
 
 // Moves an open of a lower file over to the file's copy in filter directory
 // 0 when one was made since the open last looked (by another open's copy-up
 // or an overwrite), so that every open of a file reads what any of them
 // wrote. Cheap when nothing was copied up meanwhile. The caller holds the
 // entry's event.
-VOID FollowPackCopy(PDEVICE_OBJECT DeviceObject, PFileHandleEntry pFileHandleEntry);
+VOID FollowPackCopy(PDEVICE_OBJECT DeviceObject, PFileHandleEntry Entry);
 
 // An own request packet for the real FILE_OBJECT of an open, sent below the
 // filter and waited for on the calling thread. The event and the status
@@ -56,6 +56,6 @@ BOOLEAN PrepareOwnRequest(OwnRequest* Request, PDEVICE_OBJECT FilterDevice, ULON
 // Sends the prepared packet with CallLowerDevice, waits for its completion
 // and returns what the call returned; the packet's own result is then in
 // m_IoStatus. A call that pends is reported as the assertion "FALSE" when
-// bPendingIsUnexpected (lock requests are sent so that they never wait).
+// PendingIsUnexpected (lock requests are sent so that they never wait).
 NTSTATUS SendOwnRequest(OwnRequest* Request, PDEVICE_OBJECT FilterDevice, ULONG RouteFlag,
-                        BOOLEAN bPendingIsUnexpected);
+                        BOOLEAN PendingIsUnexpected);

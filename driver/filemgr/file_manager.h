@@ -15,15 +15,15 @@
 
 // ---- Layered open ------------------------------------------------------------
 
-// Opens or creates pustrPath in the filter directory of the lowest flag of
-// ulFilterMask (0: the path is real and used unchanged) with ZwCreateFile on
-// "\??\" + real path (+ the bypass suffix). With bCreateParents, a mask holding
+// Opens or creates Path in the filter directory of the lowest flag of
+// FilterMask (0: the path is real and used unchanged) with ZwCreateFile on
+// "\??\" + real path (+ the bypass suffix). With CreateParents, a mask holding
 // filter flag 1 and a creating disposition, the missing parent directories
 // are made first. Returns ZwCreateFile's status, STATUS_UNSUCCESSFUL when no
 // path buffer was had, STATUS_NOT_FOUND when the mask names no filter
-// directory. *phFile is written only on success; the handle is a kernel handle.
-NTSTATUS FiltCreateFile(ULONG ulFilterMask, BOOLEAN bCreateParents, PHANDLE phFile, ACCESS_MASK DesiredAccess,
-                        PUNICODE_STRING pustrPath, BOOLEAN bCaseSensitive, BOOLEAN bForceAccessCheck,
+// directory. *FileHandle is written only on success; the handle is a kernel handle.
+NTSTATUS FiltCreateFile(ULONG FilterMask, BOOLEAN CreateParents, PHANDLE FileHandle, ACCESS_MASK DesiredAccess,
+                        PUNICODE_STRING Path, BOOLEAN CaseSensitive, BOOLEAN ForceAccessCheck,
                         PIO_STATUS_BLOCK IoStatusBlock, PLARGE_INTEGER AllocationSize, ULONG FileAttributes,
                         ULONG ShareAccess, ULONG CreateDisposition, ULONG CreateOptions, PVOID EaBuffer,
                         ULONG EaLength);
@@ -31,11 +31,11 @@ NTSTATUS FiltCreateFile(ULONG ulFilterMask, BOOLEAN bCreateParents, PHANDLE phFi
 // Opens or creates every ancestor directory of a real path (X:\a\b\name makes
 // X:\a and X:\a\b; the last component is left to the caller). TRUE when all
 // exist afterwards.
-BOOLEAN CreateDirectoryRecursive(PCUNICODE_STRING pustrRealPath);
+BOOLEAN CreateDirectoryRecursive(PCUNICODE_STRING RealPath);
 
 // TRUE when the handle's object is a directory; FALSE for a file or when the
 // query fails.
-BOOLEAN IsDirectoryFile(HANDLE hFile);
+BOOLEAN IsDirectoryFile(HANDLE FileHandle);
 
 // ---- Own request packets -----------------------------------------------------
 
@@ -44,27 +44,27 @@ BOOLEAN IsDirectoryFile(HANDLE hFile);
 BOOLEAN QueryFileInformationWithIrp(PDEVICE_OBJECT DeviceObject, PFILE_OBJECT FileObject,
                                     FILE_INFORMATION_CLASS FileInformationClass, PVOID Buffer, ULONG Length);
 
-// Sends IRP_MJ_READ (bRead) or IRP_MJ_WRITE for FileObject below FilterDevice
+// Sends IRP_MJ_READ (Read) or IRP_MJ_WRITE for FileObject below FilterDevice
 // (through CallLowerDevice) and waits for it. With CallerIrp the data buffer
 // (its MDL, else system buffer, else user buffer) and the request flags are
 // the caller's; without one, Buffer and IrpFlags are used. Returns the status
 // written into IoStatus, whose Information holds the bytes moved.
-NTSTATUS ReadWriteFileWithIrp(PIRP CallerIrp, BOOLEAN bRead, ULONG ulRouteFlag, PFILE_OBJECT FileObject,
+NTSTATUS ReadWriteFileWithIrp(PIRP CallerIrp, BOOLEAN Read, ULONG RouteFlag, PFILE_OBJECT FileObject,
                               PDEVICE_OBJECT FilterDevice, PVOID Buffer, LARGE_INTEGER ByteOffset, ULONG Length,
                               ULONG Key, ULONG IrpFlags, PIO_STATUS_BLOCK IoStatus);
 
-// Reads (bRead) or writes Length bytes of Buffer at ByteOffset of the file
+// Reads (Read) or writes Length bytes of Buffer at ByteOffset of the file
 // FileObject, with an own request sent to the device below this driver's
 // filter on the file's volume (the top of its stack when no filter of ours
 // is there), and waits for it. The file system moves the position of a
 // synchronous FileObject as for any read or write. Returns the status
 // written into IoStatus, whose Information holds the bytes moved.
-NTSTATUS TransferBelowFilter(BOOLEAN bRead, PFILE_OBJECT FileObject, PDEVICE_OBJECT FilterDevice, PVOID Buffer,
+NTSTATUS TransferBelowFilter(BOOLEAN Read, PFILE_OBJECT FileObject, PDEVICE_OBJECT FilterDevice, PVOID Buffer,
                              LARGE_INTEGER ByteOffset, ULONG Length, ULONG Key, PIO_STATUS_BLOCK IoStatus);
 
 // Passes Irp down: to the device below drive C:'s filter device when the
 // route flag holds filter flag 1 or 2, else to LowerDevice.
-NTSTATUS CallLowerDevice(ULONG ulRouteFlag, PDEVICE_OBJECT LowerDevice, PIRP Irp);
+NTSTATUS CallLowerDevice(ULONG RouteFlag, PDEVICE_OBJECT LowerDevice, PIRP Irp);
 
 // Completion of every own request: copies the status to the user status
 // block, signals the user event, frees the request.
@@ -74,35 +74,35 @@ NTSTATUS NTAPI OwnIrpCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Con
 
 // Opens the real path for reading and closes it again: a success status means
 // the object exists. Failures other than "name/path not found" are logged.
-NTSTATUS CheckFileExists(PCUNICODE_STRING pustrRealPath);
+NTSTATUS CheckFileExists(PCUNICODE_STRING RealPath);
 
-// The filter flags, among ulFilterMask, of the filter directories in which the
+// The filter flags, among FilterMask, of the filter directories in which the
 // drive path names an object. Filter directory 0 is probed on disk; the
 // others only when the path is not hidden and their index (if any) lists it.
-// *pnStatus (optional) receives the most telling probe status: success, then
+// *Status (optional) receives the most telling probe status: success, then
 // STATUS_OBJECT_NAME_NOT_FOUND, then STATUS_OBJECT_PATH_NOT_FOUND.
-ULONG FiltCheckFileExists(PCUNICODE_STRING pustrPath, ULONG ulFilterMask, PNTSTATUS pnStatus);
+ULONG FiltCheckFileExists(PCUNICODE_STRING Path, ULONG FilterMask, PNTSTATUS Status);
 
 // ---- Name resolution -------------------------------------------------------------
 
 struct _TervaneDeviceExtension;
 
-// Writes the drive path of FileObject into pustrOut (its own buffer): from the
+// Writes the drive path of FileObject into Out (its own buffer): from the
 // open-file table, an NTFS metadata record name, the file system's name of an
-// open file (unless bNoQuery), or the request's name joined to its related
+// open file (unless NoQuery), or the request's name joined to its related
 // open's. Length 0, the drive prefix alone, or the prefix and
 // "<Name Too Long>" when the name cannot be resolved. With
-// bExpandShortNames, 8.3 components are replaced by their long names.
-VOID GetFullPathName(BOOLEAN bNoQuery, PFILE_OBJECT FileObject, struct _TervaneDeviceExtension* pExtension,
-                     PUNICODE_STRING pustrOut, BOOLEAN bExpandShortNames);
+// ExpandShortNames, 8.3 components are replaced by their long names.
+VOID GetFullPathName(BOOLEAN NoQuery, PFILE_OBJECT FileObject, struct _TervaneDeviceExtension* Extension,
+                     PUNICODE_STRING Out, BOOLEAN ExpandShortNames);
 
 // Whether a component after the drive prefix has at most 8 characters and a "~".
-BOOLEAN HasShortNameComponent(PCUNICODE_STRING pustrPath);
+BOOLEAN HasShortNameComponent(PCUNICODE_STRING Path);
 // Rebuilds the path with every component spelled as its directory lists it.
 // FALSE (output undefined) when a work buffer is missing or the result does not fit.
-BOOLEAN ExpandShortNames(PCUNICODE_STRING pustrPath, PUNICODE_STRING pustrOut);
-// The one name in the directory that the component matches, into pustrOut.
-BOOLEAN LookupLongName(PCUNICODE_STRING pustrDirectory, PCUNICODE_STRING pustrComponent, PUNICODE_STRING pustrOut);
+BOOLEAN ExpandShortNames(PCUNICODE_STRING Path, PUNICODE_STRING Out);
+// The one name in the directory that the component matches, into Out.
+BOOLEAN LookupLongName(PCUNICODE_STRING Directory, PCUNICODE_STRING Component, PUNICODE_STRING Out);
 
 // ---- Copy-up claims ---------------------------------------------------------------
 
@@ -114,8 +114,8 @@ VOID InitCopyUpClaims();
 // Claims the drive path for one copy-up, waiting while another copy-up holds
 // it. STATUS_INSUFFICIENT_RESOURCES (nothing claimed) without memory for the
 // claim. The claim is released with ReleaseCopyUpPath.
-NTSTATUS ClaimCopyUpPath(PCUNICODE_STRING pustrPath, PCopyUpClaim* ppClaim);
-VOID ReleaseCopyUpPath(PCopyUpClaim pClaim);
+NTSTATUS ClaimCopyUpPath(PCUNICODE_STRING Path, PCopyUpClaim* Claim);
+VOID ReleaseCopyUpPath(PCopyUpClaim Claim);
 // A counter that moves on every time a file gets a copy in filter directory 0
 // that opens of a lower copy of it must follow (CopyUpOpenFile, an overwrite
 // at create). An open that last looked at an older value looks again.
@@ -130,31 +130,31 @@ VOID ReleaseCopyUpClaims();
 
 struct FileHandleEntry;
 
-// Moves the open over to its object in ulDestinationFlag's filter directory:
+// Moves the open over to its object in DestinationFlag's filter directory:
 // reopens it there with the open's access, share access and options, gives
 // the caller's FILE_OBJECT the copy's file-system context and switches the
-// entry to the copy. The replaced real handle is handed back in *phOldHandle
-// for the caller to close. With bCopyContents the object is copied there
+// entry to the copy. The replaced real handle is handed back in *OldHandle
+// for the caller to close. With CopyContents the object is copied there
 // first, under a claim on its path: a file only when the destination holds no
 // copy of it yet (another open's copy is taken as it is), a directory by
 // adding what the destination lacks from every lower filter directory. A
 // failed copy leaves the open where it was and returns STATUS_UNSUCCESSFUL
 // (or the claim's or the probe's failure status); STATUS_UNSUCCESSFUL too
 // when the entry is already there.
-NTSTATUS CopyUpOpenFile(struct FileHandleEntry* pEntry, ULONG ulDestinationFlag, PHANDLE phOldHandle,
-                        BOOLEAN bCopyContents, PDEVICE_OBJECT FilterDevice);
+NTSTATUS CopyUpOpenFile(struct FileHandleEntry* Entry, ULONG DestinationFlag, PHANDLE OldHandle,
+                        BOOLEAN CopyContents, PDEVICE_OBJECT FilterDevice);
 
 // Adds to a directory in filter directory 0 (made there first when needed)
 // what the lower filter directories' copies of it hold and it lacks, under a
 // claim on its path, so that the directory can be renamed there whole.
 // STATUS_SUCCESS at once when no lower filter directory holds it;
 // STATUS_UNSUCCESSFUL when something could not be copied.
-NTSTATUS CopyUpDirectoryContents(PCUNICODE_STRING pustrPath, PDEVICE_OBJECT FilterDevice);
+NTSTATUS CopyUpDirectoryContents(PCUNICODE_STRING Path, PDEVICE_OBJECT FilterDevice);
 
 // Whether filter directory 0 holds the drive path: STATUS_SUCCESS (it does),
 // STATUS_OBJECT_NAME_NOT_FOUND (it does not), or the status of a probe that
 // could not tell.
-NTSTATUS ProbePackLocation(PCUNICODE_STRING pustrPath);
+NTSTATUS ProbePackLocation(PCUNICODE_STRING Path);
 
 // Copies a drive path from the lowest source filter directory that holds it
 // into the destination filter directory, superseding what is there. A
@@ -162,7 +162,7 @@ NTSTATUS ProbePackLocation(PCUNICODE_STRING pustrPath);
 // nearest to filter directory 0 first, adding only what the destination
 // lacks; hidden entries are not copied, and any entry that could not be
 // copied makes the result FALSE.
-BOOLEAN FiltCopyFile(PCUNICODE_STRING pustrPath, ULONG ulSourceMask, ULONG ulDestinationFlag, BOOLEAN bIsDirectory,
+BOOLEAN FiltCopyFile(PCUNICODE_STRING Path, ULONG SourceMask, ULONG DestinationFlag, BOOLEAN IsDirectory,
                      PDEVICE_OBJECT FilterDevice);
 
 // Copies one real file: data in 16 KB non-cached requests below FilterDevice,
@@ -170,24 +170,24 @@ BOOLEAN FiltCopyFile(PCUNICODE_STRING pustrPath, ULONG ulSourceMask, ULONG ulDes
 // superseded. TRUE when all data arrived (the ends of file agree); otherwise
 // the destination is deleted again, so that no partial copy is left to hide
 // the source.
-BOOLEAN CopyFile(PCUNICODE_STRING pustrSource, PCUNICODE_STRING pustrDestination, PDEVICE_OBJECT FilterDevice);
+BOOLEAN CopyFile(PCUNICODE_STRING Source, PCUNICODE_STRING Destination, PDEVICE_OBJECT FilterDevice);
 
 // Gives the drive path in the destination filter directory the attributes and
 // times of its copy in the source one (after making the parents); with
-// bSupersede the destination becomes an empty file first.
-BOOLEAN FiltCopyFileAttribute(PCUNICODE_STRING pustrPath, ULONG ulSourceFlag, ULONG ulDestinationFlag,
-                              BOOLEAN bSupersede);
-BOOLEAN CopyFileAttribute(PCUNICODE_STRING pustrSource, PCUNICODE_STRING pustrDestination, BOOLEAN bSupersede);
+// Supersede the destination becomes an empty file first.
+BOOLEAN FiltCopyFileAttribute(PCUNICODE_STRING Path, ULONG SourceFlag, ULONG DestinationFlag,
+                              BOOLEAN Supersede);
+BOOLEAN CopyFileAttribute(PCUNICODE_STRING Source, PCUNICODE_STRING Destination, BOOLEAN Supersede);
 
 // Copies the DACL, then the SACL, of one open object onto another.
-NTSTATUS CopySecurityInformationWithHandle(HANDLE hSource, HANDLE hDestination);
+NTSTATUS CopySecurityInformationWithHandle(HANDLE SourceHandle, HANDLE DestinationHandle);
 
 // End of file of an open file (0 on failure); its allocation size on request.
-LONGLONG GetFileSize(HANDLE hFile, PLARGE_INTEGER pAllocationSize);
+LONGLONG GetFileSize(HANDLE FileHandle, PLARGE_INTEGER AllocationSize);
 
 // Makes the missing ancestors of the path's real path in the filter directory
 // of the mask's lowest flag.
-BOOLEAN CreateParentsInFilter(PCUNICODE_STRING pustrPath, ULONG ulFilterMask);
+BOOLEAN CreateParentsInFilter(PCUNICODE_STRING Path, ULONG FilterMask);
 
 // Makes a directory of the view (a drive path) in filter directory 0, with
 // its ancestors, when only lower filter directories hold it, as copy-up
@@ -196,13 +196,13 @@ BOOLEAN CreateParentsInFilter(PCUNICODE_STRING pustrPath, ULONG ulFilterMask);
 // STATUS_OBJECT_PATH_NOT_FOUND when the view has no such name (never made,
 // or removed); the open's status when the view's object is not a directory
 // or the directory cannot be made.
-NTSTATUS CopyUpDirectory(PCUNICODE_STRING pustrDirectory);
+NTSTATUS CopyUpDirectory(PCUNICODE_STRING Directory);
 
-// pustrOut = base, a backslash unless the base ends in one or the tail begins
-// with one, then the tail (bounded). With bTakeBuffer the output first gets a
+// Out = base, a backslash unless the base ends in one or the tail begins
+// with one, then the tail (bounded). With TakeBuffer the output first gets a
 // general path pool block. FALSE only without an output or a block.
-BOOLEAN JoinPath(PCUNICODE_STRING pustrBase, PCUNICODE_STRING pustrTail, PUNICODE_STRING pustrOut,
-                 BOOLEAN bTakeBuffer);
+BOOLEAN JoinPath(PCUNICODE_STRING Base, PCUNICODE_STRING Tail, PUNICODE_STRING Out,
+                 BOOLEAN TakeBuffer);
 
 // A first-in first-out queue of relative paths below one directory.
 struct PathQueueElement;
@@ -213,12 +213,12 @@ typedef struct PathQueue {
     struct PathQueueElement* m_pTail;
 } PathQueue, *PPathQueue;
 
-PPathQueue CreatePathQueue(PCUNICODE_STRING pustrRealDirectory, PCUNICODE_STRING pustrDrivePath);
-BOOLEAN PushPathQueue(PPathQueue pQueue, PCUNICODE_STRING pustrRelativePath);
-// FALSE when empty. Copies the head's path into pustrOut (when given; with
-// bTakeBuffer into a new path buffer) and frees the head.
-BOOLEAN PopPathQueue(PPathQueue pQueue, PUNICODE_STRING pustrOut, BOOLEAN bTakeBuffer);
-VOID DestroyPathQueue(PPathQueue pQueue);
+PPathQueue CreatePathQueue(PCUNICODE_STRING RealDirectory, PCUNICODE_STRING DrivePath);
+BOOLEAN PushPathQueue(PPathQueue Queue, PCUNICODE_STRING RelativePath);
+// FALSE when empty. Copies the head's path into Out (when given; with
+// TakeBuffer into a new path buffer) and frees the head.
+BOOLEAN PopPathQueue(PPathQueue Queue, PUNICODE_STRING Out, BOOLEAN TakeBuffer);
+VOID DestroyPathQueue(PPathQueue Queue);
 
 // ---- Merged directory listing ---------------------------------------------------
 
@@ -226,23 +226,23 @@ VOID DestroyPathQueue(PPathQueue pQueue);
 // pass &IoGetCurrentIrpStackLocation(Irp)->Parameters.QueryDirectory.
 typedef decltype(((PIO_STACK_LOCATION)0)->Parameters.QueryDirectory) QUERY_DIRECTORY_PARAMETERS;
 
-// Fills pBuffer with the kept records of the next batch of the listing of
-// pEntry's directory (one filter directory's copy after the other, from
+// Fills Buffer with the kept records of the next batch of the listing of
+// Entry's directory (one filter directory's copy after the other, from
 // filter directory 0 upwards), in the class of the parameters. A restart (or
 // the first query) starts again at the lowest filter directory with the new
 // pattern. STATUS_NO_MORE_FILES at the end, STATUS_NO_SUCH_FILE when the
-// directory exists nowhere; *pulBytesWritten is set only on success.
-NTSTATUS FiltQueryDirectory(struct FileHandleEntry* pEntry, const QUERY_DIRECTORY_PARAMETERS* pParameters,
-                            PVOID pBuffer, BOOLEAN bReturnSingleEntry, BOOLEAN bRestartScan,
-                            PULONG pulBytesWritten);
+// directory exists nowhere; *BytesWritten is set only on success.
+NTSTATUS FiltQueryDirectory(struct FileHandleEntry* Entry, const QUERY_DIRECTORY_PARAMETERS* Parameters,
+                            PVOID Buffer, BOOLEAN ReturnSingleEntry, BOOLEAN RestartScan,
+                            PULONG BytesWritten);
 
-// With bRestart, opens the directory in the first filter directory that holds
+// With Restart, opens the directory in the first filter directory that holds
 // it and stores the pattern; without, moves on to the next one.
-NTSTATUS FiltQueryDirectoryUpdateFilter(struct FileHandleEntry* pEntry, BOOLEAN bRestart,
-                                        PCUNICODE_STRING pustrPattern);
+NTSTATUS FiltQueryDirectoryUpdateFilter(struct FileHandleEntry* Entry, BOOLEAN Restart,
+                                        PCUNICODE_STRING Pattern);
 
 // The name is exactly "." or "..".
-BOOLEAN IsDotOrDotDot(PCUNICODE_STRING pustrName);
+BOOLEAN IsDotOrDotDot(PCUNICODE_STRING Name);
 
 // ---- Delete in filter directories -------------------------------------------------
 
@@ -250,10 +250,10 @@ BOOLEAN IsDotOrDotDot(PCUNICODE_STRING pustrName);
 // directory 0 and hides the name from the others, after opening every copy
 // for deletion first. FALSE (nothing changed by the probe) when a copy cannot
 // be opened for deletion or the copy in filter directory 0 cannot be deleted.
-BOOLEAN FiltDeleteFile(PCUNICODE_STRING pustrPath);
+BOOLEAN FiltDeleteFile(PCUNICODE_STRING Path);
 
 // Deletes one real file, clearing a read-only attribute that stands in the way.
-NTSTATUS DeleteRealFile(PCUNICODE_STRING pustrRealPath);
+NTSTATUS DeleteRealFile(PCUNICODE_STRING RealPath);
 
 // Sets a real file's attributes to FILE_ATTRIBUTE_NORMAL, keeping its times.
-NTSTATUS ResetFileAttributes(PCUNICODE_STRING pustrRealPath);
+NTSTATUS ResetFileAttributes(PCUNICODE_STRING RealPath);

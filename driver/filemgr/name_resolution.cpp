@@ -68,7 +68,8 @@ VOID RemoveCharacterAt(PUNICODE_STRING pustr, ULONG ulIndex) {
     pustr->Length -= sizeof(WCHAR);
 }
 
-// Step 5: the name of an NTFS metadata file opened by its file reference.
+// For an open without a name on an NTFS volume, when the file system may be
+// asked: the name of the NTFS metadata file opened by its file reference.
 BOOLEAN ResolveMetadataName(PFILE_OBJECT FileObject, PTervaneDeviceExtension pExtension, PUNICODE_STRING pustrOut,
                             WCHAR wcDrive) {
     FILE_INTERNAL_INFORMATION InternalInfo;
@@ -85,7 +86,8 @@ BOOLEAN ResolveMetadataName(PFILE_OBJECT FileObject, PTervaneDeviceExtension pEx
     return TRUE;
 }
 
-// Step 6: the name the file system below knows the open by.
+// For an open the file system below has opened, when it may be asked and no
+// metadata name was found: the name the file system knows the open by.
 BOOLEAN ResolveNameFromFileSystem(PFILE_OBJECT FileObject, PTervaneDeviceExtension pExtension,
                                   PUNICODE_STRING pustrOut, WCHAR wcDrive) {
     ScopedPool buffer(PATH_BUFFER_SIZE, TRVN_TAG_GENERAL);
@@ -111,8 +113,9 @@ BOOLEAN ResolveNameFromFileSystem(PFILE_OBJECT FileObject, PTervaneDeviceExtensi
     return TRUE;
 }
 
-// Step 7: the name carried by the request, joined to the related open's name
-// when it is relative. FALSE when the name is missing or too long.
+// When the file system gave no name and the request carries one: that name,
+// joined to the related open's name when it is relative. FALSE when the name
+// is missing or too long.
 BOOLEAN ResolveNameFromRequest(PFILE_OBJECT FileObject, PUNICODE_STRING pustrOut, WCHAR wcDrive) {
     PUNICODE_STRING pustrName = &FileObject->FileName;
     if (pustrName->Buffer == NULL) {

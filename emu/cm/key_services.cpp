@@ -11,7 +11,7 @@ namespace tervane::emu {
 
 namespace {
 
-POBJECT_TYPE gKeyType = nullptr;
+POBJECT_TYPE g_keyType = nullptr;
 
 struct KeyBody {
     CmKey* key;
@@ -62,7 +62,7 @@ NTSTATUS ResolveKey(POBJECT_ATTRIBUTES attributes, bool create, CmKey** result, 
     CmKey* start = &registry.root;
     PVOID rootObject = nullptr;
     if (attributes->RootDirectory) {
-        NTSTATUS status = ObReferenceObjectByHandle(attributes->RootDirectory, 0, gKeyType, PreviousMode(),
+        NTSTATUS status = ObReferenceObjectByHandle(attributes->RootDirectory, 0, g_keyType, PreviousMode(),
                                                     &rootObject, nullptr);
         if (!NT_SUCCESS(status)) return status;
         start = static_cast<KeyBody*>(rootObject)->key;
@@ -102,14 +102,14 @@ NTSTATUS ResolveKey(POBJECT_ATTRIBUTES attributes, bool create, CmKey** result, 
 
 NTSTATUS OpenKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes, bool create,
                  PULONG Disposition) {
-    if (!gKeyType) return STATUS_NOT_IMPLEMENTED;
+    if (!g_keyType) return STATUS_NOT_IMPLEMENTED;
     if (!KeyHandle) return STATUS_ACCESS_VIOLATION;
     CmKey* key = nullptr;
     bool created = false;
     NTSTATUS status = ResolveKey(ObjectAttributes, create, &key, &created);
     if (!NT_SUCCESS(status)) return status;
     PVOID object = nullptr;
-    status = ObCreateObject(gKeyType, sizeof(KeyBody), &object);
+    status = ObCreateObject(g_keyType, sizeof(KeyBody), &object);
     if (!NT_SUCCESS(status)) return status;
     static_cast<KeyBody*>(object)->key = key;
     ACCESS_MASK access = DesiredAccess & MAXIMUM_ALLOWED ? KEY_ALL_ACCESS : DesiredAccess;
@@ -122,8 +122,8 @@ NTSTATUS OpenKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTE
 }
 
 NTSTATUS ReferenceKey(HANDLE handle, ACCESS_MASK access, CmKey** key, PVOID* object) {
-    if (!gKeyType) return STATUS_NOT_IMPLEMENTED;
-    NTSTATUS status = ObReferenceObjectByHandle(handle, access, gKeyType, PreviousMode(), object, nullptr);
+    if (!g_keyType) return STATUS_NOT_IMPLEMENTED;
+    NTSTATUS status = ObReferenceObjectByHandle(handle, access, g_keyType, PreviousMode(), object, nullptr);
     if (NT_SUCCESS(status)) *key = static_cast<KeyBody*>(*object)->key;
     return status;
 }
@@ -227,12 +227,12 @@ NTSTATUS QueryValue(HANDLE KeyHandle, PUNICODE_STRING ValueName, KEY_VALUE_INFOR
 }  // namespace
 
 void CmStartupObjects() {
-    if (!gKeyType) {
+    if (!g_keyType) {
         ObjectTypeInit init{};
         init.name = "Key";
         init.mapping = kKeyMapping;
         init.validAccess = KEY_ALL_ACCESS | STANDARD_RIGHTS_ALL;
-        gKeyType = ObCreateObjectType(init);
+        g_keyType = ObCreateObjectType(init);
     }
 }
 

@@ -76,21 +76,20 @@ bool CmSplitPath(const std::u16string& path, std::vector<std::u16string>* compon
 }
 
 namespace {
-Registry* gRegistry = nullptr;
+Registry* g_registry = nullptr;
 }
 
 Registry& CmRegistry() {
-    if (!gRegistry) {
+    if (!g_registry) {
         std::fprintf(stderr, "tervane: the registry is used before the machine started it\n");
         std::abort();
     }
-    return *gRegistry;
+    return *g_registry;
 }
 
 void CmStartup() {
-    delete gRegistry;
-    gRegistry = new Registry();
-    CurrentMachine().registry = gRegistry;
+    delete g_registry;
+    g_registry = new Registry();
     CmSetRegistryString(u"\\Registry\\Machine\\SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", u"SystemRoot",
                         u"C:\\WINDOWS");
     CmStartupObjects();
@@ -98,9 +97,8 @@ void CmStartup() {
 
 void CmShutdown() {
     CmShutdownObjects();
-    delete gRegistry;
-    gRegistry = nullptr;
-    CurrentMachine().registry = nullptr;
+    delete g_registry;
+    g_registry = nullptr;
 }
 
 void CmSetRegistryString(const std::u16string& key, const std::u16string& name, const std::u16string& value) {

@@ -36,7 +36,7 @@ void LookasideDrainAll() {
     Machine::Impl& m = CurrentMachine();
     std::vector<void*> lists;
     {
-        std::lock_guard<std::mutex> guard(m.registryLock);
+        std::lock_guard<std::mutex> guard(m.lookasideListsLock);
         lists.assign(m.lookasideLists.begin(), m.lookasideLists.end());
     }
     for (void* list : lists) ExDeleteNPagedLookasideList(static_cast<PNPAGED_LOOKASIDE_LIST>(list));
@@ -60,14 +60,14 @@ extern "C" VOID ExInitializeNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside
     InitializeListHead(&Lookaside->L.ListEntry);
     KeInitializeSpinLock(&Lookaside->Lock);
     Machine::Impl& m = CurrentMachine();
-    std::lock_guard<std::mutex> guard(m.registryLock);
+    std::lock_guard<std::mutex> guard(m.lookasideListsLock);
     m.lookasideLists.insert(Lookaside);
 }
 
 extern "C" VOID ExDeleteNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside) {
     Machine::Impl& m = CurrentMachine();
     {
-        std::lock_guard<std::mutex> guard(m.registryLock);
+        std::lock_guard<std::mutex> guard(m.lookasideListsLock);
         if (!Registered(m, Lookaside)) {
             VerifierViolation("ExDeleteNPagedLookasideList on a list that is not initialised");
             return;

@@ -35,15 +35,15 @@ struct ResourceState {
     std::deque<Waiter*> waiters;
 };
 
-std::mutex gRegistryLock;
-std::set<ResourceState*> gResources;
+std::mutex g_registryLock;
+std::set<ResourceState*> g_resources;
 
 ResourceState* StateOf(PERESOURCE resource, const char* service) {
     auto* state = static_cast<ResourceState*>(resource->Impl);
     bool known;
     {
-        std::lock_guard<std::mutex> guard(gRegistryLock);
-        known = state && gResources.count(state);
+        std::lock_guard<std::mutex> guard(g_registryLock);
+        known = state && g_resources.count(state);
     }
     if (!known) {
         VerifierViolation(std::string(service) + " on a resource that is not initialised");
@@ -177,9 +177,9 @@ BOOLEAN AcquireShared(PERESOURCE resource, ResourceState* s, _ETHREAD* self, BOO
 }  // namespace
 
 void ResourceFreeAll() {
-    std::lock_guard<std::mutex> guard(gRegistryLock);
-    for (ResourceState* s : gResources) delete s;
-    gResources.clear();
+    std::lock_guard<std::mutex> guard(g_registryLock);
+    for (ResourceState* s : g_resources) delete s;
+    g_resources.clear();
 }
 
 }  // namespace tervane::emu
@@ -189,9 +189,9 @@ using namespace tervane::emu;
 extern "C" NTSTATUS ExInitializeResourceLite(PERESOURCE Resource) {
     auto* old = static_cast<ResourceState*>(Resource->Impl);
     {
-        std::lock_guard<std::mutex> guard(gRegistryLock);
-        if (old && gResources.count(old)) {  // initialised again: the old state goes
-            gResources.erase(old);
+        std::lock_guard<std::mutex> guard(g_registryLock);
+        if (old && g_resources.count(old)) {  // initialised again: the old state goes
+            g_resources.erase(old);
             delete old;
         }
     }
@@ -201,8 +201,8 @@ extern "C" NTSTATUS ExInitializeResourceLite(PERESOURCE Resource) {
     Resource->Impl = state;
     Resource->Address = reinterpret_cast<ULONG_PTR>(Resource);
     InitializeListHead(&Resource->SystemResourcesList);
-    std::lock_guard<std::mutex> guard(gRegistryLock);
-    gResources.insert(state);
+    std::lock_guard<std::mutex> guard(g_registryLock);
+    g_resources.insert(state);
     return STATUS_SUCCESS;
 }
 
@@ -219,8 +219,8 @@ extern "C" NTSTATUS ExDeleteResourceLite(PERESOURCE Resource) {
         return STATUS_SUCCESS;  // its state stays until the machine goes
     }
     {
-        std::lock_guard<std::mutex> guard(gRegistryLock);
-        gResources.erase(s);
+        std::lock_guard<std::mutex> guard(g_registryLock);
+        g_resources.erase(s);
     }
     delete s;
     Resource->Impl = nullptr;

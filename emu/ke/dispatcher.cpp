@@ -35,8 +35,8 @@ struct ThreadWait {
     std::deque<UserApc> userApcs;
 };
 
-std::mutex gDispatcherLock;
-std::unordered_map<PVOID, std::deque<ThreadWait*>> gWaitLists;
+std::mutex g_dispatcherLock;
+std::unordered_map<PVOID, std::deque<ThreadWait*>> g_waitLists;
 thread_local ThreadWait tUnboundWait;  // waits by host threads outside the machine
 
 ThreadWait* WaitStateOf(_KTHREAD* thread) {
@@ -46,8 +46,8 @@ ThreadWait* WaitStateOf(_KTHREAD* thread) {
 DISPATCHER_HEADER* HeaderOf(PVOID object) { return static_cast<DISPATCHER_HEADER*>(object); }
 
 void RemoveWaiter(PVOID object, ThreadWait* wait) {
-    auto it = gWaitLists.find(object);
-    if (it == gWaitLists.end()) return;
+    auto it = g_waitLists.find(object);
+    if (it == g_waitLists.end()) return;
     auto& list = it->second;
     for (auto w = list.begin(); w != list.end(); ++w) {
         if (*w == wait) {
@@ -55,15 +55,15 @@ void RemoveWaiter(PVOID object, ThreadWait* wait) {
             break;
         }
     }
-    if (list.empty()) gWaitLists.erase(it);
+    if (list.empty()) g_waitLists.erase(it);
 }
 
 // Called with the dispatcher lock held after OBJECT became signalled:
 // releases every waiter of a notification event, or one waiter of a
 // synchronization event (which then stays non-signalled).
 void SatisfyWaiters(PVOID object) {
-    auto it = gWaitLists.find(object);
-    if (it == gWaitLists.end()) return;
+    auto it = g_waitLists.find(object);
+    if (it == g_waitLists.end()) return;
     DISPATCHER_HEADER* header = HeaderOf(object);
     auto& list = it->second;
     while (!list.empty() && header->SignalState > 0) {
@@ -74,7 +74,7 @@ void SatisfyWaiters(PVOID object) {
         wait->wake.notify_one();
         if (header->Type == SynchronizationEvent) header->SignalState = 0;
     }
-    if (list.empty()) gWaitLists.erase(it);
+    if (list.empty()) g_waitLists.erase(it);
 }
 
 using Clock = std::chrono::steady_clock;
@@ -121,14 +121,14 @@ void KeInitializeThreadWait(_KTHREAD* thread) { thread->WaitBlock = new ThreadWa
 void KeDeleteThreadWait(_KTHREAD* thread) {
     // User APCs still queued die with the thread unrun.
     std::unique_ptr<ThreadWait> wait(static_cast<ThreadWait*>(thread->WaitBlock));
-    std::lock_guard<std::mutex> guard(gDispatcherLock);
+    std::lock_guard<std::mutex> guard(g_dispatcherLock);
     thread->WaitBlock = nullptr;
     wait->userApcs.clear();
 }
 
 void KeQueueUserApc(_KTHREAD* thread, PIO_APC_ROUTINE routine, PVOID context, PIO_STATUS_BLOCK ioStatusBlock) {
     if (!thread || !routine) return;
-    std::lock_guard<std::mutex> guard(gDispatcherLock);
+    std::lock_guard<std::mutex> guard(g_dispatcherLock);
     ThreadWait* wait = WaitStateOf(thread);
     if (!wait) return;  // the thread has ended: as NT, its APCs are not queued
     wait->userApcs.push_back({routine, context, ioStatusBlock});
@@ -147,7 +147,7 @@ LONGLONG KeSystemTimeNow() {
 using namespace tervane::emu;
 
 extern "C" VOID KeInitializeEvent(PRKEVENT Event, EVENT_TYPE Type, BOOLEAN State) {
-    std::lock_guard<std::mutex> guard(gDispatcherLock);
+    std::lock_guard<std::mutex> guard(g_dispatcherLock);
     Event->Header.Type = static_cast<UCHAR>(Type);
     Event->Header.Absolute = 0;
     Event->Header.Size = sizeof(KEVENT) / sizeof(LONG);
@@ -157,7 +157,7 @@ extern "C" VOID KeInitializeEvent(PRKEVENT Event, EVENT_TYPE Type, BOOLEAN State
 }
 
 extern "C" LONG KeSetEvent(PRKEVENT Event, KPRIORITY Increment, BOOLEAN Wait) {
-    std::lock_guard<std::mutex> guard(gDispatcherLock);
+    std::lock_guard<std::mutex> guard(g_dispatcherLock);
     LONG previous = Event->Header.SignalState;
     Event->Header.SignalState = 1;
     SatisfyWaiters(Event);
@@ -165,19 +165,19 @@ extern "C" LONG KeSetEvent(PRKEVENT Event, KPRIORITY Increment, BOOLEAN Wait) {
 }
 
 extern "C" LONG KeResetEvent(PRKEVENT Event) {
-    std::lock_guard<std::mutex> guard(gDispatcherLock);
+    std::lock_guard<std::mutex> guard(g_dispatcherLock);
     LONG previous = Event->Header.SignalState;
     Event->Header.SignalState = 0;
     return previous;
 }
 
 extern "C" VOID KeClearEvent(PRKEVENT Event) {
-    std::lock_guard<std::mutex> guard(gDispatcherLock);
+    std::lock_guard<std::mutex> guard(g_dispatcherLock);
     Event->Header.SignalState = 0;
 }
 
 extern "C" LONG KeReadStateEvent(PRKEVENT Event) {
-    std::lock_guard<std::mutex> guard(gDispatcherLock);
+    std::lock_guard<std::mutex> guard(g_dispatcherLock);
     return Event->Header.SignalState;
 }
 
@@ -189,7 +189,7 @@ extern "C" NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason,
     ThreadWait* wait = WaitStateOf(thread);
     DISPATCHER_HEADER* header = HeaderOf(Object);
 
-    std::unique_lock<std::mutex> guard(gDispatcherLock);
+    std::unique_lock<std::mutex> guard(g_dispatcherLock);
     // Order as on NT: a signalled object wins over a pending alert, which
     // wins over a zero time-out.
     if (header->SignalState > 0) {
@@ -204,7 +204,7 @@ extern "C" NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason,
     wait->satisfied = false;
     wait->alertable = Alertable;
     wait->userWait = WaitMode == UserMode;
-    gWaitLists[Object].push_back(wait);
+    g_waitLists[Object].push_back(wait);
     auto done = [&] {
         return wait->satisfied || (Alertable && wait->alerted) || UserApcsDeliverable(wait, WaitMode, Alertable);
     };
@@ -230,7 +230,7 @@ extern "C" NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Ale
     _ETHREAD* current = CurrentThread();
     _KTHREAD* thread = current ? &current->Tcb : nullptr;
     ThreadWait* wait = WaitStateOf(thread);
-    std::unique_lock<std::mutex> guard(gDispatcherLock);
+    std::unique_lock<std::mutex> guard(g_dispatcherLock);
     if (TakeAlert(thread, wait, Alertable)) return STATUS_ALERTED;
     if (UserApcsDeliverable(wait, WaitMode, Alertable)) return DeliverUserApcs(wait, guard);
     LONGLONG interval = Interval ? Interval->QuadPart : 0;
@@ -255,7 +255,7 @@ extern "C" NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Ale
 // otherwise the alert stays pending for its next alertable wait. Returns
 // whether an alert was already pending.
 extern "C" BOOLEAN KeAlertThread(PKTHREAD Thread, KPROCESSOR_MODE AlertMode) {
-    std::lock_guard<std::mutex> guard(gDispatcherLock);
+    std::lock_guard<std::mutex> guard(g_dispatcherLock);
     ThreadWait* wait = WaitStateOf(Thread);
     if (!wait) return FALSE;  // the thread has ended
     BOOLEAN previous = wait->alerted ? TRUE : FALSE;
@@ -271,7 +271,7 @@ extern "C" NTSTATUS NtTestAlert(VOID) {
     _ETHREAD* current = CurrentThread();
     _KTHREAD* thread = current ? &current->Tcb : nullptr;
     ThreadWait* wait = WaitStateOf(thread);
-    std::unique_lock<std::mutex> guard(gDispatcherLock);
+    std::unique_lock<std::mutex> guard(g_dispatcherLock);
     NTSTATUS status = TakeAlert(thread, wait, TRUE) ? STATUS_ALERTED : STATUS_SUCCESS;
     if (!wait->userApcs.empty()) DeliverUserApcs(wait, guard);
     return status;

@@ -12,12 +12,12 @@
 namespace tervane::emu {
 
 namespace {
-std::atomic<Machine*> gCurrent{nullptr};
+std::atomic<Machine*> g_current{nullptr};
 constexpr uint32_t kSystemProcessId = 4;
 }  // namespace
 
 Machine::Impl& CurrentMachine() {
-    Machine* machine = gCurrent.load();
+    Machine* machine = g_current.load();
     if (!machine) {
         std::fprintf(stderr, "tervane: a kernel service was called while no machine is alive\n");
         std::abort();
@@ -25,12 +25,12 @@ Machine::Impl& CurrentMachine() {
     return machine->impl();
 }
 
-Machine* Machine::Current() { return gCurrent.load(); }
+Machine* Machine::Current() { return g_current.load(); }
 
 Machine::Machine(MachineOptions options) {
     Machine* expected = nullptr;
     impl_ = std::make_unique<Impl>(this, options);
-    if (!gCurrent.compare_exchange_strong(expected, this))
+    if (!g_current.compare_exchange_strong(expected, this))
         throw std::logic_error("a Machine is already alive in this process; only one can exist at a time");
     NtBuildNumber = 0xF0000000u | options.buildNumber;
     LockOrderReset();
@@ -61,7 +61,7 @@ Machine::~Machine() {
     for (Process* process : all) process->StopWorker();
     for (Process* process : all) delete process;
     ResourceFreeAll();
-    gCurrent.store(nullptr);
+    g_current.store(nullptr);
 }
 
 Process* Machine::CreateProcess(uint32_t pid, const std::string& imageName) {

@@ -41,16 +41,9 @@ struct Machine::Impl {
     std::vector<Process*> ended;
     Process* system = nullptr;
 
-    // Lookaside lists still initialised (drained at shutdown) and executive
-    // resources still alive (their host state is freed with the machine).
-    std::mutex registryLock;
+    // Lookaside lists still initialised (drained at shutdown).
+    std::mutex lookasideListsLock;
     std::set<void*> lookasideLists;
-
-    // Slots for the other services' state, set by their startup routines.
-    ObjectManager* ob = nullptr;
-    IoManager* io = nullptr;
-    Registry* registry = nullptr;
-    FileSystem* fs = nullptr;
 
     std::mutex shutdownLock;
     bool shutDown = false;

@@ -28,10 +28,10 @@ struct View {
     PVOID section;       // referenced while mapped
 };
 
-POBJECT_TYPE gSectionType = nullptr;
-POBJECT_TYPE gSectionTypeExport = nullptr;
-std::mutex gViewLock;
-std::vector<View> gViews;
+POBJECT_TYPE g_sectionType = nullptr;
+POBJECT_TYPE g_sectionTypeExport = nullptr;
+std::mutex g_viewLock;
+std::vector<View> g_views;
 
 constexpr ULONGLONG kMaximumSectionSize = 0x80000000ULL;  // 2 GB
 
@@ -55,7 +55,7 @@ bool ValidProtection(ULONG protection) {
 }
 
 void EnsureType() {  // types live as long as the host process
-    if (gSectionType) return;
+    if (g_sectionType) return;
     ObjectTypeInit init{};
     init.name = "Section";
     init.mapping = {STANDARD_RIGHTS_READ | SECTION_QUERY | SECTION_MAP_READ,
@@ -63,20 +63,20 @@ void EnsureType() {  // types live as long as the host process
                     STANDARD_RIGHTS_EXECUTE | SECTION_MAP_EXECUTE, SECTION_ALL_ACCESS};
     init.validAccess = SECTION_ALL_ACCESS | SYNCHRONIZE;
     init.deleteProcedure = DeleteSection;
-    gSectionType = ObCreateObjectType(init);
+    g_sectionType = ObCreateObjectType(init);
 }
 
 }  // namespace
 
 void MmStartup() {
     EnsureType();
-    gSectionTypeExport = gSectionType;
+    g_sectionTypeExport = g_sectionType;
 }
 
 std::vector<std::string> MmDescribeViews() {
-    std::lock_guard<std::mutex> guard(gViewLock);
+    std::lock_guard<std::mutex> guard(g_viewLock);
     std::vector<std::string> lines;
-    for (const View& v : gViews) {
+    for (const View& v : g_views) {
         char line[128];
         std::snprintf(line, sizeof(line), "view %p of section %p (%zu bytes)", static_cast<void*>(v.base), v.section,
                       static_cast<size_t>(v.size));
@@ -88,8 +88,8 @@ std::vector<std::string> MmDescribeViews() {
 void MmShutdown() {
     std::vector<View> views;
     {
-        std::lock_guard<std::mutex> guard(gViewLock);
-        views.swap(gViews);
+        std::lock_guard<std::mutex> guard(g_viewLock);
+        views.swap(g_views);
     }
     for (View& v : views) {
         munmap(v.base, v.mappedBytes);
@@ -102,7 +102,7 @@ void MmShutdown() {
 using namespace tervane::emu;
 
 extern "C" {
-POBJECT_TYPE* MmSectionObjectType = &tervane::emu::gSectionTypeExport;
+POBJECT_TYPE* MmSectionObjectType = &tervane::emu::g_sectionTypeExport;
 }
 
 
@@ -110,7 +110,7 @@ POBJECT_TYPE* MmSectionObjectType = &tervane::emu::gSectionTypeExport;
 extern "C" NTSTATUS ZwCreateSection(PHANDLE SectionHandle, ACCESS_MASK DesiredAccess,
                                     POBJECT_ATTRIBUTES ObjectAttributes, PLARGE_INTEGER MaximumSize,
                                     ULONG SectionPageProtection, ULONG AllocationAttributes, HANDLE FileHandle) {
-    if (!gSectionType) return STATUS_NOT_IMPLEMENTED;
+    if (!g_sectionType) return STATUS_NOT_IMPLEMENTED;
     if (!SectionHandle) return STATUS_ACCESS_VIOLATION;
     if (FileHandle) return STATUS_NOT_SUPPORTED;
     if (!MaximumSize || MaximumSize->QuadPart <= 0) return STATUS_INVALID_PARAMETER_4;
@@ -126,7 +126,7 @@ extern "C" NTSTATUS ZwCreateSection(PHANDLE SectionHandle, ACCESS_MASK DesiredAc
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     PVOID object = nullptr;
-    NTSTATUS status = ObCreateObject(gSectionType, sizeof(SectionBody), &object);
+    NTSTATUS status = ObCreateObject(g_sectionType, sizeof(SectionBody), &object);
     if (!NT_SUCCESS(status)) {
         close(fd);
         return status;
@@ -147,7 +147,7 @@ extern "C" NTSTATUS ZwCreateSection(PHANDLE SectionHandle, ACCESS_MASK DesiredAc
 // A view size of 0 maps the whole section and reports the section's size.
 extern "C" NTSTATUS MmMapViewInSystemSpace(PVOID Section, PVOID* MappedBase, PSIZE_T ViewSize) {
     if (!Section || !MappedBase || !ViewSize) return STATUS_INVALID_PARAMETER;
-    if (!gSectionType || ObGetObjectType(Section) != gSectionType) return STATUS_OBJECT_TYPE_MISMATCH;
+    if (!g_sectionType || ObGetObjectType(Section) != g_sectionType) return STATUS_OBJECT_TYPE_MISMATCH;
     auto* body = static_cast<SectionBody*>(Section);
     SIZE_T size = *ViewSize == 0 ? static_cast<SIZE_T>(body->size) : *ViewSize;
     if (size > body->size) return STATUS_INVALID_VIEW_SIZE;
@@ -156,8 +156,8 @@ extern "C" NTSTATUS MmMapViewInSystemSpace(PVOID Section, PVOID* MappedBase, PSI
     if (base == MAP_FAILED) return STATUS_NO_MEMORY;
     ObfReferenceObject(Section);
     {
-        std::lock_guard<std::mutex> guard(gViewLock);
-        gViews.push_back(View{static_cast<char*>(base), mapped, size, Section});
+        std::lock_guard<std::mutex> guard(g_viewLock);
+        g_views.push_back(View{static_cast<char*>(base), mapped, size, Section});
     }
     *MappedBase = base;
     *ViewSize = size;
@@ -169,14 +169,14 @@ extern "C" NTSTATUS MmMapViewInSystemSpace(PVOID Section, PVOID* MappedBase, PSI
 extern "C" NTSTATUS MmUnmapViewInSystemSpace(PVOID MappedBase) {
     View found{};
     {
-        std::lock_guard<std::mutex> guard(gViewLock);
+        std::lock_guard<std::mutex> guard(g_viewLock);
         auto* address = static_cast<char*>(MappedBase);
-        auto it = gViews.begin();
-        for (; it != gViews.end(); ++it)
+        auto it = g_views.begin();
+        for (; it != g_views.end(); ++it)
             if (address >= it->base && address < it->base + it->mappedBytes) break;
-        if (it == gViews.end()) return STATUS_NOT_MAPPED_VIEW;
+        if (it == g_views.end()) return STATUS_NOT_MAPPED_VIEW;
         found = *it;
-        gViews.erase(it);
+        g_views.erase(it);
     }
     munmap(found.base, found.mappedBytes);
     ObfDereferenceObject(found.section);

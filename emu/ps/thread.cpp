@@ -14,7 +14,7 @@ namespace {
 thread_local _ETHREAD* tCurrentThread = nullptr;
 // Thread ids are multiples of 4 like all client ids; they start high so that
 // they stay clear of the small process ids that scripts choose.
-std::atomic<uint32_t> gNextThreadId{0x1000};
+std::atomic<uint32_t> g_nextThreadId{0x1000};
 
 [[noreturn]] void Unbound(const char* service) {
     std::fprintf(stderr, "tervane: %s called on a host thread that is not a thread of the machine "
@@ -32,7 +32,7 @@ void BindCurrentThread(_ETHREAD* thread) { tCurrentThread = thread; }
 _ETHREAD* PsCreateThreadObject(_EPROCESS* process) {
     auto* thread = new _ETHREAD();
     thread->Tcb.Process = process;
-    thread->Tcb.UniqueThreadId = gNextThreadId.fetch_add(4);
+    thread->Tcb.UniqueThreadId = g_nextThreadId.fetch_add(4);
     thread->Tcb.CriticalRegionDepth = 0;
     thread->Tcb.Alerted = false;
     thread->Tcb.PreviousMode = KernelMode;

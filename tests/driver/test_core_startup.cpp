@@ -76,7 +76,8 @@ TEST_F(StartupTest, StateAfterLoadAndLogHeads) {
     EXPECT_NE(g_pControlDevice->Flags & DO_EXCLUSIVE, 0u);
 
     // Every line: one head (thread, process name, id 4 of System, function,
-    // line) and its message. The name's buffer exists only from step 8 on.
+    // line) and its message. The name prints as (null) until start-up has
+    // prepared the current-process-name string.
     const std::regex head(R"(^\[TRVN\][0-9a-f]+\[(.*)\]\[4\]: (\w+)\(\) \((\d+)\):\t(.*)$)");
     struct Expected {
         const char* name;
