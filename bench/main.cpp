@@ -63,6 +63,7 @@ public:
                 continue;
             }
             result.ns = run.GetAdjustedRealTime() * NsPerUnit(run.time_unit);
+            result.cpuNs = run.GetAdjustedCPUTime() * NsPerUnit(run.time_unit);
             result.counters.clear();
             for (const auto& [counter, value] : run.counters) result.counters[counter] = value.value;
         }

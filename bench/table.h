@@ -12,6 +12,7 @@ namespace tervane::bench {
 // One benchmark's result: the median over repetitions where there were any.
 struct Result {
     double ns = 0;                        // real time per iteration
+    double cpuNs = 0;                     // CPU time of the measuring thread per iteration
     std::map<std::string, double> counters;  // user counters, items_per_second, bytes_per_second
     std::string error;                    // set when the benchmark failed
 };
