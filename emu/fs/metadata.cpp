@@ -131,7 +131,7 @@ namespace {
 // Counts the writes of every store: a record read while one was made is not
 // kept, as it may be older than the change time it would be kept with.
 std::atomic<uint64_t> g_metaWrites{0};
-constexpr size_t kRecentRecords = 4096;  // then the records start over
+constexpr size_t kRecentRecords = 1 << 16;  // then the records start over
 }  // namespace
 
 bool MetaStore::FindRecent(const struct stat& st, FileMeta* meta) const {
