@@ -78,7 +78,9 @@ std::vector<Row> BuildTable(const Results& results) {
         Row row{section, what, Time(ns(name)), "", target};
         if (!of.empty()) {
             row.ratio = Ratio(ns(name) / ns(of), ofLabel);
-            if (!row.ratio.empty()) row.ratio += CpuRatio(CpuNs(results, name) / CpuNs(results, of));
+            // The host's cp works in a process of its own: no CPU time here.
+            if (!row.ratio.empty() && of != "copy/host")
+                row.ratio += CpuRatio(CpuNs(results, name) / CpuNs(results, of));
         }
         rows.push_back(row);
     };
