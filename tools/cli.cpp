@@ -1,12 +1,16 @@
 // The table of the command line's own commands.
 #include "cli.h"
 
+#include <cctype>
 #include <iostream>
 
 #include "demo.h"
 #include "frontend.h"
 #include "index_cli.h"
 #include "interpreter.h"
+#ifdef TERVANE_WITH_FUSE
+#include "mount.h"
+#endif
 
 namespace tervane::tool {
 
@@ -78,6 +82,88 @@ int HelpCommand(const CliValues& v) {
     for (const auto& word : v.List("COMMAND")) topic += (topic.empty() ? "" : " ") + word;
     return PrintHelp(topic, std::cout) ? 0 : kExitScriptError;
 }
+
+#ifdef TERVANE_WITH_FUSE
+int MountCommand(const CliValues& v) {
+    fuse::MountOptions options;
+    options.script = v.Get("SCRIPT");
+    options.mountPoint = v.Get("MOUNTPOINT");
+    options.foreground = v.Switch("--foreground");
+    options.fuseOptions = v.Get("-o");
+    std::string drive = v.Get("--drive");
+    if (!drive.empty()) {
+        bool letter = (drive.size() == 1 || (drive.size() == 2 && drive[1] == ':')) && std::isalpha(drive[0]);
+        options.drive = letter ? static_cast<char>(std::toupper(drive[0])) : '?';
+    }
+    return fuse::Mount(options);
+}
+
+int ExecCommand(const CliValues& v) { return fuse::Exec(v.Get("MOUNTPOINT"), v.List("CMD")); }
+int MountCtlCommand(const CliValues& v) { return fuse::Ctl(v.Get("MOUNTPOINT"), v.List("VERB")); }
+
+void AddMountCommands(std::vector<CliCommand>& t) {
+    t.push_back({
+        "mount",
+        "serve the layered view to Linux programs through FUSE",
+        "Runs SCRIPT (scenario commands such as volume C: HOSTDIR, load and ctl ...) to set the machine up, then "
+        "serves drive C: (or the --drive letter) at MOUNTPOINT through libfuse 3. Every Linux process that makes a "
+        "request is a process of the machine with the same id and the image name of /proc/PID/comm, made on its "
+        "first request and ended once it is gone; the driver's monitored-process list decides what each sees. "
+        "Policy of the mount: a process seen for the first time whose parent, or any ancestor, is on the list is "
+        "added to it (and removed when it ends), so the children of a monitored shell see what it sees. A listing "
+        "names each entry once, as the copy an open reaches (the driver's merged listing names an entry once for "
+        "every filter directory that holds it), and . and .. once. Directories have mode 0755, files 0755 unless "
+        "-o umask=OCTAL says otherwise, read-only files no write bits; everything belongs to the mounting user. "
+        "What NT cannot hold is refused: symbolic and hard links, device nodes and other owners with EPERM, names "
+        "with \\ : * ? \" < > | or a control character, or ending in a dot or blank, with EINVAL, names that are "
+        "not UTF-8 with EILSEQ. Without --foreground the command returns once the mount is ready and the server "
+        "goes on in the background; fusermount3 -u MOUNTPOINT (or SIGINT, SIGTERM in the foreground) unmounts, ends "
+        "every process and prints the verifier's report on standard error. A control socket beside the mount "
+        "(.NAME.tervane next to MOUNTPOINT, owner only) takes tervane exec and tervane ctl MOUNTPOINT.",
+        "tervane mount setup.scn /mnt/view",
+        {{"SCRIPT", "the setup script", ValueKind::File}, {"MOUNTPOINT", "an empty directory", ValueKind::Directory}},
+        {{"--foreground", nullptr, "serve in this process until unmounted"},
+         {"--drive", "X:", "the drive to serve (C: unless told)"},
+         {"-o", "OPTIONS", "mount options, comma-separated: umask=OCTAL, and libfuse's own (allow_other ...)"}},
+        {{0, "mounted (and, in the foreground, unmounted with a clean verifier report)"},
+         {1, "the mount could not start (no /dev/fuse, a busy mount point, a drive the script did not make); the "
+             "message says why"},
+         {2, "a usage error or a setup script that failed (file and line named)"},
+         {3, "unmounted, and the verifier found something outstanding (the report is printed)"}},
+        MountCommand,
+    });
+    t.push_back({
+        "exec",
+        "run a command as a monitored process of a mount",
+        "Adds this process to the monitored processes of the mount at MOUNTPOINT through its control socket, then "
+        "runs CMD in its place: CMD and every process it starts see the layered view there. The exit status is "
+        "CMD's.",
+        "tervane exec /mnt/view -- bash",
+        {{"MOUNTPOINT", "a tervane mount", ValueKind::Directory},
+         {"CMD", "the command and its arguments, after --", ValueKind::Text, false, true}},
+        {},
+        {{125, "the mount did not take the process (no mount there, or no driver loaded)"},
+         {126, "CMD could not be run"},
+         {127, "CMD was not found"}},
+        ExecCommand,
+    });
+    t.push_back({
+        "ctl",
+        "send a control verb to the driver of a running mount",
+        "Sends one verb of the scenario command ctl (add-process PID NAME, processes, add-exclusions PATH..., "
+        "start, stop ...) to the driver of the mount at MOUNTPOINT through its control socket and prints what ctl "
+        "prints in a script.",
+        "tervane ctl /mnt/view processes",
+        {{"MOUNTPOINT", "a tervane mount", ValueKind::Directory},
+         {"VERB", "the verb and its words", ValueKind::Text, false, true}},
+        {},
+        {{0, "the driver answered with success"},
+         {1, "the driver refused (its status is printed)"},
+         {2, "no mount answers there, or the verb or its words are wrong"}},
+        MountCtlCommand,
+    });
+}
+#endif
 
 const CliArgument kNodeFile{"NODEFILE", "the node file", ValueKind::File};
 const CliArgument kNameFile{"NAMEFILE", "the name file", ValueKind::File};
@@ -193,6 +279,9 @@ std::vector<CliCommand> MakeTable() {
          {kIndexFailed, "the files cannot be read or are not an index pair, or a usage error"}},
         IndexLookupCommand,
     });
+#ifdef TERVANE_WITH_FUSE
+    AddMountCommands(t);
+#endif
     t.push_back({
         "help",
         "explain a command, with an example",

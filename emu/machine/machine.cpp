@@ -150,6 +150,16 @@ std::unique_ptr<Machine::Thread> Machine::StartThread(Process* process, const st
     return thread;
 }
 
+void Machine::RunOnCallingThread(Process* process, const std::function<void()>& fn) {
+    if (!process || process->terminated) throw std::invalid_argument("Machine::RunOnCallingThread: no live process");
+    _ETHREAD* object = PsCreateThreadObject(process->eprocess());
+    struct End {
+        _ETHREAD* object;
+        ~End() { PsDeleteThreadObject(object); }
+    } end{object};
+    PsRunAsThread(object, fn);
+}
+
 NTSTATUS Machine::LoadDriver(const std::u16string& name, PDRIVER_INITIALIZE entry, PDRIVER_OBJECT* driverObject) {
     NTSTATUS status = STATUS_UNSUCCESSFUL;
     PDRIVER_OBJECT object = nullptr;

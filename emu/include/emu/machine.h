@@ -85,6 +85,10 @@ public:
         std::unique_ptr<Impl> impl;
     };
     std::unique_ptr<Thread> StartThread(Process* process, const std::function<void()>& fn);
+    // Runs FN on the calling host thread, bound for that call to a new
+    // thread of PROCESS (a front end whose own workers serve many
+    // processes, such as the FUSE mount). Rethrows what FN threw.
+    void RunOnCallingThread(Process* process, const std::function<void()>& fn);
 
     // Loads a driver: creates its driver object "\Driver\NAME" and calls
     // ENTRY in the System process. Returns DriverEntry's status.

@@ -1,0 +1,73 @@
+// NT statuses onto errno values, as a POSIX program reads them.
+#include "errno_map.h"
+
+#include <cerrno>
+
+namespace tervane::fuse {
+namespace {
+
+struct StatusErrno {
+    NTSTATUS status;
+    int error;
+};
+
+// A file whose delete is pending is already gone for a POSIX program; a
+// sharing violation is what another opener holding the file looks like
+// (EBUSY); a read-only file that cannot be deleted or written is EACCES.
+constexpr StatusErrno kTable[] = {
+    {STATUS_OBJECT_NAME_NOT_FOUND, ENOENT},
+    {STATUS_OBJECT_PATH_NOT_FOUND, ENOENT},
+    {STATUS_NO_SUCH_FILE, ENOENT},
+    {STATUS_DELETE_PENDING, ENOENT},
+    {STATUS_FILE_DELETED, ENOENT},
+    {STATUS_NOT_A_DIRECTORY, ENOTDIR},
+    {STATUS_FILE_IS_A_DIRECTORY, EISDIR},
+    {STATUS_OBJECT_NAME_COLLISION, EEXIST},
+    {STATUS_OBJECT_NAME_EXISTS, EEXIST},
+    {STATUS_ACCESS_DENIED, EACCES},
+    {STATUS_CANNOT_DELETE, EACCES},
+    {STATUS_PRIVILEGE_NOT_HELD, EPERM},
+    {STATUS_SHARING_VIOLATION, EBUSY},
+    {STATUS_DEVICE_BUSY, EBUSY},
+    {STATUS_FILES_OPEN, EBUSY},
+    {STATUS_DIRECTORY_NOT_EMPTY, ENOTEMPTY},
+    {STATUS_DISK_FULL, ENOSPC},
+    {STATUS_INVALID_PARAMETER, EINVAL},
+    {STATUS_INVALID_PARAMETER_MIX, EINVAL},
+    {STATUS_OBJECT_NAME_INVALID, EINVAL},
+    {STATUS_OBJECT_PATH_INVALID, EINVAL},
+    {STATUS_OBJECT_PATH_SYNTAX_BAD, EINVAL},
+    {STATUS_NAME_TOO_LONG, ENAMETOOLONG},
+    {STATUS_NO_MEMORY, ENOMEM},
+    {STATUS_INSUFFICIENT_RESOURCES, ENOMEM},
+    {STATUS_TOO_MANY_OPENED_FILES, EMFILE},
+    {STATUS_NOT_SUPPORTED, ENOTSUP},
+    {STATUS_EAS_NOT_SUPPORTED, ENOTSUP},
+    {STATUS_NOT_IMPLEMENTED, ENOSYS},
+    {STATUS_INVALID_DEVICE_REQUEST, ENOTSUP},
+    {STATUS_INVALID_INFO_CLASS, ENOTSUP},
+    {STATUS_MEDIA_WRITE_PROTECTED, EROFS},
+    {STATUS_FILE_LOCK_CONFLICT, EAGAIN},
+    {STATUS_LOCK_NOT_GRANTED, EAGAIN},
+    {STATUS_NOT_SAME_DEVICE, EXDEV},
+    {STATUS_INVALID_HANDLE, EBADF},
+    {STATUS_FILE_CLOSED, EBADF},
+    {STATUS_BUFFER_TOO_SMALL, ERANGE},
+    {STATUS_CANCELLED, EINTR},
+    {STATUS_NO_SUCH_DEVICE, ENODEV},
+    {STATUS_VOLUME_DISMOUNTED, ENODEV},
+    {STATUS_DEVICE_NOT_READY, EAGAIN},
+    {STATUS_DATA_ERROR, EIO},
+    {STATUS_FILE_CORRUPT_ERROR, EIO},
+};
+
+}  // namespace
+
+int ErrnoFromStatus(NTSTATUS status) {
+    if (NT_SUCCESS(status)) return 0;
+    for (const auto& row : kTable)
+        if (row.status == status) return row.error;
+    return EIO;
+}
+
+}  // namespace tervane::fuse
