@@ -91,7 +91,18 @@ void* Init(fuse_conn_info* conn, fuse_config* cfg) {
     return fuse_get_context()->private_data;
 }
 
+// A name NT cannot hold names nothing: looking it up finds nothing (so that
+// a program's probe before a create goes on to the create, which is refused
+// with the name's errno).
+int LookupError(const char* path) {
+    std::u16string name;
+    int error = path ? ObjectNameFor(path, State().drive, &name) : 0;
+    return error == EINVAL || error == EILSEQ ? -ENOENT : -error;
+}
+
 int Getattr(const char* path, struct stat* st, fuse_file_info* fi) {
+    if (!fi)
+        if (int error = LookupError(path)) return error;
     return ForHandle(path, fi, FILE_READ_ATTRIBUTES, [&](HANDLE h) {
         NtAttributes a;
         NTSTATUS status = QueryAttributes(h, &a);
@@ -102,6 +113,7 @@ int Getattr(const char* path, struct stat* st, fuse_file_info* fi) {
 }
 
 int Access(const char* path, int mask) {
+    if (int error = LookupError(path)) return error;
     return ForPath(path, [&](const std::u16string& name) {
         NtAttributes a;
         NTSTATUS status = QueryAttributesByName(name, &a);
