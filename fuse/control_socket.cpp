@@ -66,7 +66,10 @@ int Connect(const std::filesystem::path& path) {
 std::filesystem::path ControlSocketPath(const std::filesystem::path& mountPoint) {
     std::filesystem::path clean = mountPoint.lexically_normal();
     if (clean.has_filename() == false) clean = clean.parent_path();
-    return clean.parent_path() / ("." + clean.filename().string() + ".tervane");
+    std::string name = ".";
+    name += clean.filename().string();
+    name += ".tervane";
+    return clean.parent_path() / name;
 }
 
 ControlSocket::~ControlSocket() { Stop(); }
