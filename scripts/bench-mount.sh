@@ -5,6 +5,7 @@
 # the same lower layer; one table of times and ratios. Not a test: no time
 # is asserted. Needs /dev/fuse, fuse-overlayfs and unionfs-fuse.
 # Usage: scripts/bench-mount.sh [--small]    (--small: trees a tenth the size)
+#   TERVANE=PATH takes that tervane binary instead of a Release build in build-bench/.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 build="${BENCH_BUILD_DIR:-$root/build-bench}"
@@ -14,9 +15,12 @@ for tool in fusermount3 fuse-overlayfs unionfs-fuse git make cc tar; do
   command -v "$tool" >/dev/null || { echo "bench-mount: $tool is missing (scripts/setup.sh installs it)" >&2; exit 2; }
 done
 [[ -c /dev/fuse ]] || { echo "bench-mount: /dev/fuse is missing" >&2; exit 2; }
-cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DTERVANE_SANITIZE=OFF >/dev/null
-cmake --build "$build" -j"$(nproc)" --target tervane >/dev/null
-tervane="$build/tervane"
+tervane="${TERVANE:-}"
+if [[ -z $tervane ]]; then
+  cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release -DTERVANE_SANITIZE=OFF >/dev/null
+  cmake --build "$build" -j"$(nproc)" --target tervane >/dev/null
+  tervane="$build/tervane"
+fi
 
 work="$(mktemp -d "${TMPDIR:-/tmp}/tervane-bench-mount.XXXXXX")"
 mounts=()
@@ -95,10 +99,10 @@ for p in "${!names[@]}"; do
 done
 
 printf '%-14s' workload; for n in "${names[@]}"; do printf '%15s' "$n"; done
-printf '%15s%15s\n' "mon/overlayfs" "unmon/overlayfs"
+printf '%16s%16s\n' "mon/overlayfs" "unmon/overlayfs"
 for w in "${!workloads[@]}"; do
   printf '%-14s' "${workloads[$w]}"
   for p in "${!names[@]}"; do printf '%14.2fs' "${seconds[$p,$w]}"; done
   awk -v m="${seconds[1,$w]}" -v u="${seconds[2,$w]}" -v o="${seconds[3,$w]}" \
-    'BEGIN { printf "%14.2fx%14.2fx\n", m / o, u / o }'
+    'BEGIN { printf "%15.2fx%15.2fx\n", m / o, u / o }'
 done
