@@ -3,9 +3,9 @@
 #include "control/exclusion_list.h"
 
 #include "control/filter_directory.h"
-#include "control/strings.h"
-#include "core/locks.h"
-#include "core/tervane.h"
+#include "base/strings.h"
+#include "base/scoped.h"
+#include "base/global_state.h"
 
 PExcludedPathEntry g_pExcludedPathList = NULL;
 ERESOURCE g_ExcludedPathListLock;

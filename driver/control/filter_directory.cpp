@@ -2,11 +2,10 @@
 // real paths inside one filter directory.
 #include "control/filter_directory.h"
 
-#include "control/strings.h"
-#include "core/locks.h"
-#include "core/log.h"
-#include "core/tervane.h"
-#include "index/file_index.h"
+#include "base/strings.h"
+#include "base/scoped.h"
+#include "base/log.h"
+#include "base/global_state.h"
 
 PFilterDirectoryEntry g_pFilterDirectoryList = NULL;
 ULONG g_ulFilterMask = 0;
@@ -183,21 +182,4 @@ BOOLEAN IsFilterIndexLoaded() {
     PFilterDirectoryEntry pEntry = GetFilterDirectory(ulLastFlag);
     return pEntry != NULL && pEntry->m_ppIndexHolder != NULL &&
            __atomic_load_n(pEntry->m_ppIndexHolder, __ATOMIC_ACQUIRE) != NULL;
-}
-
-// A null path is reported and, with an index to ask, found in none.
-BOOLEAN LookupFilterIndex(struct FileIndex** IndexHolder, PCUNICODE_STRING pustrPath) {
-    TRVN_ASSERT(pustrPath, "filter_directory", 142);
-    if (IndexHolder == NULL) {
-        return TRUE;
-    }
-    PFileIndex pIndex = __atomic_load_n(IndexHolder, __ATOMIC_ACQUIRE);
-    if (pIndex == NULL) {
-        return TRUE;
-    }
-    if (pustrPath == NULL) {
-        return FALSE;
-    }
-    FileIndexEntry result;
-    return LookupIndexPath(pIndex, pustrPath, &result);
 }

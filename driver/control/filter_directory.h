@@ -41,4 +41,3 @@ BOOLEAN GetRealFilePathForFilter(PCUNICODE_STRING Path, PUNICODE_STRING RealPath
                                  BOOLEAN NewBuffer);
 VOID FreeRealFilePath(PUNICODE_STRING RealPath);
 BOOLEAN IsFilterIndexLoaded();
-BOOLEAN LookupFilterIndex(struct FileIndex** IndexHolder, PCUNICODE_STRING Path);

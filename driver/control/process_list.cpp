@@ -2,10 +2,10 @@
 // names that are monitored without being listed.
 #include "control/process_list.h"
 
-#include "control/strings.h"
-#include "core/locks.h"
-#include "core/log.h"
-#include "core/tervane.h"
+#include "base/strings.h"
+#include "base/scoped.h"
+#include "base/log.h"
+#include "base/global_state.h"
 
 PMonitoredProcessEntry g_pMonitoredProcessList = NULL;
 ERESOURCE g_MonitoredProcessListLock;

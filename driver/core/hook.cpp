@@ -1,6 +1,6 @@
 // Volume attachment: a filter device on top of each hooked volume's
 // file-system stack, shared by every drive letter of that volume.
-#include "core/log.h"
+#include "base/log.h"
 #include "core/tervane.h"
 
 // "\DosDevices\A:\" with the letter at ROOT_NAME_LETTER.

@@ -1,7 +1,7 @@
 // Request routing: one dispatch entry for every device of the driver. The
 // control device serves the control protocol; a filter device passes every
 // request down unless it belongs to an open served from a filter directory.
-#include "core/log.h"
+#include "base/log.h"
 #include "core/tervane.h"
 
 #include "control/process_list.h"
@@ -30,22 +30,6 @@ static PTERVANE_REQUEST_HANDLER RoutingTableHandler(UCHAR MajorFunction) {
     case IRP_MJ_SET_SECURITY: return TervaneSetSecurity;
     default: return NULL;
     }
-}
-
-NTSTATUS NTAPI TervanePassThroughCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context) {
-    UNREFERENCED_PARAMETER(DeviceObject);
-    UNREFERENCED_PARAMETER(Context);
-    if (Irp->PendingReturned) {
-        IoMarkIrpPending(Irp);
-    }
-    return Irp->IoStatus.Status;
-}
-
-NTSTATUS TervanePassThrough(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
-    PTervaneDeviceExtension pExtension = (PTervaneDeviceExtension)DeviceObject->DeviceExtension;
-    IoCopyCurrentIrpStackLocationToNext(Irp);
-    IoSetCompletionRoutine(Irp, TervanePassThroughCompletion, NULL, TRUE, TRUE, TRUE);
-    return IoCallDriver(pExtension->m_pLowerDevice, Irp);
 }
 
 NTSTATUS TervaneDeviceRoutine(PDEVICE_OBJECT DeviceObject, PIRP Irp) {

@@ -4,10 +4,10 @@
 #include "control/exclusion_list.h"
 #include "control/filter_directory.h"
 #include "control/process_list.h"
-#include "control/strings.h"
-#include "core/log.h"
+#include "base/strings.h"
+#include "base/log.h"
 #include "core/tervane.h"
-#include "dispatch/file_handle_table.h"
+#include "filemgr/file_handle_table.h"
 #include "filemgr/file_manager.h"
 #include "index/file_index.h"
 

@@ -5,17 +5,11 @@
 #include "control/exclusion_list.h"
 #include "control/filter_directory.h"
 #include "control/process_list.h"
-#include "control/strings.h"
-#include "core/log.h"
-#include "dispatch/file_handle_table.h"
+#include "base/strings.h"
+#include "base/log.h"
+#include "filemgr/file_handle_table.h"
 #include "filemgr/file_manager.h"
 #include "index/file_index.h"
-
-volatile UCHAR g_bFilteringEnabled = 0;
-UCHAR g_bDebugPrintEnabled = 1;
-ULONG g_ulHookedDriveMask = 0;
-PDEVICE_OBJECT g_apFilterDevices[TERVANE_DRIVE_COUNT] = {};
-PDEVICE_OBJECT g_pControlDevice = NULL;
 
 // The current process name holds 20 characters.
 #define CURRENT_PROCESS_NAME_SIZE 40

@@ -6,9 +6,9 @@
 #include "control/exclusion_list.h"
 #include "control/filter_directory.h"
 #include "control/process_list.h"
-#include "control/strings.h"
-#include "core/log.h"
-#include "core/tervane.h"
+#include "base/strings.h"
+#include "base/log.h"
+#include "base/global_state.h"
 #include "filemgr/file_manager.h"
 #include "index/file_index.h"
 
@@ -23,10 +23,7 @@
 // TervaneCreateCompletion turns a missing path into a missing name; the
 // status returned here says the same as the one the open completed with.
 static NTSTATUS PassCreateDown(PDEVICE_OBJECT DeviceObject, PIRP Irp, PIO_COMPLETION_ROUTINE Completion) {
-    PTervaneDeviceExtension pExtension = (PTervaneDeviceExtension)DeviceObject->DeviceExtension;
-    IoCopyCurrentIrpStackLocationToNext(Irp);
-    IoSetCompletionRoutine(Irp, Completion, NULL, TRUE, TRUE, TRUE);
-    NTSTATUS nStatus = IoCallDriver(pExtension->m_pLowerDevice, Irp);
+    NTSTATUS nStatus = PassRequestDown(DeviceObject, Irp, Completion);
     if (Completion == TervaneCreateCompletion && nStatus == STATUS_OBJECT_PATH_NOT_FOUND) {
         nStatus = STATUS_OBJECT_NAME_NOT_FOUND;
     }
@@ -49,12 +46,7 @@ NTSTATUS NTAPI TervaneCreateCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PV
 // paging-file open never forms one), and a completion routine may run at
 // raised IRQL, where the existence check's opens cannot be made.
 NTSTATUS NTAPI TervaneCreateCheckCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context) {
-    UNREFERENCED_PARAMETER(DeviceObject);
-    UNREFERENCED_PARAMETER(Context);
-    if (Irp->PendingReturned) {
-        IoMarkIrpPending(Irp);
-    }
-    return Irp->IoStatus.Status;
+    return TervanePassThroughCompletion(DeviceObject, Irp, Context);
 }
 
 static BOOLEAN HasBypassSuffix(PCUNICODE_STRING Name) {
@@ -76,13 +68,6 @@ BOOLEAN TervanePassOwnOpenDown(PDEVICE_OBJECT DeviceObject, PIRP Irp, NTSTATUS* 
     pFileObject->FileName.Length -= BYPASS_SUFFIX_BYTES;
     *Status = PassCreateDown(DeviceObject, Irp, TervaneCreateCompletion);
     return TRUE;
-}
-
-// A drive path: letter, colon, backslash. Anything else (an empty result, a
-// name too long to resolve, a name relative to a volume open) cannot be
-// mapped into a filter directory.
-static BOOLEAN IsDrivePath(PCUNICODE_STRING Path) {
-    return Path->Length >= 3 * sizeof(WCHAR) && Path->Buffer[1] == L':' && Path->Buffer[2] == L'\\';
 }
 
 // Cuts the FILE_OBJECT's name of a target-directory open to its final
@@ -115,10 +100,7 @@ static BOOLEAN CutToFinalComponent(PIO_STACK_LOCATION pIrpSp) {
 // Replaces the full path by its parent (everything before its last
 // backslash). Logged and left unchanged when there is no parent.
 static VOID ReplaceByParent(PUNICODE_STRING FullPath) {
-    ULONG ulLast = FullPath->Length / sizeof(WCHAR);
-    while (ulLast > 0 && FullPath->Buffer[ulLast - 1] != L'\\') {
-        ulLast--;
-    }
+    const ULONG ulLast = PathPrefixChars(FullPath);
     // ulLast - 1 is the last backslash; it must come after the first character.
     if (ulLast < 2) {
         TRVN_LOG("TervaneCreate", __LINE__, "SL_OPEN_TARGET_DIRECTORY get parent directory path fail.\r\n");
@@ -151,10 +133,7 @@ static ULONG LowestConfiguredFlag(ULONG Mask) {
 // directory comes back only when the process makes it again, never as the
 // parent that the layered open makes for a new name.
 static BOOLEAN IsParentRemoved(PCUNICODE_STRING FullPath) {
-    ULONG ulLast = FullPath->Length / sizeof(WCHAR);
-    while (ulLast > 0 && FullPath->Buffer[ulLast - 1] != L'\\') {
-        ulLast--;
-    }
+    const ULONG ulLast = PathPrefixChars(FullPath);
     if (ulLast <= 3) {
         return FALSE;  // the drive root
     }
@@ -347,7 +326,9 @@ NTSTATUS TervaneCreate(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     GetFullPathName(FALSE, pFileObject, pExtension, &ustrFullPath, TRUE);
 
     if (!IsDrivePath(&ustrFullPath)) {
-        // A name that cannot be resolved to a drive path is refused rather
+        // Anything but a drive path (an empty result, a name too long to
+        // resolve, a name relative to a volume open) cannot be mapped into a
+        // filter directory. A name that cannot be resolved to a drive path is refused rather
         // than served from the real volume behind the filter directories.
         TRVN_LOG("TervaneCreate", __LINE__, "CreateFile\t[%wZ] cannot resolve [%wZ]\r\n", &ustrFullPath,
                  &pFileObject->FileName);

@@ -5,7 +5,16 @@
 
 #include "platform/platform.h"
 
-#include "dispatch/file_handle_table.h"
+#include "filemgr/file_handle_table.h"
+
+// Passing down: PassRequestDown copies the stack location to the next one,
+// registers Completion (no context; on success, error and cancel) and calls
+// the filter device's lower device. TervanePassThrough does so with
+// TervanePassThroughCompletion, which marks the request pending when the
+// lower driver did and returns its status.
+NTSTATUS NTAPI TervanePassThroughCompletion(PDEVICE_OBJECT DeviceObject, PIRP Irp, PVOID Context);
+NTSTATUS PassRequestDown(PDEVICE_OBJECT DeviceObject, PIRP Irp, PIO_COMPLETION_ROUTINE Completion);
+NTSTATUS TervanePassThrough(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 
 // Opens.
 NTSTATUS TervaneCreate(PDEVICE_OBJECT DeviceObject, PIRP Irp);

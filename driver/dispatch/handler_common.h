@@ -3,7 +3,7 @@
 
 #include "platform/platform.h"
 
-#include "dispatch/file_handle_table.h"
+#include "filemgr/file_handle_table.h"
 
 // Waits for the entry's turn: requests on one redirected open run one at a
 // time. Every handler that works on the real file waits here first.

@@ -4,8 +4,8 @@
 #include "dispatch/dispatch.h"
 #include "dispatch/handler_common.h"
 
-#include "core/log.h"
-#include "core/tervane.h"
+#include "base/log.h"
+#include "base/global_state.h"
 #include "filemgr/file_manager.h"
 
 // The real FILE_OBJECT of the open, referenced, or null.

@@ -2,8 +2,8 @@
 // a redirected open and sent below the filter.
 #include "dispatch/handler_common.h"
 
-#include "core/log.h"
-#include "core/tervane.h"
+#include "base/log.h"
+#include "base/global_state.h"
 #include "filemgr/file_manager.h"
 
 static PDEVICE_OBJECT LowerDeviceOf(PDEVICE_OBJECT FilterDevice) {

@@ -4,8 +4,8 @@
 #include "dispatch/dispatch.h"
 #include "dispatch/handler_common.h"
 
-#include "core/log.h"
-#include "core/tervane.h"
+#include "base/log.h"
+#include "base/global_state.h"
 
 // The reply's name is the drive path without its letter and colon.
 #define DRIVE_PREFIX_BYTES (2 * sizeof(WCHAR))

@@ -6,9 +6,9 @@
 #include "dispatch/handler_common.h"
 
 #include "control/filter_directory.h"
-#include "control/strings.h"
-#include "core/log.h"
-#include "core/tervane.h"
+#include "base/strings.h"
+#include "base/log.h"
+#include "base/global_state.h"
 #include "filemgr/file_manager.h"
 
 #define NT_PREFIX L"\\??\\"
@@ -44,10 +44,6 @@ static BOOLEAN MovesOrRemovesName(FILE_INFORMATION_CLASS Class, PVOID Buffer, UL
 static BOOLEAN StartsWith(PCUNICODE_STRING Name, PCWSTR Prefix, ULONG PrefixChars) {
     return Name->Length >= PrefixChars * sizeof(WCHAR) &&
            RtlCompareMemory(Name->Buffer, Prefix, PrefixChars * sizeof(WCHAR)) == PrefixChars * sizeof(WCHAR);
-}
-
-static BOOLEAN IsDrivePath(PCUNICODE_STRING Path) {
-    return Path->Length >= 3 * sizeof(WCHAR) && Path->Buffer[1] == L':' && Path->Buffer[2] == L'\\';
 }
 
 static BOOLEAN AllocateNameString(PUNICODE_STRING String) {
@@ -90,10 +86,7 @@ static BOOLEAN TargetFromRootDirectory(HANDLE RootDirectory, PUNICODE_STRING Giv
 static BOOLEAN TargetFromSimpleName(PFileHandleEntry pFileHandleEntry, PUNICODE_STRING GivenName,
                                     PUNICODE_STRING Target) {
     PCUNICODE_STRING pPath = &pFileHandleEntry->m_ustrFullPath;
-    ULONG ulLast = pPath->Length / sizeof(WCHAR);
-    while (ulLast > 0 && pPath->Buffer[ulLast - 1] != L'\\') {
-        ulLast--;
-    }
+    const ULONG ulLast = PathPrefixChars(pPath);
     if (ulLast < 2) {
         return FALSE;  // the last backslash is the first character: no parent
     }
@@ -221,10 +214,7 @@ static NTSTATUS RenameRealFile(PFileHandleEntry pFileHandleEntry, PUNICODE_STRIN
 // be there: made as copy-up makes ancestors when only a lower filter
 // directory holds it, refused when the view holds none.
 static NTSTATUS PrepareTargetDirectory(PUNICODE_STRING Target) {
-    ULONG ulLast = Target->Length / sizeof(WCHAR);
-    while (ulLast > 0 && Target->Buffer[ulLast - 1] != L'\\') {
-        ulLast--;
-    }
+    const ULONG ulLast = PathPrefixChars(Target);
     UNICODE_STRING ustrDirectory;
     ustrDirectory.Buffer = Target->Buffer;
     ustrDirectory.Length = ustrDirectory.MaximumLength = (USHORT)((ulLast > 3 ? ulLast - 1 : ulLast) * sizeof(WCHAR));

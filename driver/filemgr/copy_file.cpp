@@ -2,17 +2,13 @@
 // the filter, end of file, security, then attributes and times; and the
 // attribute-only copy that prepares an overwrite in filter directory 0.
 #include "control/filter_directory.h"
-#include "control/strings.h"
-#include "core/log.h"
-#include "core/tervane.h"
+#include "base/scoped.h"
+#include "base/strings.h"
+#include "base/log.h"
+#include "base/global_state.h"
 #include "filemgr/file_manager.h"
-#include "filemgr/filemgr_scoped.h"
+#include "filemgr/mapped_real_path.h"
 
-using filemgr::FileObjectReference;
-using filemgr::MappedRealPath;
-using filemgr::PathBuffer;
-using filemgr::ScopedHandle;
-using filemgr::ScopedPool;
 
 // Size of one data request of a copy; the buffer is taken once per file.
 #define COPY_CHUNK_SIZE 0x4000
@@ -28,7 +24,7 @@ using filemgr::ScopedPool;
 #define SHARE_ALL (FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE)
 
 LONGLONG GetFileSize(HANDLE hFile, PLARGE_INTEGER pAllocationSize) {
-    ScopedPool buffer(sizeof(FILE_STANDARD_INFORMATION), TRVN_TAG_GENERAL);
+    PoolBlock buffer(sizeof(FILE_STANDARD_INFORMATION), TRVN_TAG_GENERAL);
     if (buffer.Get() == NULL) {
         TRVN_LOG("GetFileSize", __LINE__, "cannot allocate buffer\r\n");
         return 0;
@@ -48,7 +44,7 @@ LONGLONG GetFileSize(HANDLE hFile, PLARGE_INTEGER pAllocationSize) {
 }
 
 NTSTATUS CopySecurityInformationWithHandle(HANDLE hSource, HANDLE hDestination) {
-    ScopedPool buffer(SECURITY_BUFFER_SIZE, TRVN_TAG_GENERAL);
+    PoolBlock buffer(SECURITY_BUFFER_SIZE, TRVN_TAG_GENERAL);
     if (buffer.Get() == NULL) {
         TRVN_LOG("CopySecurityInformationWithHandle", __LINE__, "cannot alloc buffer\r\n");
         // Nothing was copied for want of memory, and the caller is told so.
@@ -119,8 +115,8 @@ BOOLEAN CopyFile(PCUNICODE_STRING pustrSource, PCUNICODE_STRING pustrDestination
         TRVN_LOG("CopyFile", __LINE__, "cannot allocate buffer\r\n");
         return FALSE;
     }
-    ScopedPool chunk(COPY_CHUNK_SIZE, TRVN_TAG_GENERAL);
-    ScopedPool basic(COPY_BASIC_INFO_SIZE, TRVN_TAG_GENERAL);
+    PoolBlock chunk(COPY_CHUNK_SIZE, TRVN_TAG_GENERAL);
+    PoolBlock basic(COPY_BASIC_INFO_SIZE, TRVN_TAG_GENERAL);
     if (chunk.Get() == NULL || basic.Get() == NULL) {
         TRVN_LOG("CopyFile", __LINE__, "cannot allocate memory for read buffer\r\n");
         return FALSE;
@@ -205,7 +201,7 @@ BOOLEAN CopyFile(PCUNICODE_STRING pustrSource, PCUNICODE_STRING pustrDestination
 }
 
 BOOLEAN CopyFileAttribute(PCUNICODE_STRING pustrSource, PCUNICODE_STRING pustrDestination, BOOLEAN bSupersede) {
-    ScopedPool buffer(ATTRIBUTE_BASIC_INFO_SIZE, TRVN_TAG_GENERAL);
+    PoolBlock buffer(ATTRIBUTE_BASIC_INFO_SIZE, TRVN_TAG_GENERAL);
     if (buffer.Get() == NULL) {
         TRVN_LOG("CopyFileAttribute", __LINE__, "cannot allocate buffer\r\n");
         return FALSE;

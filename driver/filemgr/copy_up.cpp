@@ -7,19 +7,15 @@
 // filter directory 0 lacks, so that nothing already there is overwritten and
 // the nearest copy of each name wins.
 #include "control/filter_directory.h"
-#include "control/strings.h"
-#include "core/log.h"
-#include "core/tervane.h"
-#include "dispatch/file_handle_table.h"
+#include "base/scoped.h"
+#include "base/strings.h"
+#include "base/log.h"
+#include "base/global_state.h"
+#include "filemgr/file_handle_table.h"
 #include "filemgr/file_manager.h"
-#include "filemgr/filemgr_scoped.h"
+#include "filemgr/mapped_real_path.h"
 #include "index/file_index.h"
 
-using filemgr::FileObjectReference;
-using filemgr::MappedRealPath;
-using filemgr::PathBuffer;
-using filemgr::ScopedHandle;
-using filemgr::ScopedPool;
 
 // A directory is listed in batches of this size during a copy.
 #define COPY_LISTING_SIZE 720
@@ -229,7 +225,7 @@ BOOLEAN CopyListedDirectory(PCUNICODE_STRING pustrPath, ULONG ulDestinationFlag,
 
 BOOLEAN CopyDirectoryTree(PCUNICODE_STRING pustrPath, ULONG ulSourceMask, ULONG ulDestinationFlag,
                           PDEVICE_OBJECT FilterDevice) {
-    ScopedPool listing(COPY_LISTING_SIZE, TRVN_TAG_GENERAL);
+    PoolBlock listing(COPY_LISTING_SIZE, TRVN_TAG_GENERAL);
     DirectoryCopyBuffers b;
     if (listing.Get() == NULL || !b.Have()) {
         TRVN_LOG("FiltCopyFile", __LINE__, "cannot allocate buffer\r\n");

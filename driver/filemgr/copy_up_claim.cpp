@@ -4,8 +4,8 @@
 // The list of claims has its own lock, held only for the walk and the link
 // change: never across the copy, never while waiting, never with another
 // list's lock.
-#include "core/locks.h"
-#include "core/tervane.h"
+#include "base/scoped.h"
+#include "base/global_state.h"
 #include "filemgr/file_manager.h"
 
 struct CopyUpClaim {

@@ -3,14 +3,13 @@
 // changed, are put out of sight through the hidden-path index. Every copy is
 // first opened for deletion, so a delete happens as a whole or not at all.
 #include "control/filter_directory.h"
-#include "control/strings.h"
-#include "core/tervane.h"
+#include "base/scoped.h"
+#include "base/strings.h"
+#include "base/global_state.h"
 #include "filemgr/file_manager.h"
-#include "filemgr/filemgr_scoped.h"
+#include "filemgr/mapped_real_path.h"
 #include "index/file_index.h"
 
-using filemgr::ScopedHandle;
-using filemgr::ScopedPool;
 
 #define DELETE_ACCESS (DELETE | SYNCHRONIZE | FILE_WRITE_ATTRIBUTES)
 #define SHARE_ALL (FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE)
@@ -24,7 +23,7 @@ NTSTATUS ResetFileAttributes(PCUNICODE_STRING pustrRealPath) {
     if (!NT_SUCCESS(nStatus)) {
         return nStatus;
     }
-    ScopedPool basic(sizeof(FILE_BASIC_INFORMATION), TRVN_TAG_BASIC_INFO);
+    PoolBlock basic(sizeof(FILE_BASIC_INFORMATION), TRVN_TAG_BASIC_INFO);
     if (basic.Get() == NULL) {
         return STATUS_UNSUCCESSFUL;
     }
@@ -61,7 +60,7 @@ static NTSTATUS MarkForDeletion(PCUNICODE_STRING pustrRealPath, PFILE_DISPOSITIO
 // caller is told so: reporting success here would hide lower copies of a
 // file that still stands in filter directory 0.
 NTSTATUS DeleteRealFile(PCUNICODE_STRING pustrRealPath) {
-    ScopedPool disposition(sizeof(FILE_DISPOSITION_INFORMATION), TRVN_TAG_DISPOSITION);
+    PoolBlock disposition(sizeof(FILE_DISPOSITION_INFORMATION), TRVN_TAG_DISPOSITION);
     if (disposition.Get() == NULL) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
@@ -103,7 +102,7 @@ BOOLEAN FiltDeleteFile(PCUNICODE_STRING pustrPath) {
         ZwClose(hProbe);
     }
     if (ulExists & 1) {
-        ScopedPool buffer(PATH_BUFFER_SIZE, TRVN_TAG_GENERAL);
+        PoolBlock buffer(PATH_BUFFER_SIZE, TRVN_TAG_GENERAL);
         if (buffer.Get() == NULL) {
             return FALSE;
         }

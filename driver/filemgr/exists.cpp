@@ -3,13 +3,13 @@
 // others only when the path is not hidden and their file index (if any)
 // lists it, so most lower probes cost a lookup in memory instead of an open.
 #include "control/filter_directory.h"
-#include "core/log.h"
-#include "core/tervane.h"
+#include "base/scoped.h"
+#include "base/log.h"
+#include "base/global_state.h"
 #include "filemgr/file_manager.h"
-#include "filemgr/filemgr_scoped.h"
+#include "filemgr/mapped_real_path.h"
 #include "index/file_index.h"
 
-using filemgr::ScopedPool;
 
 // "\DosDevices\" in bytes, without a terminator.
 #define DOS_DEVICES_PREFIX L"\\DosDevices\\"
@@ -34,7 +34,7 @@ NTSTATUS CheckFileExists(PCUNICODE_STRING pustrRealPath) {
     }
     // Only this line needs the "\DosDevices\" form, so it is made only here.
     const USHORT usMessageSize = (USHORT)(pustrRealPath->Length + DOS_DEVICES_PREFIX_BYTES + sizeof(WCHAR));
-    ScopedPool message(usMessageSize, TRVN_TAG_GENERAL);
+    PoolBlock message(usMessageSize, TRVN_TAG_GENERAL);
     if (message.Get() == NULL) {
         TRVN_LOG("CheckFileExists", __LINE__, "Fail allocation");
         return nStatus;
@@ -61,7 +61,7 @@ static VOID RefineExistenceStatus(PNTSTATUS pnStatus, NTSTATUS nFilterStatus) {
 }
 
 ULONG FiltCheckFileExists(PCUNICODE_STRING pustrPath, ULONG ulFilterMask, PNTSTATUS pnStatus) {
-    ScopedPool working(PATH_BUFFER_SIZE, TRVN_TAG_GENERAL);
+    PoolBlock working(PATH_BUFFER_SIZE, TRVN_TAG_GENERAL);
     if (working.Get() == NULL) {
         TRVN_LOG("FiltCheckFileExists", __LINE__, "alloc fail\r\n");
         return 0;

@@ -1,41 +1,13 @@
-// Operations of the driver on real files across the filter directories: the
-// layered open through which the driver makes every open of its own, and the
-// request packets it builds itself and sends below its filter device.
+// Operations of the driver on real files across the filter directories (the
+// layered open they build on is in control/layered_open.h) and the request
+// packets the driver builds itself and sends below its filter device.
 #pragma once
 
 #include "platform/platform.h"
 
+#include "control/layered_open.h"
+
 #define FILE_MANAGER_SOURCE "file_manager"
-
-// The bypass suffix: a name ending in it is passed down unfiltered (the
-// create handler strips it). Every open the driver makes carries it while the
-// filter directories are in force.
-#define BYPASS_SUFFIX L"_??$"
-#define BYPASS_SUFFIX_CHARS 4
-
-// ---- Layered open ------------------------------------------------------------
-
-// Opens or creates Path in the filter directory of the lowest flag of
-// FilterMask (0: the path is real and used unchanged) with ZwCreateFile on
-// "\??\" + real path (+ the bypass suffix). With CreateParents, a mask holding
-// filter flag 1 and a creating disposition, the missing parent directories
-// are made first. Returns ZwCreateFile's status, STATUS_UNSUCCESSFUL when no
-// path buffer was had, STATUS_NOT_FOUND when the mask names no filter
-// directory. *FileHandle is written only on success; the handle is a kernel handle.
-NTSTATUS FiltCreateFile(ULONG FilterMask, BOOLEAN CreateParents, PHANDLE FileHandle, ACCESS_MASK DesiredAccess,
-                        PUNICODE_STRING Path, BOOLEAN CaseSensitive, BOOLEAN ForceAccessCheck,
-                        PIO_STATUS_BLOCK IoStatusBlock, PLARGE_INTEGER AllocationSize, ULONG FileAttributes,
-                        ULONG ShareAccess, ULONG CreateDisposition, ULONG CreateOptions, PVOID EaBuffer,
-                        ULONG EaLength);
-
-// Opens or creates every ancestor directory of a real path (X:\a\b\name makes
-// X:\a and X:\a\b; the last component is left to the caller). TRUE when all
-// exist afterwards.
-BOOLEAN CreateDirectoryRecursive(PCUNICODE_STRING RealPath);
-
-// TRUE when the handle's object is a directory; FALSE for a file or when the
-// query fails.
-BOOLEAN IsDirectoryFile(HANDLE FileHandle);
 
 // ---- Own request packets -----------------------------------------------------
 

@@ -4,16 +4,14 @@
 // system's own name of the file, or the name in the request, and spells
 // 8.3 short-name components out as their long names.
 #include "control/filter_directory.h"
-#include "control/strings.h"
-#include "core/log.h"
-#include "core/tervane.h"
-#include "dispatch/file_handle_table.h"
+#include "base/scoped.h"
+#include "base/strings.h"
+#include "base/log.h"
+#include "base/global_state.h"
+#include "filemgr/file_handle_table.h"
 #include "filemgr/file_manager.h"
-#include "filemgr/filemgr_scoped.h"
+#include "filemgr/mapped_real_path.h"
 
-using filemgr::PathBuffer;
-using filemgr::ScopedHandle;
-using filemgr::ScopedPool;
 
 namespace {
 
@@ -57,7 +55,7 @@ VOID RemoveCharacterAt(PUNICODE_STRING pustr, ULONG ulIndex) {
     if (ulIndex >= ulChars) {
         return;
     }
-    ScopedPool copy(pustr->Length, TRVN_TAG_GENERAL);
+    PoolBlock copy(pustr->Length, TRVN_TAG_GENERAL);
     if (copy.Get() == NULL) {
         TRVN_LOG("GetFullPathName", __LINE__, "Alloc Fail.\r\n");
         return;
@@ -90,7 +88,7 @@ BOOLEAN ResolveMetadataName(PFILE_OBJECT FileObject, PTervaneDeviceExtension pEx
 // metadata name was found: the name the file system knows the open by.
 BOOLEAN ResolveNameFromFileSystem(PFILE_OBJECT FileObject, PTervaneDeviceExtension pExtension,
                                   PUNICODE_STRING pustrOut, WCHAR wcDrive) {
-    ScopedPool buffer(PATH_BUFFER_SIZE, TRVN_TAG_GENERAL);
+    PoolBlock buffer(PATH_BUFFER_SIZE, TRVN_TAG_GENERAL);
     if (buffer.Get() == NULL) {
         return FALSE;
     }
@@ -187,7 +185,7 @@ BOOLEAN HasShortNameComponent(PCUNICODE_STRING pustrPath) {
 }
 
 BOOLEAN LookupLongName(PCUNICODE_STRING pustrDirectory, PCUNICODE_STRING pustrComponent, PUNICODE_STRING pustrOut) {
-    ScopedPool directory(PATH_BUFFER_SIZE, TRVN_TAG_GENERAL);
+    PoolBlock directory(PATH_BUFFER_SIZE, TRVN_TAG_GENERAL);
     if (directory.Get() == NULL) {
         return FALSE;
     }
@@ -209,7 +207,7 @@ BOOLEAN LookupLongName(PCUNICODE_STRING pustrDirectory, PCUNICODE_STRING pustrCo
     if (!NT_SUCCESS(nStatus)) {
         return FALSE;
     }
-    ScopedPool batch(LONG_NAME_QUERY_SIZE, TRVN_TAG_GENERAL);
+    PoolBlock batch(LONG_NAME_QUERY_SIZE, TRVN_TAG_GENERAL);
     if (batch.Get() == NULL) {
         return FALSE;
     }
@@ -322,7 +320,7 @@ VOID GetFullPathName(BOOLEAN bNoQuery, PFILE_OBJECT FileObject, PTervaneDeviceEx
     }
 
     if (bExpandShortNames && bResolved && HasShortNameComponent(pustrOut)) {
-        ScopedPool temporary(pustrOut->MaximumLength, TRVN_TAG_GENERAL);
+        PoolBlock temporary(pustrOut->MaximumLength, TRVN_TAG_GENERAL);
         if (temporary.Get() != NULL) {
             UNICODE_STRING ustrExpanded;
             ustrExpanded.Buffer = temporary.As<WCHAR>();

@@ -3,7 +3,7 @@
 // lives only for one call: the state is on the caller's stack, the caller
 // waits until the completion routine has signalled, and the completion
 // routine frees the packet.
-#include "core/tervane.h"
+#include "base/global_state.h"
 #include "filemgr/file_manager.h"
 
 // Drive C:'s slot among the filter devices.

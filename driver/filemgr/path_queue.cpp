@@ -1,7 +1,7 @@
 // Joining path pieces, and the first-in first-out queue of relative paths
 // that walks a directory tree breadth-first during a directory copy.
-#include "control/strings.h"
-#include "core/tervane.h"
+#include "base/strings.h"
+#include "base/global_state.h"
 #include "filemgr/file_manager.h"
 
 // Appends a backslash unless the string already ends in one or the tail

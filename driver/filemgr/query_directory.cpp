@@ -3,16 +3,15 @@
 // one batch of one filter directory per call, without the names that are
 // hidden or that a lower filter directory's file index does not know.
 #include "control/filter_directory.h"
-#include "control/strings.h"
-#include "core/log.h"
-#include "core/tervane.h"
-#include "dispatch/file_handle_table.h"
+#include "base/scoped.h"
+#include "base/strings.h"
+#include "base/log.h"
+#include "base/global_state.h"
+#include "filemgr/file_handle_table.h"
 #include "filemgr/file_manager.h"
-#include "filemgr/filemgr_scoped.h"
+#include "filemgr/mapped_real_path.h"
 #include "index/file_index.h"
 
-using filemgr::PathBuffer;
-using filemgr::ScopedPool;
 
 namespace {
 
@@ -224,7 +223,7 @@ NTSTATUS FiltQueryDirectory(PFileHandleEntry pFileHandleEntry, const QUERY_DIREC
         return STATUS_INFO_LENGTH_MISMATCH;
     }
 
-    ScopedPool batch(ulLength, TRVN_TAG_GENERAL);
+    PoolBlock batch(ulLength, TRVN_TAG_GENERAL);
     PathBuffer fullPath;
     if (batch.Get() == NULL || !fullPath.Have()) {
         TRVN_LOG("FiltQueryDirectory", __LINE__, "Cannot allocate buffer\r\n");

@@ -149,6 +149,10 @@ PFileIndex LoadFileIndex(PCUNICODE_STRING pustrNodeFile, ULONG ulNodeAreaSize, P
 // filter directory now has an index. Loads at most once per filter directory.
 BOOLEAN LoadFilterIndex(ULONG ulFilterFlag, PVOID pIndexRecord);
 
+// TRUE when the index in *ppIndexHolder lists pustrPath, or when there is no
+// index to ask (no holder, or nothing loaded into it).
+BOOLEAN LookupFilterIndex(struct FileIndex** ppIndexHolder, PCUNICODE_STRING pustrPath);
+
 // ---- Hidden paths -----------------------------------------------------------------
 
 extern PFileIndex g_pHiddenPathIndex;  // null when it could not be created

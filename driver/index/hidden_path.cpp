@@ -53,7 +53,7 @@ VOID HidePath(PCUNICODE_STRING pustrPath) {
         return;
     }
     // One hold across both steps, so no test sees the path between them.
-    FileIndexLock lock(pIndex, TRUE);
+    ResourceLock lock(&pIndex->m_Lock, TRUE);
     // Below a marked ancestor the path is hidden already; a mark there would
     // give the ancestor a child and so uncover everything else below it.
     const ULONG ulMarkedEnd = EndOfMarkedPrefix(pIndex, pustrPath);
@@ -71,6 +71,6 @@ BOOLEAN IsPathHidden(PCUNICODE_STRING pustrPath) {
     if (pIndex == NULL || pustrPath == NULL || pustrPath->Buffer == NULL) {
         return FALSE;
     }
-    FileIndexLock lock(pIndex, FALSE);
+    ResourceLock lock(&pIndex->m_Lock, FALSE);
     return EndOfMarkedPrefix(pIndex, pustrPath) != 0;
 }

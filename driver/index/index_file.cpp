@@ -13,8 +13,8 @@
 // or files that are no index at all. Every refusal is logged. Links inside
 // the areas are checked on every access (index_internal.h).
 #include "control/filter_directory.h"
-#include "core/locks.h"
-#include "filemgr/file_manager.h"
+#include "base/scoped.h"
+#include "control/layered_open.h"
 #include "index/index_internal.h"
 
 static BOOLEAN IsNodeFileSizeValid(ULONG ulSize, ULONG ulAreaSize) {
@@ -205,52 +205,4 @@ PFileIndex LoadFileIndex(PCUNICODE_STRING pustrNodeFile, ULONG ulNodeAreaSize, P
     pIndex->m_ulNameUsed = ulNameFileSize - FILE_INDEX_NAME_FILE_EXTRA;
     BuildIndexChildTable(pIndex, ulTableOffset != 0 ? (PUCHAR)pNodeArea + ulTableOffset : NULL);
     return pIndex;
-}
-
-// A counted string over a path slot of the index record: the characters
-// before the zero. FALSE when the slot holds no zero (an unterminated slot).
-static BOOLEAN SlotToCountedString(PWSTR pwcSlot, PUNICODE_STRING pustr) {
-    for (ULONG i = 0; i < PATH_SLOT_CHARS; i++) {
-        if (pwcSlot[i] == L'\0') {
-            pustr->Length = (USHORT)(i * sizeof(WCHAR));
-            pustr->MaximumLength = pustr->Length;
-            pustr->Buffer = pwcSlot;
-            return TRUE;
-        }
-    }
-    return FALSE;
-}
-
-BOOLEAN LoadFilterIndex(ULONG ulFilterFlag, PVOID pIndexRecord) {
-    if (pIndexRecord == NULL) {
-        return FALSE;
-    }
-    ResourceLock lock(&g_FilterDirectoryListLock, TRUE);
-    PFilterDirectoryEntry pEntry = GetFilterDirectory(ulFilterFlag);
-    if (pEntry == NULL) {
-        return FALSE;
-    }
-    if (pEntry->m_ppIndexHolder != NULL && *pEntry->m_ppIndexHolder != NULL) {
-        return FALSE;
-    }
-    UNICODE_STRING ustrNodeFile;
-    UNICODE_STRING ustrNameFile;
-    PWSTR pwcRecord = (PWSTR)pIndexRecord;
-    if (!SlotToCountedString(pwcRecord, &ustrNodeFile) ||
-        !SlotToCountedString(pwcRecord + PATH_SLOT_CHARS, &ustrNameFile)) {
-        return FALSE;
-    }
-    if (pEntry->m_ppIndexHolder == NULL) {
-        // Without a cell there is nowhere to keep an index: the load fails.
-        FileIndex** ppCell = (FileIndex**)ExAllocatePoolWithTag(NonPagedPool, sizeof(FileIndex*), TRVN_TAG_GENERAL);
-        if (ppCell == NULL) {
-            return FALSE;
-        }
-        *ppCell = NULL;
-        InterlockedExchangePointer((PVOID volatile*)&pEntry->m_ppIndexHolder, ppCell);
-    }
-    PFileIndex pIndex =
-        LoadFileIndex(&ustrNodeFile, FILTER_INDEX_AREA_SIZE, &ustrNameFile, FILTER_INDEX_AREA_SIZE);
-    InterlockedExchangePointer((PVOID volatile*)pEntry->m_ppIndexHolder, pIndex);
-    return pIndex != NULL;
 }

@@ -1,9 +1,12 @@
 // Helpers shared by the file index sources: checked access to entries and
-// names inside the areas, and the index lock held for a scope.
+// names inside the areas. The operations hold m_Lock through a ResourceLock:
+// shared for lookups, which only read, exclusive for changes; a shared
+// request of the exclusive holder is granted, so a change may look up paths.
 #pragma once
 
-#include "core/log.h"
-#include "core/tervane.h"
+#include "base/log.h"
+#include "base/scoped.h"
+#include "base/global_state.h"
 #include "index/file_index.h"
 
 #define FILE_INDEX_SOURCE "file_index"
@@ -63,26 +66,3 @@ inline ULONG IndexChildTableOffset(ULONG ulNodeAreaSize) {
     return ulTable == 0 || ullOffset + ulTable > 0xFFFFFFFFULL ? 0 : (ULONG)ullOffset;
 }
 
-// m_Lock held inside a critical region for the guard's scope: shared by
-// lookups, which only read, exclusive for changes. A shared request of the
-// exclusive holder is granted, so a change may look paths up.
-class FileIndexLock {
-public:
-    FileIndexLock(PFileIndex pIndex, BOOLEAN bExclusive) : m_pIndex(pIndex) {
-        KeEnterCriticalRegion();
-        if (bExclusive) {
-            ExAcquireResourceExclusiveLite(&m_pIndex->m_Lock, TRUE);
-        } else {
-            ExAcquireResourceSharedLite(&m_pIndex->m_Lock, TRUE);
-        }
-    }
-    ~FileIndexLock() {
-        ExReleaseResourceLite(&m_pIndex->m_Lock);
-        KeLeaveCriticalRegion();
-    }
-    FileIndexLock(const FileIndexLock&) = delete;
-    FileIndexLock& operator=(const FileIndexLock&) = delete;
-
-private:
-    PFileIndex m_pIndex;
-};

@@ -64,7 +64,7 @@ BOOLEAN WalkIndexPath(PFileIndex pIndex, const FileIndexEntry* pStart, PCUNICODE
     }
     ULONG ulPos = pwc[0] == L'\\' ? 1 : 0;
 
-    FileIndexLock lock(pIndex, FALSE);
+    ResourceLock lock(&pIndex->m_Lock, FALSE);
     FileIndexEntry current = *pStart;
     for (;;) {
         ULONG ulSlash = NextBackslash(pwc, ulPos, ulEnd);
@@ -93,7 +93,7 @@ BOOLEAN InsertIndexPath(PFileIndex pIndex, PCUNICODE_STRING pustrFilePath, ULONG
     if (pIndex == NULL) {
         return FALSE;
     }
-    FileIndexLock lock(pIndex, TRUE);
+    ResourceLock lock(&pIndex->m_Lock, TRUE);
     if (!IsUsablePath(pustrFilePath)) {
         return FALSE;
     }
@@ -134,7 +134,7 @@ BOOLEAN RemoveIndexPath(PFileIndex pIndex, PCUNICODE_STRING pustrFilePath) {
     if (pIndex == NULL) {
         return FALSE;
     }
-    FileIndexLock lock(pIndex, TRUE);
+    ResourceLock lock(&pIndex->m_Lock, TRUE);
     FileIndexEntry entry;
     if (!LookupIndexPath(pIndex, pustrFilePath, &entry)) {
         return FALSE;
@@ -163,7 +163,7 @@ BOOLEAN RenameIndexPath(PFileIndex pIndex, PCUNICODE_STRING pustrSourcePath, PCU
         return FALSE;
     }
 
-    FileIndexLock lock(pIndex, TRUE);
+    ResourceLock lock(&pIndex->m_Lock, TRUE);
     FileIndexEntry source;
     if (!LookupIndexPath(pIndex, pustrSourcePath, &source)) {
         return FALSE;

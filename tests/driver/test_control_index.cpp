@@ -3,6 +3,7 @@
 // while filtering is off.
 #include "test_core_support.h"
 #include "control/filter_directory.h"
+#include "index/file_index.h"
 #include "indexfile/indexfile.h"
 
 namespace tervane::test {

@@ -3,7 +3,7 @@
 #include <regex>
 
 #include "test_core_support.h"
-#include "core/log.h"
+#include "base/log.h"
 
 namespace tervane::test {
 namespace {

@@ -1,5 +1,5 @@
 #include "test_core_support.h"
-#include "core/log.h"
+#include "base/log.h"
 
 namespace tervane::test {
 

@@ -3,7 +3,7 @@
 #include "test_dispatch_support.h"
 
 #include "core/tervane.h"
-#include "dispatch/file_handle_table.h"
+#include "filemgr/file_handle_table.h"
 
 namespace tervane::test {
 namespace {

@@ -9,7 +9,7 @@
 #include <chrono>
 #include <thread>
 
-#include "dispatch/file_handle_table.h"
+#include "filemgr/file_handle_table.h"
 
 namespace tervane::test {
 namespace {

@@ -6,7 +6,7 @@
 #include "control/control.h"
 #include "control/filter_directory.h"
 #include "core/tervane.h"
-#include "dispatch/file_handle_table.h"
+#include "filemgr/file_handle_table.h"
 #include "indexfile/indexfile.h"
 
 namespace tervane::test {

@@ -15,8 +15,8 @@
 
 #include "control/control.h"
 #include "control/filter_directory.h"
-#include "control/strings.h"
-#include "dispatch/file_handle_table.h"
+#include "base/strings.h"
+#include "filemgr/file_handle_table.h"
 #include "filemgr/file_manager.h"
 #include "index/file_index.h"
 

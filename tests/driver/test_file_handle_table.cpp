@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "driver_test.h"
-#include "dispatch/file_handle_table.h"
+#include "filemgr/file_handle_table.h"
 
 namespace tervane::test {
 namespace {

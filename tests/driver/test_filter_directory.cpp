@@ -2,7 +2,8 @@
 // paths into a filter directory.
 #include "test_core_support.h"
 #include "control/filter_directory.h"
-#include "control/strings.h"
+#include "index/file_index.h"
+#include "base/strings.h"
 
 namespace tervane::test {
 namespace {

@@ -3,7 +3,7 @@
 #include <fstream>
 
 #include "control/filter_directory.h"
-#include "control/strings.h"
+#include "base/strings.h"
 #include "core/tervane.h"
 #include "indexfile/indexfile.h"
 #include "test_core_support.h"

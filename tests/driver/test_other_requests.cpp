@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "core/tervane.h"
-#include "dispatch/file_handle_table.h"
+#include "filemgr/file_handle_table.h"
 
 namespace tervane::test {
 namespace {

@@ -1,7 +1,7 @@
 // Monitored processes: the listed ids and the always-monitored image names.
 #include "test_core_support.h"
 #include "control/process_list.h"
-#include "core/log.h"
+#include "base/log.h"
 
 namespace tervane::test {
 namespace {

@@ -5,7 +5,7 @@
 #include <functional>
 
 #include "core/tervane.h"
-#include "dispatch/file_handle_table.h"
+#include "filemgr/file_handle_table.h"
 
 namespace tervane::test {
 namespace {

@@ -1,6 +1,6 @@
 // Path pools and the bounded string operations.
 #include "test_core_support.h"
-#include "control/strings.h"
+#include "base/strings.h"
 
 namespace tervane::test {
 namespace {

@@ -3,33 +3,13 @@
 // with the bypass suffix so that the driver's own filter lets it through, and
 // creates missing parents in filter directory 0 when asked.
 #include "control/filter_directory.h"
-#include "control/strings.h"
-#include "core/log.h"
-#include "core/tervane.h"
-#include "filemgr/file_manager.h"
+#include "base/strings.h"
+#include "base/log.h"
+#include "base/scoped.h"
+#include "base/global_state.h"
+#include "control/layered_open.h"
 
 namespace {
-
-// A path buffer from the general path pool, given back when the scope ends.
-class ScopedPathBuffer {
-public:
-    ScopedPathBuffer() {
-        m_ustr.Length = 0;
-        m_ustr.MaximumLength = 0;
-        m_ustr.Buffer = NULL;
-        m_bHave = AllocatePathBuffer(&m_ustr);
-    }
-    ~ScopedPathBuffer() { FreePathBuffer(&m_ustr); }
-    ScopedPathBuffer(const ScopedPathBuffer&) = delete;
-    ScopedPathBuffer& operator=(const ScopedPathBuffer&) = delete;
-
-    BOOLEAN Have() const { return m_bHave; }
-    PUNICODE_STRING Get() { return &m_ustr; }
-
-private:
-    UNICODE_STRING m_ustr;
-    BOOLEAN m_bHave;
-};
 
 BOOLEAN DispositionCreates(ULONG CreateDisposition) {
     return CreateDisposition == FILE_SUPERSEDE || CreateDisposition == FILE_CREATE ||
@@ -43,8 +23,8 @@ NTSTATUS FiltCreateFile(ULONG ulFilterMask, BOOLEAN bCreateParents, PHANDLE phFi
                         PIO_STATUS_BLOCK IoStatusBlock, PLARGE_INTEGER AllocationSize, ULONG FileAttributes,
                         ULONG ShareAccess, ULONG CreateDisposition, ULONG CreateOptions, PVOID EaBuffer,
                         ULONG EaLength) {
-    ScopedPathBuffer realPath;
-    ScopedPathBuffer objectPath;
+    PathBuffer realPath;
+    PathBuffer objectPath;
     if (!realPath.Have() || !objectPath.Have()) {
         TRVN_LOG("FiltCreateFile", __LINE__, "cannot allocate buffer\r\n");
         return STATUS_UNSUCCESSFUL;

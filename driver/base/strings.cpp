@@ -1,9 +1,9 @@
 // Path pools and bounded operations on counted wide strings.
-#include "control/strings.h"
+#include "base/strings.h"
 
 #include <stdarg.h>
 
-#include "core/tervane.h"
+#include "base/global_state.h"
 
 NPAGED_LOOKASIDE_LIST g_GeneralPathPool;
 NPAGED_LOOKASIDE_LIST g_FilterPathPool;
@@ -162,4 +162,16 @@ NTSTATUS CopyStringToBuffer(PWSTR Buffer, SIZE_T SizeInBytes, PCWSTR Source) {
     }
     Buffer[i] = L'\0';
     return nStatus;
+}
+
+BOOLEAN IsDrivePath(PCUNICODE_STRING Path) {
+    return Path->Length >= 3 * sizeof(WCHAR) && Path->Buffer[1] == L':' && Path->Buffer[2] == L'\\';
+}
+
+ULONG PathPrefixChars(PCUNICODE_STRING Path) {
+    ULONG ulChars = Path->Length / sizeof(WCHAR);
+    while (ulChars > 0 && Path->Buffer[ulChars - 1] != L'\\') {
+        ulChars--;
+    }
+    return ulChars;
 }

@@ -1,7 +1,7 @@
 // Debug switch and the capture of the current process's image name.
-#include "core/log.h"
+#include "base/log.h"
 
-#include "core/tervane.h"
+#include "base/global_state.h"
 
 UNICODE_STRING g_ustrCurrentProcessName = {0, 0, NULL};
 ULONG g_ulProcessNameOffset = 0;

@@ -47,3 +47,11 @@ NTSTATUS AppendStringToCountedN(PUNICODE_STRING Destination, PCWSTR Source, SIZE
 NTSTATUS FormatCountedString(PUNICODE_STRING Destination, PCWSTR Format, ...);
 // Copies Source into Buffer (SizeInBytes) and always terminates it.
 NTSTATUS CopyStringToBuffer(PWSTR Buffer, SIZE_T SizeInBytes, PCWSTR Source);
+
+// ---- Path helpers ----
+
+// TRUE for a drive path: letter, colon, backslash, rest.
+BOOLEAN IsDrivePath(PCUNICODE_STRING Path);
+// The characters of Path up to and including its last backslash; 0 when it
+// has none.
+ULONG PathPrefixChars(PCUNICODE_STRING Path);

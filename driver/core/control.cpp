@@ -5,7 +5,7 @@
 #include "control/exclusion_list.h"
 #include "control/filter_directory.h"
 #include "control/process_list.h"
-#include "core/log.h"
+#include "base/log.h"
 #include "core/tervane.h"
 #include "index/file_index.h"
 

@@ -2,12 +2,12 @@
 // resource. Every operation takes the resource exclusively, inside a
 // critical region, and holds it only for the walk, the link change or the
 // path copy.
-#include "dispatch/file_handle_table.h"
+#include "filemgr/file_handle_table.h"
 
-#include "control/strings.h"
-#include "core/locks.h"
-#include "core/log.h"
-#include "core/tervane.h"
+#include "base/strings.h"
+#include "base/scoped.h"
+#include "base/log.h"
+#include "base/global_state.h"
 
 static PFileHandleEntry s_apFileHandleBuckets[FILE_HANDLE_TABLE_BUCKETS];
 static ERESOURCE s_FileHandleTableLock;
