@@ -8,6 +8,7 @@
 #include "control/process_list.h"
 #include "base/strings.h"
 #include "base/log.h"
+#include "base/scoped.h"
 #include "base/global_state.h"
 #include "filemgr/file_manager.h"
 #include "index/file_index.h"
@@ -143,29 +144,39 @@ static BOOLEAN IsParentRemoved(PCUNICODE_STRING FullPath) {
     return IsPathHidden(&ustrParent) && (FiltCheckFileExists(&ustrParent, 1, NULL) & 1) == 0;
 }
 
-// The filter directory in which the real file is opened, by disposition.
-static ULONG ChooseFilterFlag(PUNICODE_STRING FullPath, ULONG ExistenceMask, ULONG Disposition) {
+// The filter directory in which the real file is opened, by disposition: the
+// lowest one that holds the file, or filter directory 0 for a new,
+// superseded or overwritten file.
+static ULONG ChooseFilterFlag(ULONG ExistenceMask, ULONG Disposition) {
     const ULONG ulFound = LowestConfiguredFlag(ExistenceMask);
     switch (Disposition) {
     case FILE_SUPERSEDE:
+    case FILE_OVERWRITE:
+    case FILE_OVERWRITE_IF:
         return 1;
     case FILE_OPEN:
     case FILE_CREATE:
     case FILE_OPEN_IF:
         return ulFound != 0 ? ulFound : 1;
-    case FILE_OVERWRITE:
-    case FILE_OVERWRITE_IF:
-        if (ulFound != 0 && !FiltCopyFileAttribute(FullPath, ulFound, 1, TRUE)) {
-            TRVN_LOG("TervaneCreate", __LINE__,
-                     "FiltCopyFileAttribute failed for file [%wZ] from filter [%d] to [%d]\r\n", FullPath, ulFound,
-                     1);
-        }
-        return 1;
     default:
         TRVN_ASSERT(FALSE, DISPATCH_SOURCE, __LINE__);
         // The file system refuses the disposition; an unknown one is sent
         // where an open would go rather than to no directory at all.
         return ulFound != 0 ? ulFound : 1;
+    }
+}
+
+// An overwrite of a file found in a filter directory starts from an empty
+// copy in filter directory 0 that carries the found file's attributes. A
+// failed copy is logged; the open goes on in filter directory 0.
+static VOID PrepareOverwrite(PUNICODE_STRING FullPath, ULONG ExistenceMask, ULONG Disposition) {
+    if (Disposition != FILE_OVERWRITE && Disposition != FILE_OVERWRITE_IF) {
+        return;
+    }
+    const ULONG ulFound = LowestConfiguredFlag(ExistenceMask);
+    if (ulFound != 0 && !FiltCopyFileAttribute(FullPath, ulFound, 1, TRUE)) {
+        TRVN_LOG("TervaneCreate", __LINE__, "FiltCopyFileAttribute failed for file [%wZ] from filter [%d] to [%d]\r\n",
+                 FullPath, ulFound, 1);
     }
 }
 
@@ -198,90 +209,140 @@ static VOID PrepareCallerFileObject(PFILE_OBJECT FileObject, HANDLE RealHandle, 
     ObDereferenceObject(pRealFileObject);
 }
 
+// The open as the caller asked for it, in the form the real open takes.
+typedef struct CreateParameters {
+    ULONG m_ulDisposition;
+    ULONG m_ulCreateOptions;  // without FILE_DELETE_ON_CLOSE, always synchronous
+    ACCESS_MASK m_ulDesiredAccess;
+    ULONG m_ulShareAccess;    // the caller's, with FILE_SHARE_READ added
+    ULONG m_ulFileAttributes;
+    BOOLEAN m_bDeleteOnClose;
+} CreateParameters;
+
+static VOID ReadCreateParameters(PIO_STACK_LOCATION pIrpSp, CreateParameters* pParameters) {
+    pParameters->m_ulDisposition = pIrpSp->Parameters.Create.Options >> CREATE_DISPOSITION_SHIFT;
+    pParameters->m_ulCreateOptions = pIrpSp->Parameters.Create.Options & CREATE_OPTIONS_MASK;
+    pParameters->m_ulDesiredAccess = pIrpSp->Parameters.Create.SecurityContext->DesiredAccess;
+    pParameters->m_ulShareAccess = pIrpSp->Parameters.Create.ShareAccess | FILE_SHARE_READ;
+    pParameters->m_ulFileAttributes = pIrpSp->Parameters.Create.FileAttributes;
+    pParameters->m_bDeleteOnClose = (pParameters->m_ulCreateOptions & FILE_DELETE_ON_CLOSE) != 0;
+    pParameters->m_ulCreateOptions &= ~FILE_DELETE_ON_CLOSE;
+    if (!(pParameters->m_ulCreateOptions & (FILE_SYNCHRONOUS_IO_NONALERT | FILE_SYNCHRONOUS_IO_ALERT))) {
+        pParameters->m_ulCreateOptions |= FILE_SYNCHRONOUS_IO_NONALERT;
+    }
+}
+
+// Opens the real file in the filter directory of FilterFlag into the
+// request's status block, or refuses a new name whose directory was removed
+// from the view.
+static NTSTATUS OpenRealFile(PIRP Irp, PIO_STACK_LOCATION pIrpSp, PUNICODE_STRING FullPath, ULONG FilterFlag,
+                             const CreateParameters* pParameters, PHANDLE phRealFile) {
+    const ULONG ulDisposition = pParameters->m_ulDisposition;
+    if (FilterFlag == 1 && ulDisposition != FILE_OPEN && ulDisposition != FILE_OVERWRITE &&
+        IsParentRemoved(FullPath)) {
+        Irp->IoStatus.Status = STATUS_OBJECT_PATH_NOT_FOUND;
+        Irp->IoStatus.Information = 0;
+        return STATUS_OBJECT_PATH_NOT_FOUND;
+    }
+    return FiltCreateFile(FilterFlag, FilterFlag == 1, phRealFile, pParameters->m_ulDesiredAccess, FullPath,
+                          (pIrpSp->Flags & SL_CASE_SENSITIVE) != 0, (pIrpSp->Flags & SL_FORCE_ACCESS_CHECK) != 0,
+                          &Irp->IoStatus, &Irp->Overlay.AllocationSize, pParameters->m_ulFileAttributes,
+                          pParameters->m_ulShareAccess, ulDisposition, pParameters->m_ulCreateOptions, NULL, 0);
+}
+
+// A real open that found nothing reports what the view lacks: a missing
+// name or a missing path, as the existence check across every filter
+// directory tells them apart.
+static NTSTATUS RefineNotFound(PUNICODE_STRING FullPath, NTSTATUS Status) {
+    if (Status != STATUS_OBJECT_PATH_NOT_FOUND && Status != STATUS_OBJECT_NAME_NOT_FOUND) {
+        return Status;
+    }
+    NTSTATUS nExistStatus = STATUS_SUCCESS;
+    if (FiltCheckFileExists(FullPath, FILTER_MASK_ALL, &nExistStatus) == 0 &&
+        (nExistStatus == STATUS_OBJECT_PATH_NOT_FOUND || nExistStatus == STATUS_OBJECT_NAME_NOT_FOUND)) {
+        return nExistStatus;
+    }
+    return Status;
+}
+
+// Records the open-file entry of a successful real open and gives the
+// caller's FILE_OBJECT the real file's context. Without an entry no later
+// request of this open would reach the real file, and nothing would ever
+// close its handle: the open fails instead.
+static NTSTATUS RecordRedirectedOpen(PIRP Irp, PIO_STACK_LOCATION pIrpSp, PUNICODE_STRING FullPath,
+                                     ULONG ExistenceMask, ULONG CopyUpGeneration, ULONG FilterFlag,
+                                     const CreateParameters* pParameters, HANDLE hRealFile, NTSTATUS Status) {
+    FileHandleEntry entry;
+    RtlZeroMemory(&entry, sizeof(entry));
+    entry.m_ulCreateOptions = pParameters->m_ulCreateOptions;
+    entry.m_ulDesiredAccess = pParameters->m_ulDesiredAccess;
+    entry.m_ulShareAccess = pParameters->m_ulShareAccess;
+    entry.m_ulFilterEntryFlag = FilterFlag;
+    entry.m_hRealFileHandle = hRealFile;
+    entry.m_pFileObject = pIrpSp->FileObject;
+    entry.m_ustrFullPath = *FullPath;
+    entry.m_bDeleteOnClose = pParameters->m_bDeleteOnClose;
+    entry.m_ulCopyUpGeneration = CopyUpGeneration;
+    const BOOLEAN bRecorded = MakeFileHandleEntry(&entry) != NULL;
+    const ULONG ulDisposition = pParameters->m_ulDisposition;
+    if ((ExistenceMask & ~1UL) != 0 && FilterFlag == 1 && ulDisposition != FILE_OPEN &&
+        ulDisposition != FILE_CREATE && ulDisposition != FILE_OPEN_IF) {
+        // A lower file replaced in filter directory 0: its other opens follow.
+        NoteCopyInPackLocation();
+    }
+    if (!bRecorded) {
+        ZwClose(hRealFile);
+        Irp->IoStatus.Status = STATUS_INSUFFICIENT_RESOURCES;
+        Irp->IoStatus.Information = 0;
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    PrepareCallerFileObject(pIrpSp->FileObject, hRealFile, pParameters->m_ulDesiredAccess,
+                            pParameters->m_ulShareAccess);
+    return Status;
+}
+
 // Opens the real file for a redirected open and records the entry. Returns
 // the open's status (refined for not-found), which is already in IoStatus.
 static NTSTATUS OpenRedirected(PIRP Irp, PIO_STACK_LOCATION pIrpSp, PUNICODE_STRING FullPath, ULONG ExistenceMask,
                                ULONG CopyUpGeneration) {
-    const ULONG ulDisposition = pIrpSp->Parameters.Create.Options >> CREATE_DISPOSITION_SHIFT;
-    ULONG ulCreateOptions = pIrpSp->Parameters.Create.Options & CREATE_OPTIONS_MASK;
-    const ACCESS_MASK ulDesiredAccess = pIrpSp->Parameters.Create.SecurityContext->DesiredAccess;
-    const ULONG ulShareAccess = pIrpSp->Parameters.Create.ShareAccess | FILE_SHARE_READ;
-    const ULONG ulFileAttributes = pIrpSp->Parameters.Create.FileAttributes;
-    BOOLEAN bDeleteOnClose = FALSE;
-    if (ulCreateOptions & FILE_DELETE_ON_CLOSE) {
-        bDeleteOnClose = TRUE;
-        ulCreateOptions &= ~FILE_DELETE_ON_CLOSE;
-    }
-    if (!(ulCreateOptions & (FILE_SYNCHRONOUS_IO_NONALERT | FILE_SYNCHRONOUS_IO_ALERT))) {
-        ulCreateOptions |= FILE_SYNCHRONOUS_IO_NONALERT;
-    }
-
-    const ULONG ulFilterFlag = ChooseFilterFlag(FullPath, ExistenceMask, ulDisposition);
-
+    CreateParameters parameters;
+    ReadCreateParameters(pIrpSp, &parameters);
+    const ULONG ulFilterFlag = ChooseFilterFlag(ExistenceMask, parameters.m_ulDisposition);
+    PrepareOverwrite(FullPath, ExistenceMask, parameters.m_ulDisposition);
     if (pIrpSp->Parameters.Create.EaLength != 0) {
         TRVN_LOG("TervaneCreate", __LINE__, "Warning: EaLength not zero[%d] EaBuffer not NULL[%08x]\r\n",
                  pIrpSp->Parameters.Create.EaLength, (ULONG)(ULONG_PTR)Irp->AssociatedIrp.SystemBuffer);
     }
 
     HANDLE hRealFile = NULL;
-    NTSTATUS nStatus;
-    if (ulFilterFlag == 1 && ulDisposition != FILE_OPEN && ulDisposition != FILE_OVERWRITE &&
-        IsParentRemoved(FullPath)) {
-        nStatus = STATUS_OBJECT_PATH_NOT_FOUND;
-        Irp->IoStatus.Status = nStatus;
-        Irp->IoStatus.Information = 0;
-    } else {
-        nStatus = FiltCreateFile(ulFilterFlag, ulFilterFlag == 1, &hRealFile, ulDesiredAccess, FullPath,
-                                 (pIrpSp->Flags & SL_CASE_SENSITIVE) != 0, (pIrpSp->Flags & SL_FORCE_ACCESS_CHECK) != 0,
-                                 &Irp->IoStatus, &Irp->Overlay.AllocationSize, ulFileAttributes, ulShareAccess,
-                                 ulDisposition, ulCreateOptions, NULL, 0);
-    }
+    NTSTATUS nStatus = OpenRealFile(Irp, pIrpSp, FullPath, ulFilterFlag, &parameters, &hRealFile);
     TRVN_LOG("TervaneCreate", __LINE__,
              "CreateFile\t[%wZ] /w Access[%x] FileAttrib[%x] Share[%x] Option[%x] Res[%x] Status[%x] Info[%x]\r\n",
-             FullPath, ulDesiredAccess, ulFileAttributes, (ULONG)pIrpSp->Parameters.Create.ShareAccess,
-             ulCreateOptions, nStatus, Irp->IoStatus.Status, (ULONG)Irp->IoStatus.Information);
-
+             FullPath, parameters.m_ulDesiredAccess, parameters.m_ulFileAttributes,
+             (ULONG)pIrpSp->Parameters.Create.ShareAccess, parameters.m_ulCreateOptions, nStatus,
+             Irp->IoStatus.Status, (ULONG)Irp->IoStatus.Information);
     if (!NT_SUCCESS(nStatus)) {
-        if (nStatus == STATUS_OBJECT_PATH_NOT_FOUND || nStatus == STATUS_OBJECT_NAME_NOT_FOUND) {
-            NTSTATUS nExistStatus = STATUS_SUCCESS;
-            if (FiltCheckFileExists(FullPath, FILTER_MASK_ALL, &nExistStatus) == 0 &&
-                (nExistStatus == STATUS_OBJECT_PATH_NOT_FOUND || nExistStatus == STATUS_OBJECT_NAME_NOT_FOUND)) {
-                nStatus = nExistStatus;
-            }
-        }
+        nStatus = RefineNotFound(FullPath, nStatus);
         Irp->IoStatus.Status = nStatus;
         return nStatus;
     }
+    return RecordRedirectedOpen(Irp, pIrpSp, FullPath, ExistenceMask, CopyUpGeneration, ulFilterFlag, &parameters,
+                                hRealFile, nStatus);
+}
 
-    FileHandleEntry entry;
-    RtlZeroMemory(&entry, sizeof(entry));
-    entry.m_ulCreateOptions = ulCreateOptions;
-    entry.m_ulDesiredAccess = ulDesiredAccess;
-    entry.m_ulShareAccess = ulShareAccess;
-    entry.m_ulFilterEntryFlag = ulFilterFlag;
-    entry.m_hRealFileHandle = hRealFile;
-    entry.m_pFileObject = pIrpSp->FileObject;
-    entry.m_ustrFullPath = *FullPath;
-    entry.m_bDeleteOnClose = bDeleteOnClose;
-    entry.m_ulCopyUpGeneration = CopyUpGeneration;
-    AddFileHandleEntry(&entry);
-    if ((ExistenceMask & ~1UL) != 0 && ulFilterFlag == 1 && ulDisposition != FILE_OPEN &&
-        ulDisposition != FILE_CREATE && ulDisposition != FILE_OPEN_IF) {
-        // A lower file replaced in filter directory 0: its other opens follow.
-        NoteCopyInPackLocation();
-    }
+// Completes an open the driver refuses itself, with no information.
+static NTSTATUS CompleteCreate(PIRP Irp, NTSTATUS Status) {
+    Irp->IoStatus.Status = Status;
+    Irp->IoStatus.Information = 0;
+    IoCompleteRequest(Irp, IO_NO_INCREMENT);
+    return Status;
+}
 
-    // Without an entry no later request of this open would reach the real
-    // file, and nothing would ever close its handle: the open fails instead.
-    if (FindFileHandleEntry(pIrpSp->FileObject) == NULL) {
-        ZwClose(hRealFile);
-        nStatus = STATUS_INSUFFICIENT_RESOURCES;
-        Irp->IoStatus.Status = nStatus;
-        Irp->IoStatus.Information = 0;
-        return nStatus;
-    }
-    PrepareCallerFileObject(pIrpSp->FileObject, hRealFile, ulDesiredAccess, ulShareAccess);
-    return nStatus;
+// Whether a path lies under filter directory 0's root (a plain prefix,
+// case-insensitive; false while no filter directory is configured).
+static BOOLEAN IsUnderPackRoot(PCUNICODE_STRING FullPath) {
+    PFilterDirectoryEntry pPack = GetFilterDirectory(1);
+    return pPack != NULL && RtlPrefixUnicodeString(&pPack->m_ustrRoot, FullPath, TRUE);
 }
 
 NTSTATUS TervaneCreate(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
@@ -305,39 +366,29 @@ NTSTATUS TervaneCreate(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     // file system refuses it, before any directory is made for it in the
     // pack location.
     if (HasBypassSuffix(&pFileObject->FileName)) {
-        Irp->IoStatus.Status = STATUS_OBJECT_NAME_INVALID;
-        Irp->IoStatus.Information = 0;
-        IoCompleteRequest(Irp, IO_NO_INCREMENT);
-        return STATUS_OBJECT_NAME_INVALID;
+        return CompleteCreate(Irp, STATUS_OBJECT_NAME_INVALID);
     }
 
+    // The full path, given back on every way out of the handler.
+    PoolBlock pathBlock(PATH_BUFFER_SIZE, TRVN_TAG_GENERAL);
     UNICODE_STRING ustrFullPath;
     ustrFullPath.Length = 0;
     ustrFullPath.MaximumLength = PATH_BUFFER_SIZE;
-    ustrFullPath.Buffer = (PWSTR)ExAllocatePoolWithTag(NonPagedPool, PATH_BUFFER_SIZE, TRVN_TAG_GENERAL);
+    ustrFullPath.Buffer = pathBlock.As<WCHAR>();
     TRVN_ASSERT(ustrFullPath.Buffer, DISPATCH_SOURCE, __LINE__);
     if (ustrFullPath.Buffer == NULL) {
         // No redirected open can be made without its path.
-        Irp->IoStatus.Status = STATUS_INSUFFICIENT_RESOURCES;
-        Irp->IoStatus.Information = 0;
-        IoCompleteRequest(Irp, IO_NO_INCREMENT);
-        return STATUS_INSUFFICIENT_RESOURCES;
+        return CompleteCreate(Irp, STATUS_INSUFFICIENT_RESOURCES);
     }
     GetFullPathName(FALSE, pFileObject, pExtension, &ustrFullPath, TRUE);
-
     if (!IsDrivePath(&ustrFullPath)) {
         // Anything but a drive path (an empty result, a name too long to
         // resolve, a name relative to a volume open) cannot be mapped into a
-        // filter directory. A name that cannot be resolved to a drive path is refused rather
-        // than served from the real volume behind the filter directories.
+        // filter directory; it is refused rather than served from the real
+        // volume behind the filter directories.
         TRVN_LOG("TervaneCreate", __LINE__, "CreateFile\t[%wZ] cannot resolve [%wZ]\r\n", &ustrFullPath,
                  &pFileObject->FileName);
-        ExFreePoolWithTag(ustrFullPath.Buffer, TRVN_TAG_GENERAL);
-        nStatus = STATUS_OBJECT_NAME_INVALID;
-        Irp->IoStatus.Status = nStatus;
-        Irp->IoStatus.Information = 0;
-        IoCompleteRequest(Irp, IO_NO_INCREMENT);
-        return nStatus;
+        return CompleteCreate(Irp, STATUS_OBJECT_NAME_INVALID);
     }
 
     // Read before the existence check: a copy-up that ends after the check
@@ -346,24 +397,15 @@ NTSTATUS TervaneCreate(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     const ULONG ulExistenceMask = FiltCheckFileExists(&ustrFullPath, FILTER_MASK_ALL, NULL);
     const BOOLEAN bTargetDirectory = (pIrpSp->Flags & SL_OPEN_TARGET_DIRECTORY) != 0;
     if (bTargetDirectory) {
-        PFilterDirectoryEntry pPack = GetFilterDirectory(1);
-        if (pPack != NULL && RtlPrefixUnicodeString(&pPack->m_ustrRoot, &ustrFullPath, TRUE)) {
-            ExFreePoolWithTag(ustrFullPath.Buffer, TRVN_TAG_GENERAL);
+        if (IsUnderPackRoot(&ustrFullPath)) {
             return PassCreateDown(DeviceObject, Irp, TervaneCreateCheckCompletion);
         }
         if (!CutToFinalComponent(pIrpSp)) {
-            ExFreePoolWithTag(ustrFullPath.Buffer, TRVN_TAG_GENERAL);
-            nStatus = STATUS_OBJECT_NAME_INVALID;
-            Irp->IoStatus.Status = nStatus;
-            Irp->IoStatus.Information = 0;
-            IoCompleteRequest(Irp, IO_NO_INCREMENT);
-            return nStatus;
+            return CompleteCreate(Irp, STATUS_OBJECT_NAME_INVALID);
         }
         ReplaceByParent(&ustrFullPath);
     }
-
     if (IsExcludedPath(&ustrFullPath)) {
-        ExFreePoolWithTag(ustrFullPath.Buffer, TRVN_TAG_GENERAL);
         return PassCreateDown(DeviceObject, Irp, TervaneCreateCompletion);
     }
     if (bTargetDirectory && LowestConfiguredFlag(ulExistenceMask) == 0) {
@@ -373,8 +415,6 @@ NTSTATUS TervaneCreate(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     }
 
     nStatus = OpenRedirected(Irp, pIrpSp, &ustrFullPath, ulExistenceMask, ulCopyUpGeneration);
-    ExFreePoolWithTag(ustrFullPath.Buffer, TRVN_TAG_GENERAL);
-
     if (bTargetDirectory) {
         Irp->IoStatus.Information = ulExistenceMask != 0 ? FILE_EXISTS : FILE_DOES_NOT_EXIST;
     }

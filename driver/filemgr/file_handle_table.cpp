@@ -49,15 +49,15 @@ VOID InitFileHandleTable() {
     ExInitializeResourceLite(&s_FileHandleTableLock);
 }
 
-VOID AddFileHandleEntry(const FileHandleEntry* Template) {
+PFileHandleEntry MakeFileHandleEntry(const FileHandleEntry* Template) {
     if (Template == NULL) {
-        return;
+        return NULL;
     }
     PFileHandleEntry pEntry =
         (PFileHandleEntry)ExAllocatePoolWithTag(NonPagedPool, sizeof(FileHandleEntry), TRVN_TAG_GENERAL);
     if (pEntry == NULL) {
         TRVN_LOG("AddFileHandleEntry", __LINE__, "add file handle fail (alloc fail)");
-        return;
+        return NULL;
     }
     RtlCopyMemory(pEntry, Template, sizeof(FileHandleEntry));
     KeInitializeEvent(&pEntry->m_kEvent, SynchronizationEvent, TRUE);
@@ -75,7 +75,7 @@ VOID AddFileHandleEntry(const FileHandleEntry* Template) {
         if (pEntry->m_ustrFullPath.Buffer == NULL) {
             TRVN_LOG("AddFileHandleEntry", __LINE__, "add file handle fail (file path alloc fail)");
             ExFreePoolWithTag(pEntry, TRVN_TAG_GENERAL);
-            return;
+            return NULL;
         }
     }
     if (!NT_SUCCESS(CopyCountedString(&pEntry->m_ustrFullPath, &Template->m_ustrFullPath))) {
@@ -84,7 +84,7 @@ VOID AddFileHandleEntry(const FileHandleEntry* Template) {
             ExFreePoolWithTag(pEntry->m_ustrFullPath.Buffer, TRVN_TAG_GENERAL);
         }
         ExFreePoolWithTag(pEntry, TRVN_TAG_GENERAL);
-        return;
+        return NULL;
     }
 
     ResourceLock lock(&s_FileHandleTableLock, TRUE);
@@ -92,6 +92,11 @@ VOID AddFileHandleEntry(const FileHandleEntry* Template) {
     pEntry->m_pNext = *ppHead;
     *ppHead = pEntry;
     InterlockedIncrement(&s_lFileHandleEntryCount);
+    return pEntry;
+}
+
+VOID AddFileHandleEntry(const FileHandleEntry* Template) {
+    MakeFileHandleEntry(Template);
 }
 
 PFileHandleEntry FindFileHandleEntry(PFILE_OBJECT FileObject) {

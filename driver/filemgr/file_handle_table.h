@@ -39,7 +39,10 @@ VOID InitFileHandleTable();
 // Makes an entry from a template filled in by the caller and puts it at the
 // head of its bucket. The template's event, link and buffer ownership are
 // ignored; its path is copied into a new buffer of the path's length. A null
-// template does nothing; a failure is logged, not reported.
+// template does nothing; a failure is logged. AddFileHandleEntry does not
+// report it; MakeFileHandleEntry returns the entry, or NULL when none was
+// made, so that an open can fail without looking the entry up again.
+PFileHandleEntry MakeFileHandleEntry(const FileHandleEntry* Template);
 VOID AddFileHandleEntry(const FileHandleEntry* Template);
 
 // The entry of FileObject, or null. A hash lookup that allocates nothing.
