@@ -57,6 +57,13 @@ NTSTATUS FiltCreateFile(ULONG ulFilterMask, BOOLEAN bCreateParents, PHANDLE phFi
                         ShareAccess, CreateDisposition, CreateOptions, EaBuffer, EaLength);
 }
 
+NTSTATUS FiltOpenFile(ULONG ulFilterMask, BOOLEAN bCreateParents, PHANDLE phFile, ACCESS_MASK DesiredAccess,
+                      PCUNICODE_STRING pustrPath, ULONG ShareAccess, ULONG CreateDisposition, ULONG CreateOptions) {
+    IO_STATUS_BLOCK IoStatus;
+    return FiltCreateFile(ulFilterMask, bCreateParents, phFile, DesiredAccess, (PUNICODE_STRING)pustrPath, FALSE,
+                          FALSE, &IoStatus, NULL, 0, ShareAccess, CreateDisposition, CreateOptions, NULL, 0);
+}
+
 BOOLEAN CreateDirectoryRecursive(PCUNICODE_STRING pustrRealPath) {
     if (pustrRealPath == NULL || (pustrRealPath->Length != 0 && pustrRealPath->Buffer == NULL)) {
         return FALSE;
@@ -86,10 +93,9 @@ BOOLEAN CreateDirectoryRecursive(PCUNICODE_STRING pustrRealPath) {
         ustrPrefix.MaximumLength = ustrPrefix.Length;
         ustrPrefix.Buffer = pwcWork;
         HANDLE hDirectory = NULL;
-        IO_STATUS_BLOCK IoStatus;
-        NTSTATUS status = FiltCreateFile(0, FALSE, &hDirectory, SYNCHRONIZE, &ustrPrefix, FALSE, FALSE, &IoStatus,
-                                         NULL, 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                         FILE_OPEN_IF, FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT, NULL, 0);
+        NTSTATUS status = FiltOpenFile(0, FALSE, &hDirectory, SYNCHRONIZE, &ustrPrefix,
+                                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, FILE_OPEN_IF,
+                                       FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT);
         if (!NT_SUCCESS(status)) {
             bAll = FALSE;
             break;

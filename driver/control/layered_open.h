@@ -25,6 +25,12 @@ NTSTATUS FiltCreateFile(ULONG FilterMask, BOOLEAN CreateParents, PHANDLE FileHan
                         ULONG ShareAccess, ULONG CreateDisposition, ULONG CreateOptions, PVOID EaBuffer,
                         ULONG EaLength);
 
+// FiltCreateFile as the driver's own opens make it: case-insensitive, no
+// forced access check, no allocation size, attributes 0, no extended
+// attributes, and a status block of its own.
+NTSTATUS FiltOpenFile(ULONG FilterMask, BOOLEAN CreateParents, PHANDLE FileHandle, ACCESS_MASK DesiredAccess,
+                      PCUNICODE_STRING Path, ULONG ShareAccess, ULONG CreateDisposition, ULONG CreateOptions);
+
 // Opens or creates every ancestor directory of a real path (X:\a\b\name makes
 // X:\a and X:\a\b; the last component is left to the caller). TRUE when all
 // exist afterwards.

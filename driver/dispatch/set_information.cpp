@@ -146,11 +146,10 @@ static NTSTATUS CheckExistingTarget(PUNICODE_STRING Target, ULONG ExistenceMask,
     if (!ReplaceIfExists) {
         return STATUS_OBJECT_NAME_COLLISION;
     }
-    IO_STATUS_BLOCK iosb;
     HANDLE hTarget = NULL;
-    NTSTATUS nStatus = FiltCreateFile(ExistenceMask, FALSE, &hTarget, GENERIC_READ, Target, FALSE, FALSE, &iosb, NULL,
-                                      0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, FILE_OPEN,
-                                      FILE_SYNCHRONOUS_IO_NONALERT, NULL, 0);
+    NTSTATUS nStatus = FiltOpenFile(ExistenceMask, FALSE, &hTarget, GENERIC_READ, Target,
+                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, FILE_OPEN,
+                                    FILE_SYNCHRONOUS_IO_NONALERT);
     if (!NT_SUCCESS(nStatus) || IsDirectoryFile(hTarget)) {
         if (hTarget != NULL) {
             ZwClose(hTarget);
@@ -165,9 +164,8 @@ static NTSTATUS CheckExistingTarget(PUNICODE_STRING Target, ULONG ExistenceMask,
             continue;
         }
         hTarget = NULL;
-        nStatus = FiltCreateFile(ulFlag, FALSE, &hTarget, DELETE | SYNCHRONIZE | FILE_WRITE_ATTRIBUTES, Target, FALSE,
-                                 FALSE, &iosb, NULL, 0, FILE_SHARE_READ | FILE_SHARE_DELETE, FILE_OPEN,
-                                 FILE_SYNCHRONOUS_IO_NONALERT, NULL, 0);
+        nStatus = FiltOpenFile(ulFlag, FALSE, &hTarget, DELETE | SYNCHRONIZE | FILE_WRITE_ATTRIBUTES, Target,
+                               FILE_SHARE_READ | FILE_SHARE_DELETE, FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT);
         if (!NT_SUCCESS(nStatus)) {
             return STATUS_UNSUCCESSFUL;
         }
@@ -322,9 +320,9 @@ NTSTATUS TervaneSetInformationDisposition(PFileHandleEntry pFileHandleEntry, PIO
             continue;
         }
         HANDLE hCopy = NULL;
-        nStatus = FiltCreateFile(ulFlag, FALSE, &hCopy, DELETE | SYNCHRONIZE, &pFileHandleEntry->m_ustrFullPath, FALSE,
-                                 FALSE, &iosb, NULL, 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                 FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, NULL, 0);
+        nStatus = FiltOpenFile(ulFlag, FALSE, &hCopy, DELETE | SYNCHRONIZE, &pFileHandleEntry->m_ustrFullPath,
+                               FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, FILE_OPEN,
+                               FILE_SYNCHRONOUS_IO_NONALERT);
         if (NT_SUCCESS(nStatus)) {
             ZwClose(hCopy);
         }

@@ -127,9 +127,8 @@ BOOLEAN CopyFile(PCUNICODE_STRING pustrSource, PCUNICODE_STRING pustrDestination
 
     ScopedHandle hSource;
     IO_STATUS_BLOCK IoStatus;
-    NTSTATUS nStatus = FiltCreateFile(0, FALSE, hSource.Out(), GENERIC_READ, sourceCopy.Get(), FALSE, FALSE,
-                                      &IoStatus, NULL, 0, SHARE_ALL, FILE_OPEN,
-                                      FILE_SYNCHRONOUS_IO_NONALERT | FILE_NO_INTERMEDIATE_BUFFERING, NULL, 0);
+    NTSTATUS nStatus = FiltOpenFile(0, FALSE, hSource.Out(), GENERIC_READ, sourceCopy.Get(), SHARE_ALL, FILE_OPEN,
+                                    FILE_SYNCHRONOUS_IO_NONALERT | FILE_NO_INTERMEDIATE_BUFFERING);
     if (!NT_SUCCESS(nStatus)) {
         TRVN_LOG("CopyFile", __LINE__, "cannot open src file [%wZ] /w Err[%d]\r\n", pustrSource, nStatus);
         return FALSE;
@@ -208,9 +207,8 @@ BOOLEAN CopyFileAttribute(PCUNICODE_STRING pustrSource, PCUNICODE_STRING pustrDe
     }
     ScopedHandle hSource;
     IO_STATUS_BLOCK IoStatus;
-    NTSTATUS nStatus = FiltCreateFile(0, FALSE, hSource.Out(), GENERIC_READ | SYNCHRONIZE,
-                                      (PUNICODE_STRING)pustrSource, FALSE, FALSE, &IoStatus, NULL, 0, SHARE_ALL,
-                                      FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, NULL, 0);
+    NTSTATUS nStatus = FiltOpenFile(0, FALSE, hSource.Out(), GENERIC_READ | SYNCHRONIZE, pustrSource, SHARE_ALL,
+                                    FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT);
     if (!NT_SUCCESS(nStatus)) {
         TRVN_LOG("CopyFileAttribute", __LINE__, "cannot open src file [%wZ] /w Err[%d]\r\n", pustrSource, nStatus);
         return FALSE;

@@ -44,20 +44,18 @@ NTSTATUS CopyUpDirectory(PCUNICODE_STRING pustrDirectory) {
         return STATUS_OBJECT_PATH_NOT_FOUND;
     }
     // What the view shows there must be a directory, or none is made for it.
-    IO_STATUS_BLOCK IoStatus;
     ScopedHandle hLower;
-    NTSTATUS nStatus = FiltCreateFile(ulExists & (~ulExists + 1), FALSE, hLower.Out(), FILE_LIST_DIRECTORY | SYNCHRONIZE,
-                                      (PUNICODE_STRING)pustrDirectory, FALSE, FALSE, &IoStatus, NULL, 0,
-                                      FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, FILE_OPEN,
-                                      FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT, NULL, 0);
+    NTSTATUS nStatus = FiltOpenFile(ulExists & (~ulExists + 1), FALSE, hLower.Out(), FILE_LIST_DIRECTORY | SYNCHRONIZE,
+                                    pustrDirectory, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, FILE_OPEN,
+                                    FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT);
     if (!NT_SUCCESS(nStatus)) {
         return nStatus;
     }
     hLower.Close();
     ScopedHandle hPack;
-    return FiltCreateFile(1, TRUE, hPack.Out(), SYNCHRONIZE, (PUNICODE_STRING)pustrDirectory, FALSE, FALSE, &IoStatus,
-                          NULL, 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, FILE_OPEN_IF,
-                          FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT, NULL, 0);
+    return FiltOpenFile(1, TRUE, hPack.Out(), SYNCHRONIZE, pustrDirectory,
+                        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, FILE_OPEN_IF,
+                        FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT);
 }
 
 namespace {
@@ -140,11 +138,9 @@ BOOLEAN CopyDirectoryEntry(PCUNICODE_STRING pustrPath, ULONG ulDestinationFlag, 
         // The subdirectory itself is made, so that an empty one moves with
         // its parent too.
         ScopedHandle hMade;
-        IO_STATUS_BLOCK IoStatus;
-        NTSTATUS nStatus = FiltCreateFile(ulDestinationFlag, TRUE, hMade.Out(), SYNCHRONIZE, b.EntryDrivePath.Get(),
-                                          FALSE, FALSE, &IoStatus, NULL, 0,
-                                          FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, FILE_OPEN_IF,
-                                          FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT, NULL, 0);
+        NTSTATUS nStatus = FiltOpenFile(ulDestinationFlag, TRUE, hMade.Out(), SYNCHRONIZE, b.EntryDrivePath.Get(),
+                                        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, FILE_OPEN_IF,
+                                        FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT);
         if (!NT_SUCCESS(nStatus)) {
             TRVN_LOG("FiltCopyFile", __LINE__, "[warn] cannot create directory recursive for [%wZ]",
                      b.EntryDrivePath.Get());
@@ -370,10 +366,8 @@ NTSTATUS CopyUpOpenFile(PFileHandleEntry pEntry, ULONG ulDestinationFlag, PHANDL
         }
     }
     HANDLE hNew = NULL;
-    IO_STATUS_BLOCK IoStatus;
-    NTSTATUS nStatus = FiltCreateFile(ulDestinationFlag, FALSE, &hNew, pEntry->m_ulDesiredAccess,
-                                      &pEntry->m_ustrFullPath, FALSE, FALSE, &IoStatus, NULL, 0,
-                                      pEntry->m_ulShareAccess, FILE_OPEN, pEntry->m_ulCreateOptions, NULL, 0);
+    NTSTATUS nStatus = FiltOpenFile(ulDestinationFlag, FALSE, &hNew, pEntry->m_ulDesiredAccess, &pEntry->m_ustrFullPath,
+                                    pEntry->m_ulShareAccess, FILE_OPEN, pEntry->m_ulCreateOptions);
     TRVN_ASSERT(NT_SUCCESS( nStatus ), FILE_MANAGER_SOURCE, __LINE__);
     ReleaseCopyUpPath(pClaim);
     if (!NT_SUCCESS(nStatus)) {

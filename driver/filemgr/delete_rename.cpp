@@ -17,9 +17,8 @@
 NTSTATUS ResetFileAttributes(PCUNICODE_STRING pustrRealPath) {
     ScopedHandle hFile;
     IO_STATUS_BLOCK IoStatus;
-    NTSTATUS nStatus = FiltCreateFile(0, FALSE, hFile.Out(), GENERIC_READ | SYNCHRONIZE,
-                                      (PUNICODE_STRING)pustrRealPath, FALSE, FALSE, &IoStatus, NULL, 0, SHARE_ALL,
-                                      FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, NULL, 0);
+    NTSTATUS nStatus = FiltOpenFile(0, FALSE, hFile.Out(), GENERIC_READ | SYNCHRONIZE, pustrRealPath, SHARE_ALL,
+                                    FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT);
     if (!NT_SUCCESS(nStatus)) {
         return nStatus;
     }
@@ -45,9 +44,8 @@ static NTSTATUS MarkForDeletion(PCUNICODE_STRING pustrRealPath, PFILE_DISPOSITIO
                                 PBOOLEAN pbOpened) {
     ScopedHandle hFile;
     IO_STATUS_BLOCK IoStatus;
-    NTSTATUS nStatus = FiltCreateFile(0, FALSE, hFile.Out(), DELETE_ACCESS, (PUNICODE_STRING)pustrRealPath, FALSE,
-                                      FALSE, &IoStatus, NULL, 0, SHARE_ALL, FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT,
-                                      NULL, 0);
+    NTSTATUS nStatus = FiltOpenFile(0, FALSE, hFile.Out(), DELETE_ACCESS, pustrRealPath, SHARE_ALL, FILE_OPEN,
+                                    FILE_SYNCHRONOUS_IO_NONALERT);
     *pbOpened = NT_SUCCESS(nStatus);
     if (!NT_SUCCESS(nStatus)) {
         return nStatus;
@@ -92,10 +90,8 @@ BOOLEAN FiltDeleteFile(PCUNICODE_STRING pustrPath) {
             continue;
         }
         HANDLE hProbe = NULL;
-        IO_STATUS_BLOCK IoStatus;
-        NTSTATUS nStatus = FiltCreateFile(ulFlag, FALSE, &hProbe, DELETE_ACCESS, (PUNICODE_STRING)pustrPath, FALSE,
-                                          FALSE, &IoStatus, NULL, 0, FILE_SHARE_READ | FILE_SHARE_DELETE, FILE_OPEN,
-                                          FILE_SYNCHRONOUS_IO_NONALERT, NULL, 0);
+        NTSTATUS nStatus = FiltOpenFile(ulFlag, FALSE, &hProbe, DELETE_ACCESS, pustrPath,
+                                        FILE_SHARE_READ | FILE_SHARE_DELETE, FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT);
         if (!NT_SUCCESS(nStatus)) {
             return FALSE;
         }

@@ -22,10 +22,8 @@ NTSTATUS CheckFileExists(PCUNICODE_STRING pustrRealPath) {
         return STATUS_OBJECT_NAME_INVALID;
     }
     HANDLE hFile = NULL;
-    IO_STATUS_BLOCK IoStatus;
-    NTSTATUS nStatus = FiltCreateFile(0, FALSE, &hFile, GENERIC_READ, (PUNICODE_STRING)pustrRealPath, FALSE, FALSE,
-                                      &IoStatus, NULL, 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                      FILE_OPEN, 0, NULL, 0);
+    NTSTATUS nStatus = FiltOpenFile(0, FALSE, &hFile, GENERIC_READ, pustrRealPath,
+                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, FILE_OPEN, 0);
     if (NT_SUCCESS(nStatus) && hFile != NULL) {
         ZwClose(hFile);
     }

@@ -200,10 +200,10 @@ BOOLEAN LookupLongName(PCUNICODE_STRING pustrDirectory, PCUNICODE_STRING pustrCo
 
     ScopedHandle hDirectory;
     IO_STATUS_BLOCK IoStatus;
-    NTSTATUS nStatus = FiltCreateFile(0, FALSE, hDirectory.Out(),
-                                      SYNCHRONIZE | FILE_READ_ATTRIBUTES | FILE_LIST_DIRECTORY, &ustrDirectory, FALSE,
-                                      FALSE, &IoStatus, NULL, 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                      FILE_OPEN, FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT, NULL, 0);
+    NTSTATUS nStatus = FiltOpenFile(0, FALSE, hDirectory.Out(),
+                                    SYNCHRONIZE | FILE_READ_ATTRIBUTES | FILE_LIST_DIRECTORY, &ustrDirectory,
+                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, FILE_OPEN,
+                                    FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT);
     if (!NT_SUCCESS(nStatus)) {
         return FALSE;
     }

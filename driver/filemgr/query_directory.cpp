@@ -156,11 +156,9 @@ NTSTATUS FiltQueryDirectoryUpdateFilter(PFileHandleEntry pFileHandleEntry, BOOLE
     }
 
     HANDLE hDirectory = NULL;
-    IO_STATUS_BLOCK IoStatus;
-    NTSTATUS nStatus = FiltCreateFile(ulFlag, FALSE, &hDirectory, GENERIC_READ | SYNCHRONIZE,
-                                      &pFileHandleEntry->m_ustrFullPath, FALSE, FALSE, &IoStatus, NULL, 0,
-                                      FILE_SHARE_READ | FILE_SHARE_WRITE, FILE_OPEN,
-                                      FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT, NULL, 0);
+    NTSTATUS nStatus = FiltOpenFile(ulFlag, FALSE, &hDirectory, GENERIC_READ | SYNCHRONIZE,
+                                    &pFileHandleEntry->m_ustrFullPath, FILE_SHARE_READ | FILE_SHARE_WRITE, FILE_OPEN,
+                                    FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT);
     if (!NT_SUCCESS(nStatus)) {
         EndListing(pFileHandleEntry);
         TRVN_LOG("FiltQueryDirectoryUpdateFilter", __LINE__, "Cannot open directory [%wZ] in filter [%d] /w Err[%d]",

@@ -97,9 +97,8 @@ NTSTATUS MapIndexFile(ULONG ulAreaSize, PCUNICODE_STRING pustrFilePath, PHANDLE 
     *pulFileSize = 0;
 
     IO_STATUS_BLOCK IoStatus;
-    NTSTATUS status = FiltCreateFile(0, FALSE, phFile, SYNCHRONIZE, (PUNICODE_STRING)pustrFilePath, FALSE, FALSE,
-                                     &IoStatus, NULL, 0, FILE_SHARE_READ, FILE_OPEN,
-                                     FILE_WRITE_THROUGH | FILE_SYNCHRONOUS_IO_NONALERT, NULL, 0);
+    NTSTATUS status = FiltOpenFile(0, FALSE, phFile, SYNCHRONIZE, pustrFilePath, FILE_SHARE_READ, FILE_OPEN,
+                                   FILE_WRITE_THROUGH | FILE_SYNCHRONOUS_IO_NONALERT);
     if (!NT_SUCCESS(status)) {
         *phFile = NULL;
         return status;
