@@ -57,7 +57,8 @@ bool SplitOptions(const std::string& list, mode_t* umask, std::string* rest, std
     return true;
 }
 
-// Reports the outcome of the start to the waiting parent (background mount).
+// Reports the outcome of the start, the exit code as a digit, to the waiting
+// parent (background mount).
 void Tell(int fd, char code) {
     if (fd < 0) return;
     ssize_t ignored = write(fd, &code, 1);
@@ -120,7 +121,7 @@ int Serve(const MountOptions& o, const fs::path& point, mode_t umask, const std:
     if (!controller.RunSetup(script, std::cout, std::cerr)) {
         std::cerr << "tervane mount: the setup script failed; nothing is mounted\n";
         controller.Finish();
-        Tell(readyFd, '1');
+        Tell(readyFd, '2');
         return 2;
     }
     emu::Machine& machine = controller.machine();
@@ -290,7 +291,7 @@ int Mount(const MountOptions& o) {
     do n = read(pipeFds[0], &code, 1);
     while (n < 0 && errno == EINTR);
     close(pipeFds[0]);
-    return n == 1 && code == '0' ? 0 : 1;
+    return n == 1 && code >= '0' && code <= '3' ? code - '0' : 1;  // the server's exit code
 }
 
 int Exec(const std::string& mountPoint, const std::vector<std::string>& command) {

@@ -112,6 +112,11 @@ check "names NT cannot hold are refused" m "b=\$(ls -A); while IFS= read -r n; d
 check "links and device nodes are refused" m 'ln -s over.txt sl 2>/dev/null || ln over.txt hl 2>/dev/null || mkfifo p 2>/dev/null || echo refused' refused
 check "an unmonitored process sees the volume" u 'cat layers/base/docs/readme.txt && echo plain > plain.txt && ls layers' \
   $'base readme\nbase\nmid\npack' 'test -f plain.txt && ! test -e layers/pack/plain.txt'
+# Mounts that cannot start say why and exit non-zero.
+echo "bogus line" > "$work/bad.scn"
+check "a busy mount point is refused" u "'$tervane' mount '$work/setup.scn' '$mnt' 2>&1; echo \$?" \
+  "tervane mount: $mnt is busy: something is mounted there already"$'\n1'
+check "a script error is named" u "'$tervane' mount '$work/bad.scn' '$work' 2>&1 | grep -c 'bad.scn:1:'; echo \${PIPESTATUS[0]}" $'1\n2'
 sleep 1.5  # the mount ends gone processes every half second
 check "ended processes leave the list" u "'$tervane' ctl '$mnt' process-count" $'STATUS_SUCCESS (0x00000000) info=4\n  count=0'
 
