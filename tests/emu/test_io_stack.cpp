@@ -191,7 +191,7 @@ TEST_F(IoTest, CompletingAPacketTwiceIsAVerifierViolation) {
         world.behaviour.completeTwice = false;
         NtClose(h);
     });
-    VerifierReport report = machine->Shutdown();
+    VerifierReport report = Shutdown();
     ASSERT_EQ(report.violations.size(), 1u) << report.ToString();
     EXPECT_NE(report.violations[0].find("completed twice"), std::string::npos);
     EXPECT_TRUE(report.pool.empty() && report.handles.empty() && report.fileObjects.empty()) << report.ToString();
@@ -218,7 +218,7 @@ TEST_F(IoTest, AReturnedStatusThatDisagreesWithTheCompletedOneIsAVerifierViolati
         world.behaviour = Behaviour{};
         NtClose(h);
     });
-    VerifierReport report = machine->Shutdown();
+    VerifierReport report = Shutdown();
     ASSERT_EQ(report.violations.size(), 1u) << report.ToString();
     EXPECT_NE(report.violations[0].find("IRP_MJ_QUERY_INFORMATION dispatch of \\Driver\\IoTest returned "
                                         "STATUS_SUCCESS for a request it completed with STATUS_ACCESS_DENIED"),
@@ -257,7 +257,7 @@ TEST_F(IoTest, RaisedIrqlAcrossACallDownIsAVerifierViolation) {
         EXPECT_EQ(ZwQueryInformationFile(h, &iosb, &basic, sizeof basic, FileBasicInformation), STATUS_SUCCESS);
         ZwClose(h);
     });
-    VerifierReport report = machine->Shutdown();
+    VerifierReport report = Shutdown();
     ASSERT_EQ(report.violations.size(), 2u) << report.ToString();
     EXPECT_NE(report.violations[0].find("at IRQL 2: a spin lock is held across a call down the stack"),
               std::string::npos);

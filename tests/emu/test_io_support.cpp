@@ -203,13 +203,20 @@ void IoTest::SetUp() {
 
 void IoTest::LoadFilter() { ASSERT_EQ(machine->LoadDriver(u"IoFilter", FilterEntry), STATUS_SUCCESS); }
 
-void IoTest::TearDown() {
+// Requests completed on other threads may still be finishing (dropping the
+// last file object reference sends the close down the stack), so they end
+// before the machine does.
+VerifierReport IoTest::Shutdown() {
     {
         std::lock_guard<std::mutex> guard(g_completersLock);
         for (auto& thread : g_completers) thread->Join();
         g_completers.clear();
     }
-    VerifierReport report = machine->Shutdown();
+    return machine->Shutdown();
+}
+
+void IoTest::TearDown() {
+    VerifierReport report = Shutdown();
     if (expectClean) {
         EXPECT_TRUE(report.Clean()) << report.ToString();
     }

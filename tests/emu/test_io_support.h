@@ -110,6 +110,8 @@ protected:
                   ULONG options = FILE_SYNCHRONOUS_IO_NONALERT, ULONG attributes = OBJ_CASE_INSENSITIVE,
                   bool kernel = false, HANDLE root = nullptr, IO_STATUS_BLOCK* iosbOut = nullptr);
 
+    VerifierReport Shutdown();
+
     std::unique_ptr<Machine> machine;
     Process* process = nullptr;
     World world;

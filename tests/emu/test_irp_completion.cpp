@@ -104,7 +104,7 @@ TEST_F(IoTest, FreeingAPacketADriverStillHoldsIsAVerifierViolation) {
         KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);
         IoFreeIrp(irp);
     });
-    VerifierReport report = machine->Shutdown();
+    VerifierReport report = Shutdown();
     ASSERT_EQ(report.violations.size(), 1u) << report.ToString();
     EXPECT_NE(report.violations[0].find("still in use"), std::string::npos);
     EXPECT_TRUE(report.pool.empty()) << report.ToString();
