@@ -12,6 +12,15 @@
 #include <emu/machine.h>
 #include <nt/ntifs.h>
 
+// A machine routine that a driver image may enter directly (through an import
+// or a pointer the machine gave it): on x86 the image keeps its stack aligned
+// to 4 only, where the machine's code assumes 16.
+#if defined(__i386__)
+#define MACHINE_ENTRY __attribute__((force_align_arg_pointer))
+#else
+#define MACHINE_ENTRY
+#endif
+
 namespace tervane::emu {
 
 class HandleTable;     // ob/handle_table.h

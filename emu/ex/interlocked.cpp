@@ -1,5 +1,14 @@
 // Interlocked operations and interlocked singly linked lists.
+#include <mutex>
+
 #include <nt/ntifs.h>
+
+namespace {
+// NT changes an SLIST header with one compare-exchange of the whole header;
+// the machine serialises all of them instead, so that a pop never reads the
+// link of an entry another thread has just taken and freed.
+std::mutex gSListLock;
+}  // namespace
 
 extern "C" LONG FASTCALL InterlockedIncrement(LONG volatile* Addend) {
     return __atomic_add_fetch(Addend, 1, __ATOMIC_SEQ_CST);
@@ -29,6 +38,28 @@ extern "C" PVOID InterlockedExchangePointer(PVOID volatile* Target, PVOID Value)
 extern "C" PVOID InterlockedCompareExchangePointer(PVOID volatile* Destination, PVOID Exchange, PVOID Comparand) {
     __atomic_compare_exchange_n(Destination, &Comparand, Exchange, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
     return Comparand;
+}
+
+extern "C" PSINGLE_LIST_ENTRY FASTCALL InterlockedPushEntrySList(PSLIST_HEADER ListHead,
+                                                                 PSINGLE_LIST_ENTRY ListEntry) {
+    std::lock_guard<std::mutex> guard(gSListLock);
+    PSINGLE_LIST_ENTRY first = ListHead->Next.Next;
+    ListEntry->Next = first;
+    ListHead->Next.Next = ListEntry;
+    ListHead->Depth++;
+    ListHead->Sequence++;
+    return first;
+}
+
+extern "C" PSINGLE_LIST_ENTRY FASTCALL InterlockedPopEntrySList(PSLIST_HEADER ListHead) {
+    std::lock_guard<std::mutex> guard(gSListLock);
+    PSINGLE_LIST_ENTRY first = ListHead->Next.Next;
+    if (first) {
+        ListHead->Next.Next = first->Next;
+        ListHead->Depth--;
+        ListHead->Sequence++;
+    }
+    return first;
 }
 
 extern "C" PSINGLE_LIST_ENTRY ExInterlockedPushEntrySList(PSLIST_HEADER ListHead, PSINGLE_LIST_ENTRY ListEntry,

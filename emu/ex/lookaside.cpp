@@ -15,17 +15,13 @@ namespace {
 constexpr USHORT kMinimumDepth = 4;
 constexpr USHORT kMaximumDepth = 256;
 
-PVOID DefaultAllocate(POOL_TYPE type, SIZE_T bytes, ULONG tag) { return ExAllocatePoolWithTag(type, bytes, tag); }
-VOID DefaultFree(PVOID block) { ExFreePool(block); }
-
-PSINGLE_LIST_ENTRY Pop(PNPAGED_LOOKASIDE_LIST list) {
-    PSINGLE_LIST_ENTRY entry = list->L.ListHead.Next.Next;
-    if (entry) {
-        list->L.ListHead.Next.Next = entry->Next;
-        list->L.ListHead.Depth--;
-    }
-    return entry;
+// The routines a list uses when its owner gives none. A driver image calls
+// them from its inline allocate and free, on a stack it keeps aligned to 4
+// only.
+MACHINE_ENTRY PVOID NTAPI DefaultAllocate(POOL_TYPE type, SIZE_T bytes, ULONG tag) {
+    return ExAllocatePoolWithTag(type, bytes, tag);
 }
+MACHINE_ENTRY VOID NTAPI DefaultFree(PVOID block) { ExFreePool(block); }
 
 bool Registered(Machine::Impl& m, PNPAGED_LOOKASIDE_LIST list) {
     return m.lookasideLists.count(list) != 0;
@@ -58,7 +54,6 @@ extern "C" VOID ExInitializeNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside
     Lookaside->L.Allocate = Allocate ? Allocate : DefaultAllocate;
     Lookaside->L.Free = Free ? Free : DefaultFree;
     InitializeListHead(&Lookaside->L.ListEntry);
-    KeInitializeSpinLock(&Lookaside->Lock);
     Machine::Impl& m = CurrentMachine();
     std::lock_guard<std::mutex> guard(m.lookasideListsLock);
     m.lookasideLists.insert(Lookaside);
@@ -74,43 +69,25 @@ extern "C" VOID ExDeleteNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside) {
         }
         m.lookasideLists.erase(Lookaside);
     }
-    KIRQL irql;
-    KeAcquireSpinLock(&Lookaside->Lock, &irql);
-    PSINGLE_LIST_ENTRY entries = Lookaside->L.ListHead.Next.Next;
-    Lookaside->L.ListHead.Next.Next = nullptr;
-    Lookaside->L.ListHead.Depth = 0;
-    KeReleaseSpinLock(&Lookaside->Lock, irql);
-    while (entries) {
-        PSINGLE_LIST_ENTRY next = entries->Next;
-        Lookaside->L.Free(entries);
-        entries = next;
-    }
+    while (PSINGLE_LIST_ENTRY entry = InterlockedPopEntrySList(&Lookaside->L.ListHead)) Lookaside->L.Free(entry);
 }
 
+// The same steps as the DDK's inline versions, so that lists a driver image
+// works on itself and lists the machine works on behave alike.
 extern "C" PVOID ExAllocateFromNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside) {
-    KIRQL irql;
-    KeAcquireSpinLock(&Lookaside->Lock, &irql);
-    Lookaside->L.TotalAllocates++;
-    PSINGLE_LIST_ENTRY entry = Pop(Lookaside);
-    if (!entry) Lookaside->L.AllocateMisses++;
-    KeReleaseSpinLock(&Lookaside->Lock, irql);
+    __atomic_fetch_add(&Lookaside->L.TotalAllocates, 1, __ATOMIC_RELAXED);
+    PVOID entry = InterlockedPopEntrySList(&Lookaside->L.ListHead);
     if (entry) return entry;
+    __atomic_fetch_add(&Lookaside->L.AllocateMisses, 1, __ATOMIC_RELAXED);
     return Lookaside->L.Allocate(Lookaside->L.Type, Lookaside->L.Size, Lookaside->L.Tag);
 }
 
 extern "C" VOID ExFreeToNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside, PVOID Entry) {
-    KIRQL irql;
-    KeAcquireSpinLock(&Lookaside->Lock, &irql);
-    Lookaside->L.TotalFrees++;
-    if (Lookaside->L.ListHead.Depth >= Lookaside->L.Depth) {
-        Lookaside->L.FreeMisses++;
-        KeReleaseSpinLock(&Lookaside->Lock, irql);
+    __atomic_fetch_add(&Lookaside->L.TotalFrees, 1, __ATOMIC_RELAXED);
+    if (ExQueryDepthSList(&Lookaside->L.ListHead) >= Lookaside->L.Depth) {
+        __atomic_fetch_add(&Lookaside->L.FreeMisses, 1, __ATOMIC_RELAXED);
         Lookaside->L.Free(Entry);
         return;
     }
-    auto* entry = static_cast<PSINGLE_LIST_ENTRY>(Entry);
-    entry->Next = Lookaside->L.ListHead.Next.Next;
-    Lookaside->L.ListHead.Next.Next = entry;
-    Lookaside->L.ListHead.Depth++;
-    KeReleaseSpinLock(&Lookaside->Lock, irql);
+    InterlockedPushEntrySList(&Lookaside->L.ListHead, static_cast<PSINGLE_LIST_ENTRY>(Entry));
 }

@@ -39,7 +39,7 @@ std::mutex g_registryLock;
 std::set<ResourceState*> g_resources;
 
 ResourceState* StateOf(PERESOURCE resource, const char* service) {
-    auto* state = static_cast<ResourceState*>(resource->Impl);
+    auto* state = reinterpret_cast<ResourceState*>(resource->OwnerTable);
     bool known;
     {
         std::lock_guard<std::mutex> guard(g_registryLock);
@@ -187,7 +187,7 @@ void ResourceFreeAll() {
 using namespace tervane::emu;
 
 extern "C" NTSTATUS ExInitializeResourceLite(PERESOURCE Resource) {
-    auto* old = static_cast<ResourceState*>(Resource->Impl);
+    auto* old = reinterpret_cast<ResourceState*>(Resource->OwnerTable);
     {
         std::lock_guard<std::mutex> guard(g_registryLock);
         if (old && g_resources.count(old)) {  // initialised again: the old state goes
@@ -198,8 +198,9 @@ extern "C" NTSTATUS ExInitializeResourceLite(PERESOURCE Resource) {
     VerifierLockForget(Resource);
     std::memset(Resource, 0, sizeof(*Resource));
     auto* state = new ResourceState();
-    Resource->Impl = state;
-    Resource->Address = reinterpret_cast<ULONG_PTR>(Resource);
+    // The machine's state sits where NT keeps its table of shared owners.
+    Resource->OwnerTable = reinterpret_cast<POWNER_ENTRY>(state);
+    Resource->Address = Resource;
     InitializeListHead(&Resource->SystemResourcesList);
     std::lock_guard<std::mutex> guard(g_registryLock);
     g_resources.insert(state);
@@ -223,7 +224,7 @@ extern "C" NTSTATUS ExDeleteResourceLite(PERESOURCE Resource) {
         g_resources.erase(s);
     }
     delete s;
-    Resource->Impl = nullptr;
+    Resource->OwnerTable = nullptr;
     VerifierLockForget(Resource);
     return STATUS_SUCCESS;
 }

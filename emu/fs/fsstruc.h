@@ -237,20 +237,20 @@ void ReleaseLocksOf(Fcb* fcb, PFILE_OBJECT fo, PEPROCESS process, std::vector<PI
 std::vector<uint8_t> DefaultSecurityDescriptor(bool directory);
 
 // ---- Dispatch routines -----------------------------------------------------
-NTSTATUS FsdCreate(PDEVICE_OBJECT, PIRP);
-NTSTATUS FsdCleanup(PDEVICE_OBJECT, PIRP);
-NTSTATUS FsdClose(PDEVICE_OBJECT, PIRP);
-NTSTATUS FsdRead(PDEVICE_OBJECT, PIRP);
-NTSTATUS FsdWrite(PDEVICE_OBJECT, PIRP);
-NTSTATUS FsdQueryInformation(PDEVICE_OBJECT, PIRP);
-NTSTATUS FsdSetInformation(PDEVICE_OBJECT, PIRP);
-NTSTATUS FsdDirectoryControl(PDEVICE_OBJECT, PIRP);
-NTSTATUS FsdQueryVolumeInformation(PDEVICE_OBJECT, PIRP);
-NTSTATUS FsdFileSystemControl(PDEVICE_OBJECT, PIRP);
-NTSTATUS FsdLockControl(PDEVICE_OBJECT, PIRP);
-NTSTATUS FsdQuerySecurity(PDEVICE_OBJECT, PIRP);
-NTSTATUS FsdSetSecurity(PDEVICE_OBJECT, PIRP);
-NTSTATUS FsdFlushBuffers(PDEVICE_OBJECT, PIRP);
+NTSTATUS NTAPI FsdCreate(PDEVICE_OBJECT, PIRP);
+NTSTATUS NTAPI FsdCleanup(PDEVICE_OBJECT, PIRP);
+NTSTATUS NTAPI FsdClose(PDEVICE_OBJECT, PIRP);
+NTSTATUS NTAPI FsdRead(PDEVICE_OBJECT, PIRP);
+NTSTATUS NTAPI FsdWrite(PDEVICE_OBJECT, PIRP);
+NTSTATUS NTAPI FsdQueryInformation(PDEVICE_OBJECT, PIRP);
+NTSTATUS NTAPI FsdSetInformation(PDEVICE_OBJECT, PIRP);
+NTSTATUS NTAPI FsdDirectoryControl(PDEVICE_OBJECT, PIRP);
+NTSTATUS NTAPI FsdQueryVolumeInformation(PDEVICE_OBJECT, PIRP);
+NTSTATUS NTAPI FsdFileSystemControl(PDEVICE_OBJECT, PIRP);
+NTSTATUS NTAPI FsdLockControl(PDEVICE_OBJECT, PIRP);
+NTSTATUS NTAPI FsdQuerySecurity(PDEVICE_OBJECT, PIRP);
+NTSTATUS NTAPI FsdSetSecurity(PDEVICE_OBJECT, PIRP);
+NTSTATUS NTAPI FsdFlushBuffers(PDEVICE_OBJECT, PIRP);
 NTSTATUS FsdNotifyChangeDirectory(Vcb* vcb, PIRP irp, std::unique_lock<std::mutex>& lock);
 
 // Forces the file store for metadata on volumes mounted from now on (tests

@@ -40,7 +40,7 @@ Globals& G() {
     return g;
 }
 
-NTSTATUS DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING) {
+NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING) {
     for (auto& f : driver->MajorFunction) f = nullptr;
     driver->MajorFunction[IRP_MJ_CREATE] = FsdCreate;
     driver->MajorFunction[IRP_MJ_CLEANUP] = FsdCleanup;

@@ -6,7 +6,7 @@
 namespace tervane::emu {
 namespace {
 
-NTSTATUS InvalidDeviceRequest(PDEVICE_OBJECT device, PIRP irp) {
+NTSTATUS NTAPI InvalidDeviceRequest(PDEVICE_OBJECT device, PIRP irp) {
     irp->IoStatus.Status = STATUS_INVALID_DEVICE_REQUEST;
     irp->IoStatus.Information = 0;
     IofCompleteRequest(irp, IO_NO_INCREMENT);

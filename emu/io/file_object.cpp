@@ -95,6 +95,7 @@ NTSTATUS IopCreateFileObject(PDEVICE_OBJECT device, PVPB vpb, const std::u16stri
     file->Size = sizeof(FILE_OBJECT);
     KeInitializeEvent(&file->Lock, SynchronizationEvent, FALSE);
     KeInitializeEvent(&file->Event, NotificationEvent, FALSE);
+    InitializeListHead(&file->IrpList);
     {
         std::lock_guard<std::mutex> guard(g_filesLock);
         Files().insert(file);
@@ -136,7 +137,7 @@ NTSTATUS IopSendAndWait(PDEVICE_OBJECT device, PIRP irp, PKEVENT event, PIO_STAT
 
 void IopAcquireFileObjectLock(PFILE_OBJECT file) {
     std::atomic_ref<ULONG> busy(file->Busy);
-    std::atomic_ref<ULONG> waiters(file->Waiter);
+    std::atomic_ref<ULONG> waiters(file->Waiters);
     if (busy.exchange(1) == 0) return;
     for (;;) {
         waiters.fetch_add(1);
@@ -152,7 +153,7 @@ void IopAcquireFileObjectLock(PFILE_OBJECT file) {
 
 void IopReleaseFileObjectLock(PFILE_OBJECT file) {
     std::atomic_ref<ULONG>(file->Busy).store(0);
-    if (std::atomic_ref<ULONG>(file->Waiter).load() != 0) KeSetEvent(&file->Lock, 0, FALSE);
+    if (std::atomic_ref<ULONG>(file->Waiters).load() != 0) KeSetEvent(&file->Lock, 0, FALSE);
 }
 
 NTSTATUS IopQueryFileObjectName(PVOID object, std::u16string* name) {

@@ -23,7 +23,7 @@ std::vector<Seen> g_seen;
 PDRIVER_DISPATCH g_realDispatch = nullptr;
 UCHAR g_spiedMajor = 0;
 
-NTSTATUS SpyDispatch(PDEVICE_OBJECT device, PIRP irp) {
+NTSTATUS NTAPI SpyDispatch(PDEVICE_OBJECT device, PIRP irp) {
     PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
     Seen seen = {sp->FileObject, sp->MinorFunction, 0, 0};
     if (g_spiedMajor == IRP_MJ_FILE_SYSTEM_CONTROL) {

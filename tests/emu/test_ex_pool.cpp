@@ -92,11 +92,11 @@ TEST(Lookaside, CachesUpToItsDepthAndKeepsTheCounters) {
 
 namespace {
 int gCustomAllocs = 0, gCustomFrees = 0;
-PVOID CustomAllocate(POOL_TYPE type, SIZE_T bytes, ULONG tag) {
+PVOID NTAPI CustomAllocate(POOL_TYPE type, SIZE_T bytes, ULONG tag) {
     ++gCustomAllocs;
     return ExAllocatePoolWithTag(type, bytes, tag);
 }
-VOID CustomFree(PVOID block) {
+VOID NTAPI CustomFree(PVOID block) {
     ++gCustomFrees;
     ExFreePool(block);
 }

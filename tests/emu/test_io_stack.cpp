@@ -161,7 +161,7 @@ TEST_F(IoTest, TheFilePositionFeedsReadsWithoutAnOffset) {
         ASSERT_EQ(NtReadFile(h, nullptr, nullptr, nullptr, &iosb, buffer, 1, nullptr, nullptr), STATUS_SUCCESS);
         NtClose(h);
     });
-    std::vector<LONGLONG> offsets;
+    std::vector<int64_t> offsets;
     // The reads went to the device at 0, 5 and 100; the position queries and
     // sets never reached it.
     EXPECT_EQ(world.Majors(world.lower), (std::vector<UCHAR>{IRP_MJ_CREATE, IRP_MJ_READ, IRP_MJ_READ, IRP_MJ_READ,

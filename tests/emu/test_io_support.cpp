@@ -36,7 +36,7 @@ void Finish(PIRP irp, NTSTATUS status, ULONG_PTR information, bool twice) {
     if (twice) IoCompleteRequest(irp, IO_NO_INCREMENT);
 }
 
-NTSTATUS LowerDispatch(PDEVICE_OBJECT device, PIRP irp) {
+NTSTATUS NTAPI LowerDispatch(PDEVICE_OBJECT device, PIRP irp) {
     Seen seen = Record(device, irp);
     Behaviour b;
     {
@@ -107,7 +107,7 @@ NTSTATUS LowerDispatch(PDEVICE_OBJECT device, PIRP irp) {
     return b.misreport ? STATUS_SUCCESS : status;
 }
 
-NTSTATUS FilterCompletion(PDEVICE_OBJECT device, PIRP irp, PVOID context) {
+NTSTATUS NTAPI FilterCompletion(PDEVICE_OBJECT device, PIRP irp, PVOID context) {
     if (irp->PendingReturned) IoMarkIrpPending(irp);
     std::lock_guard<std::mutex> guard(g_world->lock);
     g_world->fastCalls.push_back("filter completion " + std::to_string(reinterpret_cast<uintptr_t>(context)) +
@@ -115,7 +115,7 @@ NTSTATUS FilterCompletion(PDEVICE_OBJECT device, PIRP irp, PVOID context) {
     return STATUS_SUCCESS;
 }
 
-NTSTATUS FilterDispatch(PDEVICE_OBJECT device, PIRP irp) {
+NTSTATUS NTAPI FilterDispatch(PDEVICE_OBJECT device, PIRP irp) {
     {
         std::lock_guard<std::mutex> guard(g_world->lock);
         g_world->filter.push_back(Record(device, irp));
@@ -132,8 +132,8 @@ void Note(const char* what) {
     g_world->fastCalls.push_back(what);
 }
 
-BOOLEAN FastRead(PFILE_OBJECT, PLARGE_INTEGER, ULONG length, BOOLEAN, ULONG, PVOID buffer, PIO_STATUS_BLOCK iosb,
-                 PDEVICE_OBJECT) {
+BOOLEAN NTAPI FastRead(PFILE_OBJECT, PLARGE_INTEGER, ULONG length, BOOLEAN, ULONG, PVOID buffer, PIO_STATUS_BLOCK iosb,
+                       PDEVICE_OBJECT) {
     Note("FastIoRead");
     if (!g_world->behaviour.fastIoAnswers) return FALSE;
     memset(buffer, 'f', length);
@@ -142,7 +142,7 @@ BOOLEAN FastRead(PFILE_OBJECT, PLARGE_INTEGER, ULONG length, BOOLEAN, ULONG, PVO
     return TRUE;
 }
 
-BOOLEAN FastQueryBasic(PFILE_OBJECT, BOOLEAN, PFILE_BASIC_INFORMATION info, PIO_STATUS_BLOCK iosb, PDEVICE_OBJECT) {
+BOOLEAN NTAPI FastQueryBasic(PFILE_OBJECT, BOOLEAN, PFILE_BASIC_INFORMATION info, PIO_STATUS_BLOCK iosb, PDEVICE_OBJECT) {
     Note("FastIoQueryBasicInfo");
     if (!g_world->behaviour.fastIoAnswers) return FALSE;
     memset(info, 0, sizeof(*info));
@@ -152,8 +152,8 @@ BOOLEAN FastQueryBasic(PFILE_OBJECT, BOOLEAN, PFILE_BASIC_INFORMATION info, PIO_
     return TRUE;
 }
 
-BOOLEAN FastDeviceControl(PFILE_OBJECT, BOOLEAN, PVOID input, ULONG inputLength, PVOID output, ULONG outputLength,
-                          ULONG, PIO_STATUS_BLOCK iosb, PDEVICE_OBJECT) {
+BOOLEAN NTAPI FastDeviceControl(PFILE_OBJECT, BOOLEAN, PVOID input, ULONG inputLength, PVOID output,
+                                ULONG outputLength, ULONG, PIO_STATUS_BLOCK iosb, PDEVICE_OBJECT) {
     Note("FastIoDeviceControl");
     if (!g_world->behaviour.fastIoAnswers) return FALSE;
     *iosb = {};
@@ -172,7 +172,7 @@ FAST_IO_DISPATCH g_fastIo = [] {
 
 }  // namespace
 
-NTSTATUS LowerEntry(PDRIVER_OBJECT driver, PUNICODE_STRING) {
+NTSTATUS NTAPI LowerEntry(PDRIVER_OBJECT driver, PUNICODE_STRING) {
     for (auto& routine : driver->MajorFunction) routine = LowerDispatch;
     driver->FastIoDispatch = &g_fastIo;
     UNICODE_STRING name = RTL_CONSTANT_STRING(L"\\Device\\IoTest");
@@ -183,7 +183,7 @@ NTSTATUS LowerEntry(PDRIVER_OBJECT driver, PUNICODE_STRING) {
     return IoCreateDevice(driver, 0, &exclusiveName, FILE_DEVICE_UNKNOWN, 0, TRUE, &exclusive);
 }
 
-NTSTATUS FilterEntry(PDRIVER_OBJECT driver, PUNICODE_STRING) {
+NTSTATUS NTAPI FilterEntry(PDRIVER_OBJECT driver, PUNICODE_STRING) {
     for (auto& routine : driver->MajorFunction) routine = FilterDispatch;
     NTSTATUS status =
         IoCreateDevice(driver, sizeof(PDEVICE_OBJECT), nullptr, FILE_DEVICE_UNKNOWN, 0, FALSE, &g_world->filterDevice);

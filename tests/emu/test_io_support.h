@@ -86,8 +86,8 @@ inline Seen Record(PDEVICE_OBJECT device, PIRP irp) {
     return s;
 }
 
-NTSTATUS LowerEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath);
-NTSTATUS FilterEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath);
+NTSTATUS NTAPI LowerEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath);
+NTSTATUS NTAPI FilterEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath);
 
 // Control codes the lower device serves by copying input to output.
 constexpr ULONG kEchoBuffered = CTL_CODE(FILE_DEVICE_UNKNOWN, 0x800, METHOD_BUFFERED, FILE_ANY_ACCESS);

@@ -12,14 +12,19 @@ PDEVICE_OBJECT g_ownerDevice;
 
 // Each routine gets the device of the location that registered it; the
 // packet's owner, above every location, gets none.
-NTSTATUS Inner(PDEVICE_OBJECT device, PIRP irp, PVOID) {
+NTSTATUS NTAPI Inner(PDEVICE_OBJECT device, PIRP irp, PVOID) {
     g_calls->push_back(std::string("inner ") + (device == g_ownerDevice ? "device" : "wrong device"));
     return g_innerResult;
 }
 
-NTSTATUS Outer(PDEVICE_OBJECT device, PIRP irp, PVOID context) {
+NTSTATUS NTAPI Outer(PDEVICE_OBJECT device, PIRP irp, PVOID context) {
     g_calls->push_back(std::string("outer ") + (device ? "wrong device" : static_cast<const char*>(context)));
     return STATUS_MORE_PROCESSING_REQUIRED;  // the owner frees the packet
+}
+
+NTSTATUS NTAPI SignalAndKeep(PDEVICE_OBJECT, PIRP, PVOID event) {
+    KeSetEvent(static_cast<PKEVENT>(event), 0, FALSE);
+    return STATUS_MORE_PROCESSING_REQUIRED;
 }
 
 // An own packet with an owner routine (Outer) and a routine of the owner's
@@ -93,12 +98,7 @@ TEST_F(IoTest, FreeingAPacketADriverStillHoldsIsAVerifierViolation) {
         IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_FLUSH_BUFFERS;
         KEVENT done;
         KeInitializeEvent(&done, NotificationEvent, FALSE);
-        IoSetCompletionRoutine(
-            irp, [](PDEVICE_OBJECT, PIRP, PVOID event) -> NTSTATUS {
-                KeSetEvent(static_cast<PKEVENT>(event), 0, FALSE);
-                return STATUS_MORE_PROCESSING_REQUIRED;
-            },
-            &done, TRUE, TRUE, TRUE);
+        IoSetCompletionRoutine(irp, SignalAndKeep, &done, TRUE, TRUE, TRUE);
         EXPECT_EQ(IoCallDriver(world.lowerDevice, irp), STATUS_PENDING);
         IoFreeIrp(irp);  // too early: the device completes it later
         KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr);

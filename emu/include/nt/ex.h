@@ -3,8 +3,8 @@
 #include "ntdef.h"
 #include "ke.h"
 
-typedef PVOID (*PALLOCATE_FUNCTION)(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag);
-typedef VOID (*PFREE_FUNCTION)(PVOID Buffer);
+typedef PVOID (NTAPI *PALLOCATE_FUNCTION)(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag);
+typedef VOID (NTAPI *PFREE_FUNCTION)(PVOID Buffer);
 
 typedef union _SLIST_HEADER {
     ULONGLONG Alignment;
@@ -43,24 +43,51 @@ typedef struct _GENERAL_LOOKASIDE {
     ULONG Future[2];
 } GENERAL_LOOKASIDE, *PGENERAL_LOOKASIDE;
 
+// The free list lives in L.ListHead and is worked on with the interlocked
+// list operations only, so a driver's inline allocate and free (which pop and
+// push the list themselves) and the machine's agree.
 typedef struct _NPAGED_LOOKASIDE_LIST {
     GENERAL_LOOKASIDE L;
-    KSPIN_LOCK Lock;
+#if defined(__i386__)
+    KSPIN_LOCK Lock__ObsoleteButDoNotDelete;
+#endif
 } NPAGED_LOOKASIDE_LIST, *PNPAGED_LOOKASIDE_LIST;
 
-// An executive resource. The emulator keeps its state behind Impl; the
-// record itself may be embedded anywhere (global, pool).
+typedef ULONG_PTR ERESOURCE_THREAD;
+
+typedef struct _OWNER_ENTRY {
+    ERESOURCE_THREAD OwnerThread;
+    union {
+        ULONG OwnerCount;
+        ULONG TableSize;
+    };
+} OWNER_ENTRY, *POWNER_ENTRY;
+
+// An executive resource, as large as NT's so that records embedding one keep
+// their layout. The machine keeps its own state behind OwnerTable (where NT
+// keeps its table of shared owners) and mirrors the counts into the record;
+// the record itself may be embedded anywhere (global, pool).
 typedef struct _ERESOURCE {
     LIST_ENTRY SystemResourcesList;
-    PVOID Impl;
+    POWNER_ENTRY OwnerTable;
     SHORT ActiveCount;
     USHORT Flag;
+    PVOID SharedWaiters;
+    PKEVENT ExclusiveWaiters;
+    OWNER_ENTRY OwnerEntry;
+    ULONG ActiveEntries;
+    ULONG ContentionCount;
     ULONG NumberOfSharedWaiters;
     ULONG NumberOfExclusiveWaiters;
-    ULONG_PTR Address;
+#if !defined(__i386__)
+    PVOID Reserved2;
+#endif
+    union {
+        PVOID Address;
+        ULONG_PTR CreatorBackTraceIndex;
+    };
+    KSPIN_LOCK SpinLock;
 } ERESOURCE, *PERESOURCE;
-
-typedef ULONG_PTR ERESOURCE_THREAD;
 #define ExGetCurrentResourceThread() ((ERESOURCE_THREAD)PsGetCurrentThread())
 
 typedef struct _FAST_MUTEX {
@@ -105,10 +132,16 @@ LONG FASTCALL InterlockedExchangeAdd(LONG volatile* Addend, LONG Value);
 LONG FASTCALL InterlockedCompareExchange(LONG volatile* Destination, LONG Exchange, LONG Comparand);
 PVOID InterlockedExchangePointer(PVOID volatile* Target, PVOID Value);
 PVOID InterlockedCompareExchangePointer(PVOID volatile* Destination, PVOID Exchange, PVOID Comparand);
+// Singly linked lists whose header changes as one unit (depth and sequence
+// with the first entry).
+PSINGLE_LIST_ENTRY FASTCALL InterlockedPushEntrySList(PSLIST_HEADER ListHead, PSINGLE_LIST_ENTRY ListEntry);
+PSINGLE_LIST_ENTRY FASTCALL InterlockedPopEntrySList(PSLIST_HEADER ListHead);
 PSINGLE_LIST_ENTRY ExInterlockedPushEntrySList(PSLIST_HEADER ListHead, PSINGLE_LIST_ENTRY ListEntry,
                                                PKSPIN_LOCK Lock);
 PSINGLE_LIST_ENTRY ExInterlockedPopEntrySList(PSLIST_HEADER ListHead, PKSPIN_LOCK Lock);
 NT_END_C
+
+#define ExQueryDepthSList(ListHead) ((USHORT)(ListHead)->Depth)
 
 // Doubly linked list helpers, as the DDK defines them.
 #ifdef __cplusplus

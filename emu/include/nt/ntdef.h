@@ -16,7 +16,15 @@
 #define NT_END_C
 #endif
 
+// On x86 the entry points a driver gives the kernel (DriverEntry, dispatch,
+// completion, fast I/O and lookaside routines) are stdcall, so a driver image
+// built for NT and the machine agree on them. The machine's own services keep
+// the host's convention; the image loader adapts an image's calls to them.
+#if defined(__i386__)
+#define NTAPI __attribute__((stdcall))
+#else
 #define NTAPI
+#endif
 #define NTSYSAPI
 #define NTKERNELAPI
 #define FASTCALL
@@ -38,8 +46,17 @@ typedef int16_t SHORT, CSHORT, *PSHORT;
 typedef uint16_t USHORT, *PUSHORT, WORD;
 typedef int32_t LONG, *PLONG, INT;
 typedef uint32_t ULONG, *PULONG, DWORD, UINT;
-typedef int64_t LONGLONG, LONG64, *PLONGLONG;
-typedef uint64_t ULONGLONG, ULONG64, *PULONGLONG;
+// 64-bit members are 8-aligned inside records on x86 NT, as on x64; the host's
+// i386 ABI aligns them to 4 unless told otherwise.
+#if defined(__i386__)
+typedef int64_t __attribute__((aligned(8))) LONGLONG;
+typedef uint64_t __attribute__((aligned(8))) ULONGLONG;
+#else
+typedef int64_t LONGLONG;
+typedef uint64_t ULONGLONG;
+#endif
+typedef LONGLONG LONG64, *PLONGLONG;
+typedef ULONGLONG ULONG64, *PULONGLONG;
 typedef intptr_t LONG_PTR;
 typedef uintptr_t ULONG_PTR, *PULONG_PTR, SIZE_T, *PSIZE_T, KAFFINITY;
 typedef UCHAR BOOLEAN, *PBOOLEAN;
