@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -112,7 +113,10 @@ NTSTATUS ObCreateSymbolicLinkInternal(const std::u16string& linkName, const std:
 HandleTable* ObCreateHandleTable();
 void ObCloseAllHandles(_EPROCESS* process);   // process exit, machine shutdown
 void ObDestroyHandleTable(HandleTable* table);
-std::vector<std::string> ObDescribeHandles(uint32_t pid);  // 0 = all; "pid 0xHANDLE Type name"
+// "pid 0xHANDLE Type name" for the handles of process PID (0 = all), leaving
+// out those opened by the driver images in SKIP, or only those ONLYOWNER opened.
+std::vector<std::string> ObDescribeHandles(uint32_t pid, const std::set<const void*>& skip = {},
+                                           const void* onlyOwner = nullptr);
 void ObStartup();   // namespace root, \Device, \Driver, \FileSystem, \??, \DosDevices -> \??, \Registry
 void ObShutdown();
 
@@ -120,7 +124,10 @@ void ObShutdown();
 void IoStartup();
 // Creates "\Driver\NAME" (or a full "\FileSystem\NAME") and calls ENTRY;
 // the caller runs it on a thread of the System process.
-NTSTATUS IoLoadDriver(const std::u16string& name, PDRIVER_INITIALIZE entry, PDRIVER_OBJECT* driverObject);
+// A driver loaded from an image file gives its mapping (DriverStart and
+// DriverSize of the driver object).
+NTSTATUS IoLoadDriver(const std::u16string& name, PDRIVER_INITIALIZE entry, PDRIVER_OBJECT* driverObject,
+                      PVOID imageBase = nullptr, ULONG imageSize = 0);
 std::vector<std::string> IoDescribeFileObjects();  // file objects still alive
 void IoShutdown();
 
@@ -166,9 +173,40 @@ void DbgLogWrite(const std::string& text);
 void CmStartup();
 void CmShutdown();
 // Sections (mm/): views still mapped, one line each ("view 0x... of section
-// 0x... (N bytes)"); MmShutdown unmaps what is left.
+// 0x... (N bytes)"), leaving out those mapped by the owners in SKIP;
+// MmShutdown unmaps what is left.
 void MmStartup();
-std::vector<std::string> MmDescribeViews();
+std::vector<std::string> MmDescribeViews(const std::set<const void*>& skip = {});
+std::vector<std::string> MmDescribeViewsOf(const void* owner);
+
+// ---- What driver images own (ldr/, ex/, ob/, mm/) -------------------------
+// While a driver image calls the machine, the call site in the image is
+// recorded (LdrCallScope, set by the loader's adapters); pool, handles and
+// views made meanwhile belong to that image (its base address is the owner;
+// null for the machine and built-in code), so that what a driver without an
+// unload routine keeps at shutdown is reported apart from leaks.
+class LdrCallScope {
+public:
+    explicit LdrCallScope(const void* site);
+    ~LdrCallScope();
+    LdrCallScope(const LdrCallScope&) = delete;
+    LdrCallScope& operator=(const LdrCallScope&) = delete;
+
+private:
+    const void* previous_;
+};
+const void* LdrCurrentOwner();                         // null outside calls from an image
+const void* LdrImageContaining(const void* address);  // its base, or null
+constexpr ULONG kUntaggedPoolTag = 0x656E6F4E;  // "None", the tag of ExAllocatePool
+PVOID ExAllocatePoolFor(const void* owner, POOL_TYPE type, SIZE_T bytes, ULONG tag);
+// At shutdown: runs the unload routine of every image driver that has one;
+// the images of those without one are the owners whose pool and views are
+// kept rather than leaked, and KeptDevices describes their devices.
+void LdrUnloadDrivers();
+std::set<const void*> LdrKeptOwners();
+std::string LdrOwnerName(const void* owner);   // "\Driver\Tervane (no unload routine)"
+std::vector<std::string> LdrKeptDevices();
+void LdrUnmapImages();                         // when the machine goes
 void MmShutdown();
 
 }  // namespace tervane::emu

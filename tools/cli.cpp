@@ -52,6 +52,7 @@ int RunCommand(const CliValues& v) {
     options.temp = v.Switch("--temp");
     options.json = v.Switch("--json");
     options.echo = !v.Switch("--no-echo");
+    options.driverImage = v.Get("--sys");
     return RunFile(options, std::cout, std::cerr);
 }
 
@@ -61,6 +62,7 @@ int DemoCommand(const CliValues& v) {
     DemoOptions options;
     options.keepDir = v.Get("--keep");
     options.quiet = v.Switch("--quiet");
+    if (!v.Get("--sys").empty()) options.driverImage = std::filesystem::absolute(v.Get("--sys")).string();
     return RunDemo(options);
 }
 
@@ -189,7 +191,9 @@ std::vector<CliCommand> MakeTable() {
          {"--no-echo", nullptr, "do not show each command before its result"},
          {"--workdir", "DIR", "take relative host directories from DIR (made when missing)", ValueKind::Directory},
          {"--temp", nullptr, "take them from a new temporary directory, removed afterwards", ValueKind::Text,
-          "--workdir"}},
+          "--workdir"},
+         {"--sys", "IMAGE", "load loads this driver image file (tervane.sys) instead of the built-in driver",
+          ValueKind::File}},
         kRunExits,
         RunCommand,
     });
@@ -223,7 +227,9 @@ std::vector<CliCommand> MakeTable() {
         "tervane demo --keep /tmp/tervane-demo",
         {},
         {{"--keep", "DIR", "make the workspace in DIR and keep it", ValueKind::Directory},
-         {"--quiet", nullptr, "print only the verdict"}},
+         {"--quiet", nullptr, "print only the verdict"},
+         {"--sys", "IMAGE", "run the driver image file (tervane.sys) instead of the built-in driver",
+          ValueKind::File}},
         {{0, "every check passed"},
          {1, "something differed (each difference is named)"},
          {2, "the workspace could not be made (the message names the directory and the reason), or a usage "

@@ -167,12 +167,25 @@ void Index(Context& ctx, std::vector<Token> tokens) {
     ctx.result.data["leftOut"] = problems.size();
 }
 
+// `load PATH` loads a driver image file; the machine refuses one it cannot
+// load, saying why, and stays as it was.
+void LoadImage(Context& ctx, const std::filesystem::path& path) {
+    emu::Machine::ImageLoad load = ctx.session.Machine().LoadDriverImage(path.string(), u"Tervane");
+    ctx.result.status = load.status;
+    if (!load.refusal.empty()) ctx.Line(path.string() + ": " + load.refusal);
+    ctx.session.driverLoaded = load.driverObject != nullptr;
+}
+
 void Load(Context& ctx, std::vector<Token> tokens) {
     Args args(ctx.name, std::move(tokens));
+    std::optional<std::string> image = args.NextIf();
     args.Done();
-    if (ctx.session.releaseDriver) throw ScriptError("load: the driver is loaded already");
+    if (ctx.session.driverLoaded) throw ScriptError("load: a driver is loaded already");
+    if (!image && !ctx.session.driverImage.empty()) image = ctx.session.driverImage;
+    if (image) return LoadImage(ctx, HostPath(ctx, *image));
     ctx.result.status = ctx.session.Machine().LoadDriver(u"Tervane", DriverEntry);
     ctx.session.releaseDriver = [] { ReleaseDriverState(); };
+    ctx.session.driverLoaded = true;
 }
 
 void Log(Context& ctx, std::vector<Token> tokens) {
@@ -264,9 +277,11 @@ void AddMachineCommands(std::vector<CommandSpec>& t) {
                  "Creates a process with that id and image name; its operations are then written PID: OP ... An "
                  "id in use (the System process is 4) is a script error.",
                  "process 1234 app.exe", CreateProcess});
-    t.push_back({"load", Scope::Machine, "load",
-                 "Loads the driver: runs its DriverEntry in the System process and prints the status it returned.",
-                 "load", Load});
+    t.push_back({"load", Scope::Machine, "load [PATH]",
+                 "Loads the driver: runs its DriverEntry in the System process and prints the status it returned. "
+                 "With PATH (relative to the script), loads that driver image file instead of the built-in driver "
+                 "(32-bit machine only); an image the machine cannot load is refused with the reason.",
+                 "load build-sys/driver/tervane.sys", Load});
     t.push_back({"index", Scope::Machine, "index HOSTDIR NODEFILE NAMEFILE [skip]",
                  "Builds the index pair of the host tree HOSTDIR (made if missing) and writes the two files, as "
                  "tervane index build does; host paths are relative to the script like those of volume. Prints "

@@ -49,6 +49,7 @@ std::string WriteDemoContent(const std::filesystem::path& workspace);
 struct DemoOptions {
     std::string keepDir;  // make and keep the workspace here; empty: a temporary one, removed
     bool quiet = false;   // print only the verdict
+    std::string driverImage;  // a driver image file to load instead of the built-in driver
     // Columns of output; 0: COLUMNS, else the terminal's width, else 100.
     size_t width = 0;
     std::ostream* out = nullptr;  // standard output when null

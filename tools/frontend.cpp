@@ -127,6 +127,7 @@ int RunFile(const RunOptions& a, std::ostream& out, std::ostream& err) {
     InterpreterOptions options;
     options.json = a.json;
     options.echo = a.echo;
+    if (!a.driverImage.empty()) options.driverImage = fs::absolute(a.driverImage, ec).string();
     int code;
     {
         Interpreter interpreter(out, base, options);

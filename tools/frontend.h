@@ -21,6 +21,7 @@ struct RunOptions {
     bool temp = false;    // ... or from a new temporary directory, removed afterwards
     bool json = false;
     bool echo = true;
+    std::string driverImage;  // `load` loads this driver image file instead of the built-in driver
 };
 // Results go to OUT; messages about the script itself (it cannot be read, a
 // script error) to ERR, or to OUT as JSON records with --json.

@@ -44,7 +44,9 @@ void CheckText(const std::string& line) {
 }  // namespace
 
 Interpreter::Interpreter(std::ostream& out, std::filesystem::path baseDir, InterpreterOptions options)
-    : out_(out), options_(options), session_(std::move(baseDir)) {}
+    : out_(out), options_(options), session_(std::move(baseDir)) {
+    session_.driverImage = options_.driverImage;
+}
 
 void Interpreter::Execute(const std::string& line, int lineNumber) {
     CheckText(line);

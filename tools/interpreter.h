@@ -24,6 +24,9 @@ enum ExitCode : int {
 struct InterpreterOptions {
     bool json = false;  // one JSON object a line instead of text
     bool echo = false;  // print each command line ("> ...") before its result
+    // A driver image file that `load` without a path loads instead of the
+    // built-in driver (tervane run --sys, tervane demo --sys).
+    std::string driverImage;
 };
 
 class Interpreter {

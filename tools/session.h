@@ -94,6 +94,10 @@ public:
     // can shut down with nothing outstanding. Runs in the System process
     // after every other process has ended.
     std::function<void()> releaseDriver;
+    // The driver image `load` without a path loads (empty: the built-in
+    // driver), and whether a driver is loaded.
+    std::string driverImage;
+    bool driverLoaded = false;
 
     // Ends the run: closes the handles that pending requests wait on, ends
     // every process (closing its handles), releases the driver, and shuts the

@@ -71,15 +71,20 @@ using namespace tervane::emu;
 // output is cut there, as on NT.
 constexpr size_t kDbgPrintLimit = 512;
 
-extern "C" ULONG DbgPrint(PCSTR Format, ...) {
+extern "C" ULONG vDbgPrintEx(ULONG ComponentId, ULONG Level, PCSTR Format, va_list Arguments) {
     char buffer[kDbgPrintLimit];
-    va_list args;
-    va_start(args, Format);
-    int n = _vsnprintf(buffer, sizeof(buffer) - 1, Format, args);
-    va_end(args);
+    int n = _vsnprintf(buffer, sizeof(buffer) - 1, Format, Arguments);
     size_t length = n < 0 ? sizeof(buffer) - 1 : static_cast<size_t>(n);
     // Plain ASCII reads the same in UTF-8; only other text is converted.
     bool ascii = std::all_of(buffer, buffer + length, [](char c) { return static_cast<unsigned char>(c) < 0x80; });
     DbgLogWrite(ascii ? std::string(buffer, length) : AnsiToUtf8(buffer, length));
     return STATUS_SUCCESS;
+}
+
+extern "C" ULONG DbgPrint(PCSTR Format, ...) {
+    va_list args;
+    va_start(args, Format);
+    ULONG status = vDbgPrintEx(0, 0, Format, args);
+    va_end(args);
+    return status;
 }

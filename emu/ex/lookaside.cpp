@@ -17,9 +17,10 @@ constexpr USHORT kMaximumDepth = 256;
 
 // The routines a list uses when its owner gives none. A driver image calls
 // them from its inline allocate and free, on a stack it keeps aligned to 4
-// only.
+// only, and what it allocates so is its own.
 MACHINE_ENTRY PVOID NTAPI DefaultAllocate(POOL_TYPE type, SIZE_T bytes, ULONG tag) {
-    return ExAllocatePoolWithTag(type, bytes, tag);
+    const void* image = LdrImageContaining(__builtin_return_address(0));
+    return ExAllocatePoolFor(image ? image : LdrCurrentOwner(), type, bytes, tag);
 }
 MACHINE_ENTRY VOID NTAPI DefaultFree(PVOID block) { ExFreePool(block); }
 

@@ -33,7 +33,7 @@ PoolTracker::~PoolTracker() {
     for (auto& [block, info] : live_) std::free(const_cast<void*>(block));
 }
 
-void* PoolTracker::Allocate(SIZE_T bytes, ULONG tag) {
+void* PoolTracker::Allocate(SIZE_T bytes, ULONG tag, const void* owner) {
     {
         std::lock_guard<std::mutex> guard(lock_);
         bool fail = failTagSet_ && tag == failTag_;
@@ -44,7 +44,7 @@ void* PoolTracker::Allocate(SIZE_T bytes, ULONG tag) {
     if (!block) return nullptr;
     std::memset(block, kFreshPoolFill, bytes);
     std::lock_guard<std::mutex> guard(lock_);
-    live_[block] = Block{bytes, tag};
+    live_[block] = Block{bytes, tag, owner};
     Counters& c = tags_[tag];
     c.allocs++;
     c.blocks++;
@@ -86,14 +86,41 @@ bool PoolTracker::Lookup(const void* block, SIZE_T* bytes, ULONG* tag) const {
     return true;
 }
 
-std::vector<PoolTagUsage> PoolTracker::Usage(bool outstandingOnly) const {
+std::vector<PoolTagUsage> PoolTracker::Usage(bool outstandingOnly, const std::set<const void*>& skip) const {
     std::lock_guard<std::mutex> guard(lock_);
+    std::map<ULONG, Counters> tags = tags_;
+    if (!skip.empty()) {
+        for (const auto& [block, info] : live_) {
+            if (!skip.count(info.owner)) continue;
+            Counters& c = tags[info.tag];
+            c.blocks--;
+            c.bytes -= info.bytes;
+        }
+    }
     std::vector<PoolTagUsage> usage;
-    for (const auto& [tag, c] : tags_) {
+    for (const auto& [tag, c] : tags) {
         if (outstandingOnly && c.blocks == 0) continue;
         usage.push_back(PoolTagUsage{PoolTagText(tag), c.allocs, c.frees, c.blocks, c.bytes});
     }
     return usage;
+}
+
+std::vector<PoolTagUsage> PoolTracker::OwnedUsage(const void* owner) const {
+    std::lock_guard<std::mutex> guard(lock_);
+    std::map<ULONG, Counters> tags;
+    for (const auto& [block, info] : live_) {
+        if (info.owner != owner) continue;
+        Counters& c = tags[info.tag];
+        c.blocks++;
+        c.bytes += info.bytes;
+    }
+    std::vector<PoolTagUsage> usage;
+    for (const auto& [tag, c] : tags) usage.push_back(PoolTagUsage{PoolTagText(tag), 0, 0, c.blocks, c.bytes});
+    return usage;
+}
+
+PVOID ExAllocatePoolFor(const void* owner, POOL_TYPE type, SIZE_T bytes, ULONG tag) {
+    return CurrentMachine().pool.Allocate(bytes, tag, owner);
 }
 
 void PoolTracker::FailNth(uint64_t n) {
@@ -118,12 +145,12 @@ void PoolTracker::ClearFaults() {
 using namespace tervane::emu;
 
 extern "C" PVOID ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag) {
-    return CurrentMachine().pool.Allocate(NumberOfBytes, Tag);
+    return CurrentMachine().pool.Allocate(NumberOfBytes, Tag, LdrCurrentOwner());
 }
 
 // Untagged allocations carry the tag NT gives them, "None".
 extern "C" PVOID ExAllocatePool(POOL_TYPE PoolType, SIZE_T NumberOfBytes) {
-    return ExAllocatePoolWithTag(PoolType, NumberOfBytes, 0x656E6F4E);
+    return ExAllocatePoolWithTag(PoolType, NumberOfBytes, kUntaggedPoolTag);
 }
 
 extern "C" VOID ExFreePoolWithTag(PVOID P, ULONG Tag) { CurrentMachine().pool.Free(P, Tag, true); }

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -18,14 +19,17 @@ ULONG PoolTagFromText(const std::string& text);
 class PoolTracker {
 public:
     ~PoolTracker();
-    // Null when the allocation is refused by fault injection.
-    void* Allocate(SIZE_T bytes, ULONG tag);
+    // Null when the allocation is refused by fault injection. OWNER: the
+    // driver image that asked, or null.
+    void* Allocate(SIZE_T bytes, ULONG tag, const void* owner = nullptr);
     // CHECKTAG: the caller named a tag (ExFreePoolWithTag) that must match.
     void Free(void* block, ULONG tag, bool checkTag);
     // Size of the live block that holds ADDRESS, 0 when none (used by the
     // verifier to look for live objects inside a block being freed).
     bool Lookup(const void* block, SIZE_T* bytes, ULONG* tag) const;
-    std::vector<PoolTagUsage> Usage(bool outstandingOnly) const;
+    // Blocks of the owners in SKIP are left out.
+    std::vector<PoolTagUsage> Usage(bool outstandingOnly, const std::set<const void*>& skip = {}) const;
+    std::vector<PoolTagUsage> OwnedUsage(const void* owner) const;  // its outstanding blocks
 
     void FailNth(uint64_t n);
     void FailTag(ULONG tag);
@@ -35,6 +39,7 @@ private:
     struct Block {
         SIZE_T bytes;
         ULONG tag;
+        const void* owner;
     };
     struct Counters {
         uint64_t allocs = 0, frees = 0, blocks = 0, bytes = 0;

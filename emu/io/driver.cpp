@@ -15,7 +15,8 @@ NTSTATUS NTAPI InvalidDeviceRequest(PDEVICE_OBJECT device, PIRP irp) {
 
 }  // namespace
 
-NTSTATUS IoLoadDriver(const std::u16string& name, PDRIVER_INITIALIZE entry, PDRIVER_OBJECT* driverObject) {
+NTSTATUS IoLoadDriver(const std::u16string& name, PDRIVER_INITIALIZE entry, PDRIVER_OBJECT* driverObject,
+                      PVOID imageBase, ULONG imageSize) {
     if (driverObject) *driverObject = nullptr;
     if (name.empty() || !entry) return STATUS_INVALID_PARAMETER;
     std::u16string fullName = name[0] == u'\\' ? name : u"\\Driver\\" + name;
@@ -39,6 +40,8 @@ NTSTATUS IoLoadDriver(const std::u16string& name, PDRIVER_INITIALIZE entry, PDRI
     extension->ServiceKeyName = {USHORT(serviceBytes), USHORT(serviceBytes), reinterpret_cast<PWSTR>(chars + nameBytes)};
     driver->DriverName = {USHORT(nameBytes), USHORT(nameBytes), reinterpret_cast<PWSTR>(chars)};
     driver->DriverInit = entry;
+    driver->DriverStart = imageBase;
+    driver->DriverSize = imageSize;
     for (auto& routine : driver->MajorFunction) routine = InvalidDeviceRequest;
     status = ObpInsertName(driver, fullName);
     if (!NT_SUCCESS(status)) {

@@ -61,6 +61,7 @@ Machine::~Machine() {
     for (Process* process : all) process->StopWorker();
     for (Process* process : all) delete process;
     ResourceFreeAll();
+    LdrUnmapImages();
     g_current.store(nullptr);
 }
 
@@ -265,12 +266,23 @@ VerifierReport Machine::Shutdown() {
             if (process != impl_->system) processes.push_back(process);
     }
     for (Process* process : processes) CloseProcessHandles(process);
-    report.handles = ObDescribeHandles(0);
-    impl_->system->Run([this, &report] {
+    // Drivers loaded from images release what they hold in their unload
+    // routine; what those without one hold is kept, not leaked.
+    impl_->system->Run([] { LdrUnloadDrivers(); });
+    const std::set<const void*> kept = LdrKeptOwners();
+    report.handles = ObDescribeHandles(0, kept);
+    report.kept = LdrKeptDevices();
+    for (const void* owner : kept)
+        for (const std::string& handle : ObDescribeHandles(0, {}, owner))
+            report.kept.push_back(LdrOwnerName(owner) + ": handle " + handle);
+    impl_->system->Run([this, &report, &kept] {
         _EPROCESS* system = impl_->system->eprocess();
+        for (const void* owner : kept)
+            for (const std::string& view : MmDescribeViewsOf(owner))
+                report.kept.push_back(LdrOwnerName(owner) + ": " + view);
         if (system->Handles) ObCloseAllHandles(system);
         report.fileObjects = IoDescribeFileObjects();
-        report.views = MmDescribeViews();
+        report.views = MmDescribeViews(kept);
         FsShutdown();
         IoShutdown();
         MmShutdown();
@@ -281,7 +293,12 @@ VerifierReport Machine::Shutdown() {
         system->Handles = nullptr;
         ObShutdown();
     });
-    report.pool = impl_->pool.Usage(true);
+    report.pool = impl_->pool.Usage(true, kept);
+    for (const void* owner : kept) {
+        for (const PoolTagUsage& u : impl_->pool.OwnedUsage(owner))
+            report.kept.push_back(LdrOwnerName(owner) + ": pool " + u.tag + " blocks=" +
+                                  std::to_string(u.outstandingBlocks) + " bytes=" + std::to_string(u.outstandingBytes));
+    }
     report.violations = impl_->verifier.Violations();
     impl_->shutDown = true;
     return report;

@@ -22,8 +22,8 @@ void VerifierViolation(const std::string& what) {
 }
 
 std::string VerifierReport::ToString() const {
-    if (Clean()) return "verifier: clean\n";
     std::ostringstream out;
+    if (Clean()) out << "verifier: clean\n";
     if (!pool.empty()) {
         out << "pool outstanding:\n";
         for (const PoolTagUsage& u : pool)
@@ -39,6 +39,7 @@ std::string VerifierReport::ToString() const {
     section("file objects alive", fileObjects);
     section("views mapped", views);
     section("violations", violations);
+    section("kept by drivers without an unload routine (not leaks)", kept);
     return out.str();
 }
 

@@ -26,6 +26,7 @@ struct View {
     SIZE_T mappedBytes;  // page-rounded length of the mapping
     SIZE_T size;         // what the caller was told
     PVOID section;       // referenced while mapped
+    const void* owner;   // the driver image that mapped it, or null
 };
 
 POBJECT_TYPE g_sectionType = nullptr;
@@ -73,16 +74,27 @@ void MmStartup() {
     g_sectionTypeExport = g_sectionType;
 }
 
-std::vector<std::string> MmDescribeViews() {
+std::vector<std::string> MmDescribeViews(const std::set<const void*>& skip) {
     std::lock_guard<std::mutex> guard(g_viewLock);
     std::vector<std::string> lines;
     for (const View& v : g_views) {
+        if (skip.count(v.owner)) continue;
         char line[128];
         std::snprintf(line, sizeof(line), "view %p of section %p (%zu bytes)", static_cast<void*>(v.base), v.section,
                       static_cast<size_t>(v.size));
         lines.push_back(line);
     }
     return lines;
+}
+
+std::vector<std::string> MmDescribeViewsOf(const void* owner) {
+    std::set<const void*> others;
+    {
+        std::lock_guard<std::mutex> guard(g_viewLock);
+        for (const View& v : g_views)
+            if (v.owner != owner) others.insert(v.owner);
+    }
+    return MmDescribeViews(others);
 }
 
 void MmShutdown() {
@@ -157,12 +169,13 @@ extern "C" NTSTATUS MmMapViewInSystemSpace(PVOID Section, PVOID* MappedBase, PSI
     ObfReferenceObject(Section);
     {
         std::lock_guard<std::mutex> guard(g_viewLock);
-        g_views.push_back(View{static_cast<char*>(base), mapped, size, Section});
+        g_views.push_back(View{static_cast<char*>(base), mapped, size, Section, LdrCurrentOwner()});
     }
     *MappedBase = base;
     *ViewSize = size;
     return STATUS_SUCCESS;
 }
+
 
 // Any address inside a view unmaps the whole view; an address in no view
 // fails with STATUS_NOT_MAPPED_VIEW, as NtUnmapViewOfSection does.

@@ -16,6 +16,7 @@ public:
         PVOID object = nullptr;
         ACCESS_MASK granted = 0;
         ULONG attributes = 0;
+        const void* owner = nullptr;  // the driver image that opened it, or null
     };
     std::mutex lock;
     std::vector<Entry> entries;   // slot i holds handle value (i + 1) * 4
@@ -113,7 +114,8 @@ NTSTATUS ObInsertHandle(PVOID object, ACCESS_MASK grantedAccess, ULONG attribute
             slot = table->entries.size();
             table->entries.emplace_back();
         }
-        table->entries[slot] = {object, grantedAccess, ULONG(attributes & (OBJ_INHERIT | OBJ_PERMANENT))};
+        table->entries[slot] = {object, grantedAccess, ULONG(attributes & (OBJ_INHERIT | OBJ_PERMANENT)),
+                                LdrCurrentOwner()};
         if (table == KernelTable()) table->pid = 4;
         else if (process) table->pid = process->UniqueProcessId;
     }
@@ -179,7 +181,7 @@ void ObCloseAllHandles(_EPROCESS* process) {
     }
 }
 
-std::vector<std::string> ObDescribeHandles(uint32_t pid) {
+std::vector<std::string> ObDescribeHandles(uint32_t pid, const std::set<const void*>& skip, const void* onlyOwner) {
     std::vector<std::string> lines;
     std::lock_guard<std::mutex> tablesGuard(g_tablesLock);
     for (HandleTable* table : g_tables) {
@@ -187,7 +189,8 @@ std::vector<std::string> ObDescribeHandles(uint32_t pid) {
         if (pid && table->pid != pid) continue;
         for (size_t i = 0; i < table->entries.size(); ++i) {
             PVOID object = table->entries[i].object;
-            if (!object) continue;
+            if (!object || skip.count(table->entries[i].owner)) continue;
+            if (onlyOwner && table->entries[i].owner != onlyOwner) continue;
             char head[64];
             snprintf(head, sizeof head, "%u 0x%zx ", table->pid, (i + 1) * 4);
             lines.push_back(head + std::string(ObTypeName(ObGetObjectType(object))) + " " + DisplayName(object));

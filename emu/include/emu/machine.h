@@ -31,6 +31,10 @@ struct VerifierReport {
     std::vector<std::string> fileObjects; // one line per file object still referenced
     std::vector<std::string> views;       // one line per section view still mapped
     std::vector<std::string> violations;  // misuse seen during the run, in order
+    // What drivers loaded from an image without an unload routine still hold
+    // (their devices, pool and views): kept for the life of the system, not
+    // leaked, and so not part of Clean().
+    std::vector<std::string> kept;
     bool Clean() const {
         return pool.empty() && handles.empty() && fileObjects.empty() && views.empty() && violations.empty();
     }
@@ -93,6 +97,19 @@ public:
     // Loads a driver: creates its driver object "\Driver\NAME" and calls
     // ENTRY in the System process. Returns DriverEntry's status.
     NTSTATUS LoadDriver(const std::u16string& name, PDRIVER_INITIALIZE entry, PDRIVER_OBJECT* driverObject = nullptr);
+
+    // Loads a driver image file (a 32-bit x86 PE built for NT) as
+    // "\Driver\NAME": maps its sections, applies its base relocations, binds
+    // its imports by name to the machine's routines, and runs its DriverEntry
+    // in the System process. A file the machine cannot load is refused with a
+    // status and a reason, and leaves the machine as it was. Images run on
+    // the 32-bit machine only (scripts/build-32.sh).
+    struct ImageLoad {
+        NTSTATUS status = STATUS_SUCCESS;  // DriverEntry's status, or the refusal's
+        std::string refusal;               // why the image was refused; empty when it ran
+        PDRIVER_OBJECT driverObject = nullptr;
+    };
+    ImageLoad LoadDriverImage(const std::string& path, const std::u16string& name);
 
     // Kernel debug log: every DbgPrint line and assertion report, in order,
     // as far as the log still keeps them (the most recent logCapacity bytes).
