@@ -2,6 +2,7 @@
 #include "cli.h"
 
 #include <cctype>
+#include <filesystem>
 #include <iostream>
 
 #include "demo.h"

@@ -23,7 +23,6 @@ constexpr uint32_t kOptional = kPe + 24;
 constexpr uint32_t kSectionTable = kOptional + 224;
 constexpr uint32_t kText = 0x1000, kIdata = 0x2000, kReloc = 0x3000, kSizeOfImage = 0x4000;
 constexpr uint32_t kFileAlignment = 0x200;
-constexpr uint32_t kMessage = kText + 0x100;
 constexpr uint32_t kLookup = kIdata + 0x40, kSlots = kIdata + 0x60, kDllName = kIdata + 0x80, kHintName = kIdata + 0xA0;
 
 void Put16(std::vector<uint8_t>& f, size_t at, uint16_t v) {
@@ -39,9 +38,8 @@ void PutText(std::vector<uint8_t>& f, size_t at, const std::string& s) { std::me
 // block after the headers, in order).
 size_t FileOffset(uint32_t rva) { return kFileAlignment * (rva / 0x1000); }
 
-// DriverEntry: DbgPrint(message); return STATUS.
-std::vector<uint8_t> MakeImage(NTSTATUS status) {
-    std::vector<uint8_t> f(4 * kFileAlignment, 0);
+// The headers of the image: three sections, imports, relocations.
+void WriteHeaders(std::vector<uint8_t>& f) {
     Put16(f, 0, 0x5A4D);
     Put32(f, 0x3C, kPe);
     Put32(f, kPe, 0x00004550);
@@ -60,8 +58,7 @@ std::vector<uint8_t> MakeImage(NTSTATUS status) {
     Put32(f, kOptional + 92, 16);
     Put32(f, kOptional + 96 + 8, kIdata);      // import directory
     Put32(f, kOptional + 96 + 12, 40);
-    Put32(f, kOptional + 96 + 40, kReloc);     // relocation directory
-    Put32(f, kOptional + 96 + 44, 12);
+    Put32(f, kOptional + 96 + 40, kReloc);     // relocation directory (its size comes with the code)
     struct { const char* name; uint32_t rva, characteristics; } sections[] = {
         {".text", kText, 0x60000020}, {".idata", kIdata, 0xC0000040}, {".reloc", kReloc, 0x42000040}};
     for (int i = 0; i < 3; ++i) {
@@ -73,17 +70,52 @@ std::vector<uint8_t> MakeImage(NTSTATUS status) {
         Put32(f, at + 20, FileOffset(sections[i].rva));
         Put32(f, at + 36, sections[i].characteristics);
     }
-    const uint8_t code[] = {0x68, 0, 0, 0, 0,               // push offset message
-                            0xFF, 0x15, 0, 0, 0, 0,         // call [DbgPrint slot]
-                            0x83, 0xC4, 0x04,               // add esp, 4 (cdecl)
-                            0xB8, 0, 0, 0, 0,               // mov eax, status
-                            0xC2, 0x08, 0x00};              // ret 8 (stdcall)
+}
+
+// x86 code for .text, with the RVAs of the absolute addresses in it (each
+// needs a base relocation).
+struct Code {
+    std::vector<uint8_t> bytes;
+    std::vector<uint32_t> fixups;
+    void Emit(std::initializer_list<uint8_t> b) { bytes.insert(bytes.end(), b); }
+    void Value(uint32_t v) { Emit({uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)}); }
+    void Address(uint32_t rva) {
+        fixups.push_back(kText + static_cast<uint32_t>(bytes.size()));
+        Value(kImageBase + rva);
+    }
+    void Print(uint32_t message) {  // DbgPrint(message), cdecl
+        Emit({0x68});
+        Address(message);
+        Emit({0xFF, 0x15});
+        Address(kSlots);
+        Emit({0x83, 0xC4, 0x04});
+    }
+};
+
+constexpr uint32_t kUnloadRoutine = kText + 0x80, kEntryMessage = kText + 0x100, kUnloadMessage = kText + 0x140;
+
+// DriverEntry: [DriverObject->DriverUnload = Unload;] DbgPrint(message);
+// return STATUS. Unload: DbgPrint(message). Both stdcall.
+std::vector<uint8_t> MakeImage(NTSTATUS status, bool withUnload = false) {
+    std::vector<uint8_t> f(4 * kFileAlignment, 0);
+    WriteHeaders(f);
+    Code code;
+    if (withUnload) {
+        code.Emit({0x8B, 0x44, 0x24, 0x04});  // mov eax, [esp+4]: the driver object
+        code.Emit({0xC7, 0x40, 0x34});        // mov [eax+0x34] (DriverUnload on x86), Unload
+        code.Address(kUnloadRoutine);
+    }
+    code.Print(kEntryMessage);
+    code.Emit({0xB8});
+    code.Value(static_cast<uint32_t>(status));  // mov eax, status
+    code.Emit({0xC2, 0x08, 0x00});               // ret 8
+    code.bytes.resize(kUnloadRoutine - kText);
+    code.Print(kUnloadMessage);
+    code.Emit({0xC2, 0x04, 0x00});  // ret 4
     size_t text = FileOffset(kText);
-    std::memcpy(&f[text], code, sizeof(code));
-    Put32(f, text + 1, kImageBase + kMessage);
-    Put32(f, text + 7, kImageBase + kSlots);
-    Put32(f, text + 15, static_cast<uint32_t>(status));
-    PutText(f, FileOffset(kMessage) + (kMessage - kText), "image DriverEntry ran\n");
+    std::memcpy(&f[text], code.bytes.data(), code.bytes.size());
+    PutText(f, text + (kEntryMessage - kText), "image DriverEntry ran\n");
+    PutText(f, text + (kUnloadMessage - kText), "image unloaded\n");
     size_t idata = FileOffset(kIdata);
     Put32(f, idata + 0, kLookup);
     Put32(f, idata + 12, kDllName);
@@ -92,11 +124,12 @@ std::vector<uint8_t> MakeImage(NTSTATUS status) {
     Put32(f, idata + (kSlots - kIdata), kHintName);
     PutText(f, idata + (kDllName - kIdata), "ntoskrnl.exe");
     PutText(f, idata + (kHintName - kIdata) + 2, "DbgPrint");
+    const uint32_t relocBytes = 8 + 2 * static_cast<uint32_t>(code.fixups.size());
     size_t reloc = FileOffset(kReloc);
     Put32(f, reloc, kText);
-    Put32(f, reloc + 4, 12);
-    Put16(f, reloc + 8, 0x3000 | 1);
-    Put16(f, reloc + 10, 0x3000 | 7);
+    Put32(f, reloc + 4, relocBytes);
+    for (size_t i = 0; i < code.fixups.size(); ++i) Put16(f, reloc + 8 + 2 * i, 0x3000 | (code.fixups[i] - kText));
+    Put32(f, kOptional + 96 + 44, relocBytes);
     return f;
 }
 
@@ -186,5 +219,15 @@ TEST(DriverImage, ADriverEntryThatFailsLeavesNoDriver) {
     EXPECT_EQ(machine.LoadDriverImage(again.path(), u"Failing").status, STATUS_SUCCESS)
         << "the name of the failed driver is free again";
     EXPECT_TRUE(machine.Shutdown().Clean());
+}
+
+TEST(DriverImage, ADriverWithAnUnloadRoutineIsUnloadedAtShutdown) {
+    Machine machine;
+    ImageFile file(MakeImage(STATUS_SUCCESS, true));
+    ASSERT_EQ(machine.LoadDriverImage(file.path(), u"Unloading").status, STATUS_SUCCESS);
+    machine.TakeNewLog();
+    VerifierReport report = machine.Shutdown();
+    EXPECT_EQ(machine.TakeNewLog(), "image unloaded\n");
+    EXPECT_TRUE(report.Clean()) << report.ToString();
 }
 #endif
