@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 
@@ -111,11 +112,23 @@ bool ResolveImports(const std::vector<ldr::ImageImport>& imports, std::vector<co
 }
 
 bool ReadFile(const std::string& path, std::vector<uint8_t>* bytes, ldr::LoadError* error) {
+    std::error_code code;
+    std::filesystem::file_status status = std::filesystem::status(path, code);
+    if (!std::filesystem::is_regular_file(status)) {
+        if (!std::filesystem::exists(status)) {
+            error->status = STATUS_OBJECT_NAME_NOT_FOUND;
+            error->message = "cannot read the file: " + std::string(std::strerror(ENOENT));
+        } else {
+            bool directory = std::filesystem::is_directory(status);
+            error->status = directory ? STATUS_FILE_IS_A_DIRECTORY : STATUS_INVALID_IMAGE_FORMAT;
+            error->message = directory ? "a directory, not a driver image" : "not a regular file, not a driver image";
+        }
+        return false;
+    }
     std::ifstream in(path, std::ios::binary);
     if (!in) {
-        int code = errno;
-        error->status = code == ENOENT ? STATUS_OBJECT_NAME_NOT_FOUND : STATUS_ACCESS_DENIED;
-        error->message = "cannot read the file: " + std::string(std::strerror(code));
+        error->status = STATUS_ACCESS_DENIED;
+        error->message = "cannot read the file: " + std::string(std::strerror(errno ? errno : EACCES));
         return false;
     }
     in.seekg(0, std::ios::end);

@@ -191,6 +191,8 @@ TEST(DriverImage, RefusesABadImageSayingWhyAndLoadsTheNextOne) {
     }
     Machine::ImageLoad missing = machine.LoadDriverImage("/nonexistent/tervane.sys", u"Refused");
     EXPECT_EQ(missing.status, STATUS_OBJECT_NAME_NOT_FOUND) << missing.refusal;
+    Machine::ImageLoad directory = machine.LoadDriverImage(std::filesystem::temp_directory_path(), u"Refused");
+    EXPECT_EQ(directory.status, STATUS_FILE_IS_A_DIRECTORY) << directory.refusal;
 
     ImageFile good(MakeImage(STATUS_SUCCESS));
     Machine::ImageLoad load = machine.LoadDriverImage(good.path(), u"Sample");
