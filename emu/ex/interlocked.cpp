@@ -7,7 +7,7 @@ namespace {
 // NT changes an SLIST header with one compare-exchange of the whole header;
 // the machine serialises all of them instead, so that a pop never reads the
 // link of an entry another thread has just taken and freed.
-std::mutex gSListLock;
+std::mutex g_sListLock;
 }  // namespace
 
 extern "C" LONG FASTCALL InterlockedIncrement(LONG volatile* Addend) {
@@ -42,7 +42,7 @@ extern "C" PVOID InterlockedCompareExchangePointer(PVOID volatile* Destination, 
 
 extern "C" PSINGLE_LIST_ENTRY FASTCALL InterlockedPushEntrySList(PSLIST_HEADER ListHead,
                                                                  PSINGLE_LIST_ENTRY ListEntry) {
-    std::lock_guard<std::mutex> guard(gSListLock);
+    std::lock_guard<std::mutex> guard(g_sListLock);
     PSINGLE_LIST_ENTRY first = ListHead->Next.Next;
     ListEntry->Next = first;
     ListHead->Next.Next = ListEntry;
@@ -52,7 +52,7 @@ extern "C" PSINGLE_LIST_ENTRY FASTCALL InterlockedPushEntrySList(PSLIST_HEADER L
 }
 
 extern "C" PSINGLE_LIST_ENTRY FASTCALL InterlockedPopEntrySList(PSLIST_HEADER ListHead) {
-    std::lock_guard<std::mutex> guard(gSListLock);
+    std::lock_guard<std::mutex> guard(g_sListLock);
     PSINGLE_LIST_ENTRY first = ListHead->Next.Next;
     if (first) {
         ListHead->Next.Next = first->Next;

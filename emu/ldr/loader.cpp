@@ -33,8 +33,8 @@ struct LoadedImage {
     bool unloaded = false;
 };
 
-std::mutex gImagesLock;
-std::vector<LoadedImage*> gImages;
+std::mutex g_imagesLock;
+std::vector<LoadedImage*> g_images;
 
 // The call site in a driver image of the machine routine this thread runs,
 // while an adapter runs one.
@@ -181,8 +181,8 @@ LoadedImage* PrepareImage(const std::vector<uint8_t>& file, ldr::ImageLayout* la
     }
     ProtectImage(base, mapped, *layout);
     auto* image = new LoadedImage{std::string(), base, mapped, nullptr, std::string(), false};
-    std::lock_guard<std::mutex> guard(gImagesLock);
-    gImages.push_back(image);
+    std::lock_guard<std::mutex> guard(g_imagesLock);
+    g_images.push_back(image);
     return image;
 #endif
 }
@@ -209,7 +209,7 @@ Machine::ImageLoad Machine::LoadDriverImage(const std::string& path, const std::
     impl_->system->Run([&] {
         result.status = IoLoadDriver(name, entry, &driver, image->base, layout.sizeOfImage);
     });
-    std::lock_guard<std::mutex> guard(gImagesLock);
+    std::lock_guard<std::mutex> guard(g_imagesLock);
     image->driver = driver;
     if (driver) image->driverName = Utf16ToUtf8(driver->DriverName);
     result.driverObject = driver;
@@ -224,8 +224,8 @@ const void* LdrCurrentOwner() { return tCallSite ? LdrImageContaining(tCallSite)
 
 const void* LdrImageContaining(const void* address) {
     auto* p = static_cast<const uint8_t*>(address);
-    std::lock_guard<std::mutex> guard(gImagesLock);
-    for (const LoadedImage* image : gImages)
+    std::lock_guard<std::mutex> guard(g_imagesLock);
+    for (const LoadedImage* image : g_images)
         if (p >= image->base && p < image->base + image->mappedBytes) return image->base;
     return nullptr;
 }
@@ -233,8 +233,8 @@ const void* LdrImageContaining(const void* address) {
 void LdrUnloadDrivers() {
     std::vector<LoadedImage*> images;
     {
-        std::lock_guard<std::mutex> guard(gImagesLock);
-        images = gImages;
+        std::lock_guard<std::mutex> guard(g_imagesLock);
+        images = g_images;
     }
     for (LoadedImage* image : images) {
         if (!image->driver || image->unloaded || !image->driver->DriverUnload) continue;
@@ -244,16 +244,16 @@ void LdrUnloadDrivers() {
 }
 
 std::set<const void*> LdrKeptOwners() {
-    std::lock_guard<std::mutex> guard(gImagesLock);
+    std::lock_guard<std::mutex> guard(g_imagesLock);
     std::set<const void*> owners;
-    for (const LoadedImage* image : gImages)
+    for (const LoadedImage* image : g_images)
         if (image->driver && !image->unloaded) owners.insert(image->base);
     return owners;
 }
 
 std::string LdrOwnerName(const void* owner) {
-    std::lock_guard<std::mutex> guard(gImagesLock);
-    for (const LoadedImage* image : gImages)
+    std::lock_guard<std::mutex> guard(g_imagesLock);
+    for (const LoadedImage* image : g_images)
         if (image->base == owner) return image->driverName + " (no unload routine)";
     return "an image no longer loaded";
 }
@@ -263,8 +263,8 @@ std::vector<std::string> LdrKeptDevices() {
     for (const void* owner : LdrKeptOwners()) {
         PDRIVER_OBJECT driver = nullptr;
         {
-            std::lock_guard<std::mutex> guard(gImagesLock);
-            for (const LoadedImage* image : gImages)
+            std::lock_guard<std::mutex> guard(g_imagesLock);
+            for (const LoadedImage* image : g_images)
                 if (image->base == owner) driver = image->driver;
         }
         for (PDEVICE_OBJECT device = driver ? driver->DeviceObject : nullptr; device; device = device->NextDevice) {
@@ -281,8 +281,8 @@ std::vector<std::string> LdrKeptDevices() {
 void LdrUnmapImages() {
     std::vector<LoadedImage*> images;
     {
-        std::lock_guard<std::mutex> guard(gImagesLock);
-        images.swap(gImages);
+        std::lock_guard<std::mutex> guard(g_imagesLock);
+        images.swap(g_images);
     }
     for (LoadedImage* image : images) {
         munmap(image->base, image->mappedBytes);
