@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "decode.h"
+#include "hex.h"
 #include "indexfile/indexfile.h"
 #include "lexer.h"
 

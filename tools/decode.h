@@ -10,6 +10,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "hex.h"
+
 namespace tervane::tool {
 
 // Each decoder can also fill a JSON form of what it decoded (FIELDS: an
@@ -45,10 +47,5 @@ std::vector<std::string> DescribeSecurityDescriptor(const uint8_t* buf, size_t v
 std::string SidText(const uint8_t* buf, size_t avail);
 // Parses "S-1-5-32-544" into its binary form; empty on a malformed SID.
 std::vector<uint8_t> ParseSid(const std::string& text);
-
-// Lower-case hex, no separators.
-std::string HexBytes(const uint8_t* buf, size_t size);
-// Parses hex digits (blanks ignored); throws ScriptError when malformed.
-std::vector<uint8_t> ParseHexBytes(const std::string& text);
 
 }  // namespace tervane::tool
