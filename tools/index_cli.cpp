@@ -20,7 +20,7 @@ std::string Shown(const std::string& path) { return EscapeText(path); }
 int IndexBuild(const std::string& hostDir, const std::string& nodeFile, const std::string& nameFile,
                const IndexBuildOptions& options, std::ostream& out, std::ostream& err) {
     const char* head = "tervane index build: ";
-    if (indexfile::SameFile(nodeFile, nameFile)) {
+    if (indexfile::SameFile(indexfile::HostPath(nodeFile), indexfile::HostPath(nameFile))) {
         err << head << "NODEFILE and NAMEFILE are the same file (" << Shown(nodeFile)
             << "); the name file would overwrite the node file\n";
         return kIndexFailed;
@@ -36,9 +36,9 @@ int IndexBuild(const std::string& hostDir, const std::string& nodeFile, const st
             out << "  " << indexfile::CountsText(p.entries, p.nameBytes) << "\n" << std::flush;
         };
     }
-    bool built = indexfile::BuildIndex(hostDir, &files, &error, build);
+    bool built = indexfile::BuildIndex(indexfile::HostPath(hostDir), &files, &error, build);
     for (const auto& p : problems)
-        err << head << (options.skipUnrepresentable ? "left out " : "cannot hold ") << Shown(p.path.string()) << ": "
+        err << head << (options.skipUnrepresentable ? "left out " : "cannot hold ") << Shown(indexfile::PathText(p.path)) << ": "
             << p.reason << "\n";
     if (!built) {
         if (!problems.empty() && !options.skipUnrepresentable) {
@@ -49,7 +49,7 @@ int IndexBuild(const std::string& hostDir, const std::string& nodeFile, const st
         err << head << Shown(error) << "\n";
         return kIndexFailed;
     }
-    if (!indexfile::WriteIndexFiles(files, nodeFile, nameFile, &error)) {
+    if (!indexfile::WriteIndexFiles(files, indexfile::HostPath(nodeFile), indexfile::HostPath(nameFile), &error)) {
         err << head << Shown(error) << "\n";
         return kIndexFailed;
     }
@@ -66,7 +66,7 @@ int IndexBuild(const std::string& hostDir, const std::string& nodeFile, const st
 int IndexDump(const std::string& nodeFile, const std::string& nameFile, std::ostream& out, std::ostream& err) {
     indexfile::IndexFiles files;
     std::string error;
-    if (!indexfile::ReadIndexFiles(nodeFile, nameFile, &files, &error)) {
+    if (!indexfile::ReadIndexFiles(indexfile::HostPath(nodeFile), indexfile::HostPath(nameFile), &files, &error)) {
         err << "tervane index dump: " << Shown(error) << "\n";
         return kIndexFailed;
     }
@@ -85,7 +85,7 @@ int IndexLookup(const std::string& nodeFile, const std::string& nameFile, const 
                 std::ostream& out, std::ostream& err) {
     indexfile::IndexFiles files;
     std::string error;
-    if (!indexfile::ReadIndexFiles(nodeFile, nameFile, &files, &error)) {
+    if (!indexfile::ReadIndexFiles(indexfile::HostPath(nodeFile), indexfile::HostPath(nameFile), &files, &error)) {
         err << "tervane index lookup: " << Shown(error) << "\n";
         return kIndexFailed;
     }

@@ -195,7 +195,7 @@ struct TreeWalk {
             entries.push_back(*it);
         }
         if (ec) {
-            *error = "cannot list " + dir.string() + ": " + ec.message();
+            *error = "cannot list " + PathText(dir) + ": " + ec.message();
             return false;
         }
         std::sort(entries.begin(), entries.end(), [](const auto& a, const auto& b) {
@@ -203,13 +203,14 @@ struct TreeWalk {
         });
         std::unordered_map<std::u16string, std::string> seen;  // upper-cased name -> host name
         for (const auto& entry : entries) {
-            std::string hostName = entry.path().filename().native();
+            std::string hostName;
+            bool named = PathToUtf8(entry.path().filename(), &hostName);
             std::filesystem::file_status status = entry.symlink_status(ec);
             if (ec) {
-                *error = "cannot look at " + entry.path().string() + ": " + ec.message();
+                *error = "cannot look at " + PathText(entry.path()) + ": " + ec.message();
                 return false;
             }
-            std::string problem = HostNameProblem(hostName, status.type());
+            std::string problem = named ? HostNameProblem(hostName, status.type()) : "is not valid UTF-16";
             std::u16string name;
             if (problem.empty()) {
                 Utf8ToUtf16(hostName, &name);
@@ -224,7 +225,7 @@ struct TreeWalk {
             std::u16string path = prefix + u"\\" + name;
             if (problems.empty() || options.skipUnrepresentable) {
                 if (!builder.Add(path, isDirectory ? kTypeDirectory : kTypeFile, error)) {
-                    *error += " (at " + entry.path().string() + ")";
+                    *error += " (at " + PathText(entry.path()) + ")";
                     return false;
                 }
                 if (++added % options.progressInterval == 0) Report(entry.path());
@@ -241,7 +242,7 @@ bool BuildIndex(const std::filesystem::path& hostDir, IndexFiles* out, std::stri
                 const BuildOptions& options) {
     std::error_code ec;
     if (!std::filesystem::is_directory(hostDir, ec)) {
-        *error = hostDir.string() + (std::filesystem::exists(hostDir, ec) ? " is not a directory" : " does not exist");
+        *error = PathText(hostDir) + (std::filesystem::exists(hostDir, ec) ? " is not a directory" : " does not exist");
         return false;
     }
     IndexBuilder builder;
@@ -256,7 +257,7 @@ bool BuildIndex(const std::filesystem::path& hostDir, IndexFiles* out, std::stri
         *error = std::to_string(walk.problems.size()) +
                  (walk.problems.size() == 1 ? " name the volume does not show" : " names the volume does not show") +
                  ", so the index cannot hold " + (walk.problems.size() == 1 ? "it" : "them") + "; the first: " +
-                 first.path.string() + " " + first.reason;
+                 PathText(first.path) + " " + first.reason;
         return false;
     }
     walk.Report(hostDir);

@@ -162,6 +162,14 @@ struct DumpLine {
 // area, a name outside the name area, or an entry reached twice (a cycle).
 bool DumpIndex(const IndexFiles& files, const std::function<void(const DumpLine&)>& visit, std::string* error);
 
+// Host paths and the tools' UTF-8 text, alike on every host (on Windows a
+// path's plain narrow form would be the ANSI code page). PathToUtf8 is false
+// for a Windows name that is not valid UTF-16; PathText never fails (such a
+// name is shown with '?').
+std::filesystem::path HostPath(std::string_view utf8);
+bool PathToUtf8(const std::filesystem::path& path, std::string* out);
+std::string PathText(const std::filesystem::path& path);
+
 // Text helpers (strict: invalid input gives false).
 bool Utf8ToUtf16(std::string_view in, std::u16string* out);
 bool Utf16ToUtf8(std::u16string_view in, std::string* out);

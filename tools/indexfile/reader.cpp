@@ -39,6 +39,16 @@ bool SameFile(const std::filesystem::path& a, const std::filesystem::path& b) {
     return !ea && !eb && ca == cb;
 }
 
+// fopen with a host path: Windows takes it in UTF-16.
+static FILE* OpenHostFile(const std::filesystem::path& path, const char* mode) {
+#if defined(_WIN32)
+    std::wstring wideMode(mode, mode + std::strlen(mode));
+    return _wfopen(path.c_str(), wideMode.c_str());
+#else
+    return std::fopen(path.c_str(), mode);
+#endif
+}
+
 bool WriteIndexFiles(const IndexFiles& files, const std::filesystem::path& nodeFile,
                      const std::filesystem::path& nameFile, std::string* error) {
     std::string problem = CheckIndexFiles(files);
@@ -47,13 +57,13 @@ bool WriteIndexFiles(const IndexFiles& files, const std::filesystem::path& nodeF
         return false;
     }
     if (SameFile(nodeFile, nameFile)) {
-        *error = "the node file and the name file are the same file (" + nodeFile.string() + ")";
+        *error = "the node file and the name file are the same file (" + PathText(nodeFile) + ")";
         return false;
     }
     for (auto [path, data] : {std::pair{&nodeFile, &files.node}, std::pair{&nameFile, &files.name}}) {
-        FILE* out = std::fopen(path->c_str(), "wb");
+        FILE* out = OpenHostFile(*path, "wb");
         if (!out) {
-            *error = "cannot write " + path->string() + ": " + std::strerror(errno);
+            *error = "cannot write " + PathText(*path) + ": " + std::strerror(errno);
             return false;
         }
         bool written = std::fwrite(data->data(), 1, data->size(), out) == data->size();
@@ -63,7 +73,7 @@ bool WriteIndexFiles(const IndexFiles& files, const std::filesystem::path& nodeF
             writeErrno = errno;
         }
         if (!written) {
-            *error = "cannot write " + path->string() + ": " + std::strerror(writeErrno);
+            *error = "cannot write " + PathText(*path) + ": " + std::strerror(writeErrno);
             return false;
         }
     }
@@ -74,16 +84,16 @@ static bool ReadWhole(const std::filesystem::path& path, std::vector<uint8_t>* o
     std::error_code ec;
     uintmax_t size = std::filesystem::file_size(path, ec);
     if (ec) {
-        *error = "cannot read " + path.string() + ": " + ec.message();
+        *error = "cannot read " + PathText(path) + ": " + ec.message();
         return false;
     }
     if (size > kAreaSize) {  // refused anyway; do not read it
-        *error = path.string() + " is " + std::to_string(size) + " bytes, more than its 5 MB area";
+        *error = PathText(path) + " is " + std::to_string(size) + " bytes, more than its 5 MB area";
         return false;
     }
-    FILE* in = std::fopen(path.c_str(), "rb");
+    FILE* in = OpenHostFile(path, "rb");
     if (!in) {
-        *error = "cannot read " + path.string() + ": " + std::strerror(errno);
+        *error = "cannot read " + PathText(path) + ": " + std::strerror(errno);
         return false;
     }
     out->assign(size_t(size), 0);
@@ -91,7 +101,7 @@ static bool ReadWhole(const std::filesystem::path& path, std::vector<uint8_t>* o
     int readErrno = errno;
     std::fclose(in);
     if (!read) {
-        *error = "cannot read " + path.string() + ": " + (readErrno ? std::strerror(readErrno) : "it is shorter than it was");
+        *error = "cannot read " + PathText(path) + ": " + (readErrno ? std::strerror(readErrno) : "it is shorter than it was");
         return false;
     }
     return true;
@@ -103,7 +113,7 @@ bool ReadIndexFiles(const std::filesystem::path& nodeFile, const std::filesystem
     if (!ReadWhole(nodeFile, &files.node, error) || !ReadWhole(nameFile, &files.name, error)) return false;
     std::string problem = CheckIndexFiles(files);
     if (!problem.empty()) {
-        *error = problem + " (" + nodeFile.string() + ", " + nameFile.string() + ")";
+        *error = problem + " (" + PathText(nodeFile) + ", " + PathText(nameFile) + ")";
         return false;
     }
     *out = std::move(files);

@@ -1,8 +1,32 @@
-// UTF-8 / UTF-16 conversion and the case folding of index names.
+// UTF-8 / UTF-16 conversion, host paths as UTF-8, and the case folding of
+// index names.
+#include <exception>
+
 #include "format.h"
 #include "indexfile.h"
 
 namespace tervane::indexfile {
+
+std::filesystem::path HostPath(std::string_view utf8) {
+    return std::filesystem::path(std::u8string(utf8.begin(), utf8.end()));
+}
+
+bool PathToUtf8(const std::filesystem::path& path, std::string* out) {
+    try {
+        std::u8string text = path.u8string();
+        out->assign(text.begin(), text.end());
+        return true;
+    } catch (const std::exception&) {  // Windows: an unpaired surrogate
+        return false;
+    }
+}
+
+std::string PathText(const std::filesystem::path& path) {
+    std::string text;
+    if (PathToUtf8(path, &text)) return text;
+    for (auto c : path.native()) text += c < 0x80 ? static_cast<char>(c) : '?';
+    return text;
+}
 
 bool Utf8ToUtf16(std::string_view in, std::u16string* out) {
     out->clear();
