@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
 # Builds the driver for 32-bit Windows as tervane.sys and checks the image: a
-# native-subsystem PE that imports from ntoskrnl.exe and hal.dll only.
+# native-subsystem PE that imports from ntoskrnl.exe and hal.dll only. Builds
+# the Windows tools beside it (tervanectl.exe, tervane-index.exe) and checks
+# that they are console programs importing only what every Windows has.
+# Nothing built here is run.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 build="${SYS_BUILD_DIR:-$root/build-sys}"
@@ -17,3 +20,16 @@ for dll in $dlls; do
   esac
 done
 echo "build-sys: $sys is a native driver importing only from: $(echo $dlls)"
+
+for exe in "$build/win/tervanectl.exe" "$build/win/tervane-index.exe"; do
+  dump="$(i686-w64-mingw32-objdump -p "$exe")"
+  grep -q "Subsystem.*00000003" <<<"$dump" || { echo "build-sys: $exe is not a console program"; exit 1; }
+  dlls="$(grep "DLL Name" <<<"$dump" | awk '{print tolower($3)}' | sort -u)"
+  for dll in $dlls; do
+    case "$dll" in
+      kernel32.dll|msvcrt.dll|ntdll.dll) ;;
+      *) echo "build-sys: $exe imports from $dll"; exit 1 ;;
+    esac
+  done
+  echo "build-sys: $exe is a console program importing only from: $(echo $dlls)"
+done
