@@ -7,7 +7,7 @@
 #include <nt/ntifs.h>
 
 #include "commands.h"
-#include "controller.h"
+#include "control_client.h"
 #include "ntcall.h"
 
 namespace tervane::tool {

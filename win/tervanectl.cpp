@@ -1,7 +1,7 @@
 // tervanectl.exe: the driver's controller on a Windows machine. It opens
 // the control device \\.\Tervane and sends one verb with its words, as the
 // scenario command `ctl` does on the emulated machine; the records, the
-// output and the exit codes come from the same code (tools/controller.h).
+// output and the exit codes come from the same code (tools/control_client.h).
 // This file is only the Windows side: the device, the files the
 // explanations look at, and the command line as UTF-8.
 #include <windows.h>
@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "controller.h"
+#include "control_client.h"
 #include "windows_text.h"
 
 // ntdll: the NT status behind the thread's last Win32 error (XP and later).

@@ -1,4 +1,4 @@
-#include "controller.h"
+#include "control_client.h"
 
 #include <algorithm>
 #include <cstdio>

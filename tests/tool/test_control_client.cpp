@@ -7,7 +7,7 @@
 #include <deque>
 #include <sstream>
 
-#include "controller.h"
+#include "control_client.h"
 
 using namespace tervane::tool::control;
 
