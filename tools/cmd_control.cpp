@@ -1,7 +1,7 @@
 // `ctl`: the controller's side of the driver's control protocol in a script.
 // A controller process opens the control device once and sends each verb as
 // a device control request; the records, the decoded answer and the lines
-// that explain a refusal are the controller's (controller.h), shared with
+// that explain a refusal are the controller's (control_client.h), shared with
 // tervanectl.exe. This file is the emulated machine's side: the controller
 // process, its handle to the device, and the calls it makes.
 #include <nt/ntifs.h>
