@@ -6,42 +6,12 @@
 #include <cerrno>
 #include <ctime>
 
+#include <emu/machine.h>
+
 namespace tervane::fuse {
 namespace {
 
 constexpr size_t kMaxComponent = 255;  // UTF-16 units of one NT name
-
-// Appends the UTF-16 form of one UTF-8 component; false when it is not
-// UTF-8 (overlong forms and surrogate code points included).
-bool AppendUtf16(const std::string& in, std::u16string* out) {
-    for (size_t i = 0; i < in.size();) {
-        unsigned char c = in[i];
-        uint32_t cp;
-        size_t n;
-        if (c < 0x80) { cp = c; n = 1; }
-        else if ((c & 0xE0) == 0xC0) { cp = c & 0x1F; n = 2; }
-        else if ((c & 0xF0) == 0xE0) { cp = c & 0x0F; n = 3; }
-        else if ((c & 0xF8) == 0xF0) { cp = c & 0x07; n = 4; }
-        else return false;
-        if (i + n > in.size()) return false;
-        for (size_t k = 1; k < n; ++k) {
-            unsigned char d = in[i + k];
-            if ((d & 0xC0) != 0x80) return false;
-            cp = cp << 6 | (d & 0x3F);
-        }
-        static const uint32_t kMin[] = {0, 0, 0x80, 0x800, 0x10000};
-        if (cp < kMin[n] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
-        if (cp >= 0x10000) {
-            cp -= 0x10000;
-            out->push_back(static_cast<char16_t>(0xD800 + (cp >> 10)));
-            out->push_back(static_cast<char16_t>(0xDC00 + (cp & 0x3FF)));
-        } else {
-            out->push_back(static_cast<char16_t>(cp));
-        }
-        i += n;
-    }
-    return true;
-}
 
 int CheckComponent(const std::string& name) {
     for (unsigned char c : name) {
@@ -73,7 +43,7 @@ int ObjectNameFor(const char* linuxPath, char drive, std::u16string* name) {
         if (int error = CheckComponent(component)) return error;
         size_t before = name->size();
         name->push_back(u'\\');
-        if (!AppendUtf16(component, name)) return EILSEQ;
+        if (!emu::AppendUtf8AsUtf16(component, name)) return EILSEQ;
         if (name->size() - before - 1 > kMaxComponent) return ENAMETOOLONG;
         any = true;
     }

@@ -29,19 +29,28 @@ static ULONG NextBackslash(PWSTR pwc, ULONG ulFrom, ULONG ulEnd) {
     return ulFrom;
 }
 
-static VOID CheckDriveForm(PCUNICODE_STRING pustrFilePath) {
-    TRVN_ASSERT(pustrFilePath->Buffer[1] == L':' && pustrFilePath->Buffer[2] == L'\\', FILE_INDEX_SOURCE, __LINE__);
-}
-
-BOOLEAN LookupIndexPath(PFileIndex pIndex, PCUNICODE_STRING pustrFilePath, PFileIndexEntry pResult) {
-    if (pIndex == NULL || !IsUsablePath(pustrFilePath) || pResult == NULL) {
-        return FALSE;
+// Characters of a drive path ("X:\..."), or 0 when the string cannot be one:
+// missing, without a buffer, or shorter than its drive part.
+static ULONG DrivePathChars(PCUNICODE_STRING pustrFilePath) {
+    if (!IsUsablePath(pustrFilePath)) {
+        return 0;
     }
     ULONG ulChars = CharCount(pustrFilePath);
     if (ulChars < 3) {
+        return 0;
+    }
+    TRVN_ASSERT(pustrFilePath->Buffer[1] == L':' && pustrFilePath->Buffer[2] == L'\\', FILE_INDEX_SOURCE, __LINE__);
+    return ulChars;
+}
+
+BOOLEAN LookupIndexPath(PFileIndex pIndex, PCUNICODE_STRING pustrFilePath, PFileIndexEntry pResult) {
+    if (pIndex == NULL || pResult == NULL) {
         return FALSE;
     }
-    CheckDriveForm(pustrFilePath);
+    ULONG ulChars = DrivePathChars(pustrFilePath);
+    if (ulChars == 0) {
+        return FALSE;
+    }
     if (ulChars == 3) {
         *pResult = *IndexRoot(pIndex);
         return TRUE;
@@ -94,14 +103,10 @@ BOOLEAN InsertIndexPath(PFileIndex pIndex, PCUNICODE_STRING pustrFilePath, ULONG
         return FALSE;
     }
     ResourceLock lock(&pIndex->m_Lock, TRUE);
-    if (!IsUsablePath(pustrFilePath)) {
+    ULONG ulChars = DrivePathChars(pustrFilePath);
+    if (ulChars == 0) {
         return FALSE;
     }
-    ULONG ulChars = CharCount(pustrFilePath);
-    if (ulChars < 3) {
-        return FALSE;
-    }
-    CheckDriveForm(pustrFilePath);
     if (ulChars == 3) {
         return TRUE;
     }

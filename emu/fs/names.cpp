@@ -1,6 +1,8 @@
 // Names on the emulated NTFS volume (see names.h).
 #include "fs/names.h"
 
+#include <emu/machine.h>
+
 #include <algorithm>
 
 namespace tervane::emu::fs {
@@ -98,35 +100,7 @@ NTSTATUS SplitPath(std::u16string_view path, std::vector<std::u16string>* compon
 
 bool HostNameToNt(std::string_view host, std::u16string* nt) {
     nt->clear();
-    const auto* p = reinterpret_cast<const unsigned char*>(host.data());
-    size_t n = host.size(), i = 0;
-    while (i < n) {
-        uint32_t cp;
-        unsigned char b = p[i];
-        size_t len;
-        if (b < 0x80) { cp = b; len = 1; }
-        else if ((b & 0xE0) == 0xC0) { cp = b & 0x1F; len = 2; }
-        else if ((b & 0xF0) == 0xE0) { cp = b & 0x0F; len = 3; }
-        else if ((b & 0xF8) == 0xF0) { cp = b & 0x07; len = 4; }
-        else return false;
-        if (i + len > n) return false;
-        for (size_t k = 1; k < len; ++k) {
-            if ((p[i + k] & 0xC0) != 0x80) return false;
-            cp = (cp << 6) | (p[i + k] & 0x3F);
-        }
-        // Overlong forms, surrogates and values past U+10FFFF are not UTF-8.
-        static const uint32_t kMin[5] = {0, 0, 0x80, 0x800, 0x10000};
-        if (cp < kMin[len] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
-        if (cp >= 0x10000) {
-            cp -= 0x10000;
-            nt->push_back(static_cast<char16_t>(0xD800 + (cp >> 10)));
-            nt->push_back(static_cast<char16_t>(0xDC00 + (cp & 0x3FF)));
-        } else {
-            nt->push_back(static_cast<char16_t>(cp));
-        }
-        i += len;
-    }
-    return true;
+    return AppendUtf8AsUtf16(host, nt);
 }
 
 bool NtNameToHost(std::u16string_view nt, std::string* host) {

@@ -1,11 +1,14 @@
-// UTF-8 <-> UTF-16 for host code. Malformed input becomes U+FFFD.
+// UTF-8 <-> UTF-16 for host code.
 #include <emu/machine.h>
 
 namespace tervane::emu {
 
-std::u16string Utf8ToUtf16(const std::string& s) {
-    std::u16string out;
-    out.reserve(s.size());
+namespace {
+
+// Appends the UTF-16 form of s. Malformed sequences (overlong forms,
+// surrogates, values past U+10FFFF, cut-off or stray bytes) become U+FFFD,
+// or end the walk with false when strict.
+bool DecodeUtf8(std::string_view s, std::u16string* out, bool strict) {
     size_t i = 0;
     const size_t n = s.size();
     auto byte = [&](size_t k) { return static_cast<unsigned char>(s[k]); };
@@ -18,28 +21,45 @@ std::u16string Utf8ToUtf16(const std::string& s) {
         else if ((c & 0xE0) == 0xC0) { cp = c & 0x1F; extra = 1; min = 0x80; }
         else if ((c & 0xF0) == 0xE0) { cp = c & 0x0F; extra = 2; min = 0x800; }
         else if ((c & 0xF8) == 0xF0) { cp = c & 0x07; extra = 3; min = 0x10000; }
-        else { out.push_back(0xFFFD); ++i; continue; }
+        else {
+            if (strict) return false;
+            out->push_back(0xFFFD);
+            ++i;
+            continue;
+        }
         size_t k = 1;
         for (; k <= extra; ++k) {
             if (i + k >= n || (byte(i + k) & 0xC0) != 0x80) break;
             cp = (cp << 6) | (byte(i + k) & 0x3F);
         }
         if (k <= extra || cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
-            out.push_back(0xFFFD);
+            if (strict) return false;
+            out->push_back(0xFFFD);
             i += k;  // skip the lead byte and the continuation bytes seen
             continue;
         }
         i += k;
         if (cp >= 0x10000) {
             cp -= 0x10000;
-            out.push_back(static_cast<char16_t>(0xD800 + (cp >> 10)));
-            out.push_back(static_cast<char16_t>(0xDC00 + (cp & 0x3FF)));
+            out->push_back(static_cast<char16_t>(0xD800 + (cp >> 10)));
+            out->push_back(static_cast<char16_t>(0xDC00 + (cp & 0x3FF)));
         } else {
-            out.push_back(static_cast<char16_t>(cp));
+            out->push_back(static_cast<char16_t>(cp));
         }
     }
+    return true;
+}
+
+}  // namespace
+
+std::u16string Utf8ToUtf16(const std::string& s) {
+    std::u16string out;
+    out.reserve(s.size());
+    DecodeUtf8(s, &out, false);
     return out;
 }
+
+bool AppendUtf8AsUtf16(std::string_view s, std::u16string* out) { return DecodeUtf8(s, out, true); }
 
 static void AppendUtf8(std::string& out, uint32_t cp) {
     if (cp < 0x80) {

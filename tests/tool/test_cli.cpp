@@ -168,11 +168,16 @@ TEST_F(CliTest, ShellAtATerminal) {
     ASSERT_TRUE(t.Shows("tervane> ")) << t.Seen();
     t.Type("proc\t5 a.exe\r");
     ASSERT_TRUE(t.Shows("  5 a.exe")) << t.Seen();
+    // Keys go only to a prompt: typed earlier, they would meet the terminal
+    // in its ordinary mode, where Ctrl-C is a signal and not a key.
+    ASSERT_TRUE(t.Shows("tervane> ")) << t.Seen();
     EXPECT_EQ(ReadFile(dir_ / ".tervane_history"), "volume C: v\nprocess 5 a.exe\n");
     t.Type("5: put C:\\notes.txt hi\r");
     ASSERT_TRUE(t.Shows("info=2")) << t.Seen();
+    ASSERT_TRUE(t.Shows("tervane> ")) << t.Seen();
     t.Type("5: cat C:\\no\t\r");
     ASSERT_TRUE(t.Shows("\"hi\"")) << t.Seen();
+    ASSERT_TRUE(t.Shows("tervane> ")) << t.Seen();
     t.Type("5: rm C:\\notes.txt");
     t.Type("\x03");
     ASSERT_TRUE(t.Shows("^C")) << t.Seen();

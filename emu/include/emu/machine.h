@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <nt/ntifs.h>
@@ -140,7 +141,9 @@ private:
 };
 
 // Text helpers for host code (the machine's strings are UTF-16).
-std::u16string Utf8ToUtf16(const std::string& s);
+std::u16string Utf8ToUtf16(const std::string& s);  // malformed input becomes U+FFFD
+// Appends the UTF-16 form of s; false (out partly appended) when s is not UTF-8.
+bool AppendUtf8AsUtf16(std::string_view s, std::u16string* out);
 std::string Utf16ToUtf8(const std::u16string& s);
 std::string Utf16ToUtf8(const UNICODE_STRING& s);
 std::string StatusName(NTSTATUS status);   // "STATUS_SUCCESS", or "0x..." when unknown
