@@ -77,10 +77,18 @@ extern "C" VOID ExDeleteNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside) {
 // works on itself and lists the machine works on behave alike.
 extern "C" PVOID ExAllocateFromNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside) {
     __atomic_fetch_add(&Lookaside->L.TotalAllocates, 1, __ATOMIC_RELAXED);
-    PVOID entry = InterlockedPopEntrySList(&Lookaside->L.ListHead);
-    if (entry) return entry;
-    __atomic_fetch_add(&Lookaside->L.AllocateMisses, 1, __ATOMIC_RELAXED);
-    return Lookaside->L.Allocate(Lookaside->L.Type, Lookaside->L.Size, Lookaside->L.Tag);
+    PSINGLE_LIST_ENTRY entry = InterlockedPopEntrySList(&Lookaside->L.ListHead);
+    if (!entry) {
+        __atomic_fetch_add(&Lookaside->L.AllocateMisses, 1, __ATOMIC_RELAXED);
+        return Lookaside->L.Allocate(Lookaside->L.Type, Lookaside->L.Size, Lookaside->L.Tag);
+    }
+    // NT trims lists from a timer, so any call may find the list empty and
+    // fail in pool: fault injection counts a cached entry as an allocation.
+    if (CurrentMachine().pool.ShouldFail(Lookaside->L.Tag)) {
+        InterlockedPushEntrySList(&Lookaside->L.ListHead, entry);
+        return nullptr;
+    }
+    return entry;
 }
 
 extern "C" VOID ExFreeToNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside, PVOID Entry) {

@@ -33,13 +33,42 @@ PoolTracker::~PoolTracker() {
     for (auto& [block, info] : live_) std::free(const_cast<void*>(block));
 }
 
-void* PoolTracker::Allocate(SIZE_T bytes, ULONG tag, const void* owner) {
+bool PoolTracker::ShouldFail(ULONG tag) {
+    FaultInjected fault;
+    std::function<void(const FaultInjected&)> observer;
     {
         std::lock_guard<std::mutex> guard(lock_);
-        bool fail = failTagSet_ && tag == failTag_;
-        if (failCountdown_ != 0 && --failCountdown_ == 0) fail = true;
-        if (fail) return nullptr;
+        fault.serial = ++attempts_;
+        fault.tagSerial = ++tagAttempts_[tag];
+        bool fail = false;
+        if (failTagSet_ && tag == failTag_) {
+            if (failTagSkip_ == 0)
+                fail = true;
+            else
+                --failTagSkip_;
+        }
+        if (failCountdown_ != 0 && (!countdownWithTag_ || tag == countdownTag_) && --failCountdown_ == 0) fail = true;
+        if (!fail) return false;
+        observer = observer_;
     }
+    fault.tag = PoolTagText(tag);
+    if (observer) observer(fault);
+    return true;
+}
+
+uint64_t PoolTracker::Attempts() const {
+    std::lock_guard<std::mutex> guard(lock_);
+    return attempts_;
+}
+
+uint64_t PoolTracker::AttemptsWithTag(ULONG tag) const {
+    std::lock_guard<std::mutex> guard(lock_);
+    auto it = tagAttempts_.find(tag);
+    return it == tagAttempts_.end() ? 0 : it->second;
+}
+
+void* PoolTracker::Allocate(SIZE_T bytes, ULONG tag, const void* owner) {
+    if (ShouldFail(tag)) return nullptr;
     void* block = std::malloc(bytes == 0 ? 1 : bytes);
     if (!block) return nullptr;
     std::memset(block, kFreshPoolFill, bytes);
@@ -123,21 +152,29 @@ PVOID ExAllocatePoolFor(const void* owner, POOL_TYPE type, SIZE_T bytes, ULONG t
     return CurrentMachine().pool.Allocate(bytes, tag, owner);
 }
 
-void PoolTracker::FailNth(uint64_t n) {
+void PoolTracker::FailNth(uint64_t n, bool withTag, ULONG tag) {
     std::lock_guard<std::mutex> guard(lock_);
     failCountdown_ = n;
+    countdownWithTag_ = withTag;
+    countdownTag_ = tag;
 }
 
-void PoolTracker::FailTag(ULONG tag) {
+void PoolTracker::FailTag(ULONG tag, uint64_t skip) {
     std::lock_guard<std::mutex> guard(lock_);
     failTagSet_ = true;
     failTag_ = tag;
+    failTagSkip_ = skip;
 }
 
 void PoolTracker::ClearFaults() {
     std::lock_guard<std::mutex> guard(lock_);
     failCountdown_ = 0;
     failTagSet_ = false;
+}
+
+void PoolTracker::SetFaultObserver(std::function<void(const FaultInjected&)> observer) {
+    std::lock_guard<std::mutex> guard(lock_);
+    observer_ = std::move(observer);
 }
 
 }  // namespace tervane::emu

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <set>
@@ -31,9 +32,16 @@ public:
     std::vector<PoolTagUsage> Usage(bool outstandingOnly, const std::set<const void*>& skip = {}) const;
     std::vector<PoolTagUsage> OwnedUsage(const void* owner) const;  // its outstanding blocks
 
-    void FailNth(uint64_t n);
-    void FailTag(ULONG tag);
+    // Counts one allocation (pool or lookaside) and says whether fault
+    // injection refuses it; the observer hears of every refusal.
+    bool ShouldFail(ULONG tag);
+    uint64_t Attempts() const;
+    uint64_t AttemptsWithTag(ULONG tag) const;
+
+    void FailNth(uint64_t n, bool withTag, ULONG tag);
+    void FailTag(ULONG tag, uint64_t skip);
     void ClearFaults();
+    void SetFaultObserver(std::function<void(const FaultInjected&)> observer);
 
 private:
     struct Block {
@@ -47,9 +55,15 @@ private:
     mutable std::mutex lock_;
     std::unordered_map<const void*, Block> live_;
     std::map<ULONG, Counters> tags_;
-    uint64_t failCountdown_ = 0;  // 0: off
+    uint64_t attempts_ = 0;               // every allocation asked for, refused ones included
+    std::map<ULONG, uint64_t> tagAttempts_;
+    uint64_t failCountdown_ = 0;          // 0: off
+    bool countdownWithTag_ = false;       // the countdown counts only allocations with countdownTag_
+    ULONG countdownTag_ = 0;
     bool failTagSet_ = false;
     ULONG failTag_ = 0;
+    uint64_t failTagSkip_ = 0;            // allocations with failTag_ still granted before the refusals
+    std::function<void(const FaultInjected&)> observer_;
 };
 
 }  // namespace tervane::emu

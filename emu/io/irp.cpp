@@ -4,6 +4,7 @@
 // lets the verifier tell a live packet from a freed one and see whether a
 // packet is still with a driver.
 #include "io/irp_tracker.h"
+#include "machine/machine_impl.h"
 
 #include <utility>
 
@@ -86,7 +87,14 @@ PIRP IoAllocateIrp(CCHAR StackSize, BOOLEAN ChargeQuota) {
     UCHAR flags = kIrpTracked;
     if (StackSize <= kLookasideStackSize) {
         flags |= IRP_LOOKASIDE_ALLOCATION;
-        std::lock_guard<std::mutex> guard(g_lookasideLock);
+        // A packet from the lookaside counts as an allocation for fault
+        // injection: NT's list may be empty at any call.
+        std::unique_lock<std::mutex> guard(g_lookasideLock);
+        if (g_lookaside) {
+            guard.unlock();
+            if (CurrentMachine().pool.ShouldFail(kTagIrp)) return nullptr;
+            guard.lock();
+        }
         if (g_lookaside) {
             tracker = g_lookaside;
             g_lookaside = tracker->nextFree;

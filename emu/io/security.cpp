@@ -98,12 +98,16 @@ NTSTATUS SetSecurity(KPROCESSOR_MODE mode, HANDLE handle, SECURITY_INFORMATION i
     }
     memcpy(copy, captured.data(), captured.size());
     IO_STATUS_BLOCK iosb{};
-    return SendSecurityIrp(mode, static_cast<PFILE_OBJECT>(object), IRP_MJ_SET_SECURITY, &iosb,
-                           [&](PIRP irp, PIO_STACK_LOCATION sp) {
-                               irp->Tail.Overlay.AuxiliaryBuffer = static_cast<PCHAR>(copy);  // freed with the packet
-                               sp->Parameters.SetSecurity.SecurityInformation = info;
-                               sp->Parameters.SetSecurity.SecurityDescriptor = copy;
-                           });
+    bool attached = false;
+    status = SendSecurityIrp(mode, static_cast<PFILE_OBJECT>(object), IRP_MJ_SET_SECURITY, &iosb,
+                             [&](PIRP irp, PIO_STACK_LOCATION sp) {
+                                 irp->Tail.Overlay.AuxiliaryBuffer = static_cast<PCHAR>(copy);  // freed with the packet
+                                 sp->Parameters.SetSecurity.SecurityInformation = info;
+                                 sp->Parameters.SetSecurity.SecurityDescriptor = copy;
+                                 attached = true;
+                             });
+    if (!attached) ExFreePoolWithTag(copy, kTagBuffer);  // no packet was had
+    return status;
 }
 
 }  // namespace

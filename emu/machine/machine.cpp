@@ -232,9 +232,23 @@ uint64_t Machine::DroppedLogLines() const { return impl_->log.DroppedLines(); }
 
 std::vector<PoolTagUsage> Machine::PoolUsage() const { return impl_->pool.Usage(false); }
 
-void Machine::FailNthAllocation(uint64_t n) { impl_->pool.FailNth(n); }
+void Machine::FailNthAllocation(uint64_t n, const std::string& tag) {
+    impl_->pool.FailNth(n, !tag.empty(), PoolTagFromText(tag));
+}
 
-void Machine::FailAllocationsWithTag(const std::string& tag) { impl_->pool.FailTag(PoolTagFromText(tag)); }
+uint64_t Machine::AllocationCount() const { return impl_->pool.Attempts(); }
+
+uint64_t Machine::AllocationCount(const std::string& tag) const {
+    return impl_->pool.AttemptsWithTag(PoolTagFromText(tag));
+}
+
+void Machine::SetFaultObserver(std::function<void(const FaultInjected&)> observer) {
+    impl_->pool.SetFaultObserver(std::move(observer));
+}
+
+void Machine::FailAllocationsWithTag(const std::string& tag, uint64_t skip) {
+    impl_->pool.FailTag(PoolTagFromText(tag), skip);
+}
 
 void Machine::ClearFaultInjection() { impl_->pool.ClearFaults(); }
 

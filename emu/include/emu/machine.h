@@ -42,6 +42,14 @@ struct VerifierReport {
     std::string ToString() const;
 };
 
+// One allocation refused by fault injection, as the observer hears of it (on
+// the thread that asked for the memory).
+struct FaultInjected {
+    uint64_t serial = 0;     // the allocation's number since the machine started, from 1
+    uint64_t tagSerial = 0;  // its number among the allocations with its tag
+    std::string tag;
+};
+
 struct MachineOptions {
     bool echoLog = false;           // also write every DbgPrint to stderr
     size_t logCapacity = 16u << 20; // bytes of recent debug output kept; older lines are dropped
@@ -123,11 +131,19 @@ public:
     // Verifier.
     std::vector<PoolTagUsage> PoolUsage() const;  // every tag ever used
     VerifierReport Snapshot() const;              // what is outstanding now
-    // Fault injection: fail the Nth pool allocation from now (1 = the next),
-    // or every allocation with TAG (4 characters); Clear removes both.
-    void FailNthAllocation(uint64_t n);
-    void FailAllocationsWithTag(const std::string& tag);
+    // Fault injection. Allocations are pool blocks and lookaside entries,
+    // counted from the machine's start, refused ones included.
+    // FailNthAllocation: fail the Nth allocation from now (1 = the next), or
+    // with TAG the Nth allocation with that tag. FailAllocationsWithTag:
+    // fail every allocation with TAG (4 characters) after the first SKIP of
+    // them from now. Clear removes both.
+    void FailNthAllocation(uint64_t n, const std::string& tag = "");
+    void FailAllocationsWithTag(const std::string& tag, uint64_t skip = 0);
     void ClearFaultInjection();
+    uint64_t AllocationCount() const;
+    uint64_t AllocationCount(const std::string& tag) const;
+    // Hears of every refused allocation; an empty function stops it.
+    void SetFaultObserver(std::function<void(const FaultInjected&)> observer);
     std::vector<std::string> HandleLines(uint32_t pid = 0) const;  // 0 = every process
 
     // Closes every process's handles, dismounts volumes, and reports.
