@@ -22,41 +22,53 @@ static VOID MakeSlotPath(PWSTR Buffer, PCWSTR Slot, PUNICODE_STRING Path) {
     RtlInitUnicodeString(Path, Buffer);
 }
 
-// A path whose buffer or entry cannot be allocated is left out; the control
-// code has no way to report it.
-VOID AddExcludedPaths(PVOID PathSlots, ULONG Length) {
+// Every entry is allocated before any is linked: without memory for all of
+// them the list stays as it was and the caller is told.
+NTSTATUS AddExcludedPaths(PVOID PathSlots, ULONG Length) {
     ResourceLock lock(&g_ExcludedPathListLock, TRUE);
     const ULONG ulCount = Length / PATH_SLOT_SIZE;
+    PExcludedPathEntry pNew = NULL;
+    PExcludedPathEntry* ppTail = &pNew;  // in input order, so that the first spelling of a path is kept
     for (ULONG i = 0; i < ulCount; i++) {
         PoolBlock pathBlock(PATH_SLOT_SIZE, TRVN_TAG_GENERAL);
-        if (pathBlock.Get() == NULL) {
-            continue;
+        PoolBlock entryBlock(sizeof(ExcludedPathEntry), TRVN_TAG_GENERAL);
+        if (pathBlock.Get() == NULL || entryBlock.Get() == NULL) {
+            while (pNew != NULL) {
+                PExcludedPathEntry pNext = pNew->m_pNext;
+                ExFreePoolWithTag(pNew->m_ustrPath.Buffer, TRVN_TAG_GENERAL);
+                ExFreePoolWithTag(pNew, TRVN_TAG_GENERAL);
+                pNew = pNext;
+            }
+            return STATUS_INSUFFICIENT_RESOURCES;
         }
-        UNICODE_STRING ustrPath;
-        MakeSlotPath((PWSTR)pathBlock.Get(), (PCWSTR)((PUCHAR)PathSlots + i * PATH_SLOT_SIZE), &ustrPath);
-
+        PExcludedPathEntry pEntry = (PExcludedPathEntry)entryBlock.Detach();
+        MakeSlotPath((PWSTR)pathBlock.Get(), (PCWSTR)((PUCHAR)PathSlots + i * PATH_SLOT_SIZE), &pEntry->m_ustrPath);
+        pathBlock.Detach();
+        pEntry->m_pNext = NULL;
+        *ppTail = pEntry;
+        ppTail = &pEntry->m_pNext;
+    }
+    // New entries go in sorted; a path listed already is dropped.
+    while (pNew != NULL) {
+        PExcludedPathEntry pEntry = pNew;
+        pNew = pNew->m_pNext;
         PExcludedPathEntry* ppLink = &g_pExcludedPathList;
         LONG lOrder = 1;
         for (; *ppLink != NULL; ppLink = &(*ppLink)->m_pNext) {
-            lOrder = RtlCompareUnicodeString(&(*ppLink)->m_ustrPath, &ustrPath, TRUE);
+            lOrder = RtlCompareUnicodeString(&(*ppLink)->m_ustrPath, &pEntry->m_ustrPath, TRUE);
             if (lOrder >= 0) {
                 break;
             }
         }
         if (*ppLink != NULL && lOrder == 0) {
-            continue;  // listed already
-        }
-
-        PExcludedPathEntry pEntry =
-            (PExcludedPathEntry)ExAllocatePoolWithTag(NonPagedPool, sizeof(ExcludedPathEntry), TRVN_TAG_GENERAL);
-        if (pEntry == NULL) {
+            ExFreePoolWithTag(pEntry->m_ustrPath.Buffer, TRVN_TAG_GENERAL);
+            ExFreePoolWithTag(pEntry, TRVN_TAG_GENERAL);
             continue;
         }
-        pEntry->m_ustrPath = ustrPath;
-        pEntry->m_ustrPath.Buffer = (PWSTR)pathBlock.Detach();
         pEntry->m_pNext = *ppLink;
         *ppLink = pEntry;
     }
+    return STATUS_SUCCESS;
 }
 
 VOID RemoveExcludedPaths(PVOID PathSlots, ULONG Length) {

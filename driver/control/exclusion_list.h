@@ -15,7 +15,7 @@ extern ERESOURCE g_ExcludedPathListLock;
 
 VOID InitExcludedPathList();
 
-VOID AddExcludedPaths(PVOID PathSlots, ULONG Length);
+NTSTATUS AddExcludedPaths(PVOID PathSlots, ULONG Length);
 VOID RemoveExcludedPaths(PVOID PathSlots, ULONG Length);
 BOOLEAN GetExcludedPathList(PVOID Output, ULONG OutputLength, PULONG BytesWritten);
 BOOLEAN GetExcludedPathCount(PULONG Count);

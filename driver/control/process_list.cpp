@@ -27,22 +27,22 @@ static VOID FreeMonitoredProcessEntry(PMonitoredProcessEntry Entry) {
     ExFreePoolWithTag(Entry, TRVN_TAG_GENERAL);
 }
 
-// A process whose entry or name cannot be allocated is not added; the control
-// code has no way to report it.
-VOID AddMonitoredProcess(const TervaneProcessRecord* Record) {
+// A process whose entry or name cannot be allocated is not added, and the
+// caller is told.
+NTSTATUS AddMonitoredProcess(const TervaneProcessRecord* Record) {
     ResourceLock lock(&g_MonitoredProcessListLock, TRUE);
 
     PMonitoredProcessEntry* ppLink = &g_pMonitoredProcessList;
     for (; *ppLink != NULL; ppLink = &(*ppLink)->m_pNext) {
         if ((*ppLink)->m_ulProcessId == Record->m_ulProcessId) {
-            return;
+            return STATUS_SUCCESS;
         }
     }
 
     PoolBlock entryBlock(sizeof(MonitoredProcessEntry), TRVN_TAG_GENERAL);
     PoolBlock nameBlock(PROCESS_NAME_SIZE, TRVN_TAG_GENERAL);
     if (entryBlock.Get() == NULL || nameBlock.Get() == NULL) {
-        return;
+        return STATUS_INSUFFICIENT_RESOURCES;
     }
     PMonitoredProcessEntry pEntry = (PMonitoredProcessEntry)entryBlock.Detach();
     pEntry->m_ulProcessId = Record->m_ulProcessId;
@@ -57,6 +57,7 @@ VOID AddMonitoredProcess(const TervaneProcessRecord* Record) {
     AppendStringToCountedN(&pEntry->m_ustrName, wszName, PROCESS_NAME_CHARS);
 
     *ppLink = pEntry;
+    return STATUS_SUCCESS;
 }
 
 VOID RemoveMonitoredProcess(ULONG ProcessId) {

@@ -17,7 +17,7 @@ extern ERESOURCE g_MonitoredProcessListLock;
 
 VOID InitMonitoredProcessList();
 
-VOID AddMonitoredProcess(const TervaneProcessRecord* Record);
+NTSTATUS AddMonitoredProcess(const TervaneProcessRecord* Record);
 VOID RemoveMonitoredProcess(ULONG ProcessId);
 BOOLEAN GetMonitoredProcessList(PVOID Output, ULONG OutputLength, PULONG BytesWritten);
 VOID ClearMonitoredProcessList();

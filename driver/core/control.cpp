@@ -158,8 +158,7 @@ static NTSTATUS ServeControlCode(ULONG IoControlCode, PVOID Input, ULONG InputLe
         }
         TervaneProcessRecord record;
         memcpy(&record, Input, sizeof(record));
-        AddMonitoredProcess(&record);
-        return STATUS_SUCCESS;
+        return AddMonitoredProcess(&record);
     }
     case IOCTL_REMOVE_PROCESS: {
         if (InputLength < sizeof(ULONG)) {
@@ -183,8 +182,7 @@ static NTSTATUS ServeControlCode(ULONG IoControlCode, PVOID Input, ULONG InputLe
         if (!AreSlotsTerminated(Input, InputLength)) {
             return STATUS_INVALID_DEVICE_REQUEST;
         }
-        AddExcludedPaths(Input, InputLength);
-        return STATUS_SUCCESS;
+        return AddExcludedPaths(Input, InputLength);
     case IOCTL_REMOVE_EXCLUSIONS:
         if (!AreSlotsTerminated(Input, InputLength)) {
             return STATUS_INVALID_DEVICE_REQUEST;

@@ -37,8 +37,12 @@ static VOID ReadFsAttributeInfo(PTervaneDeviceExtension Extension, PFILE_OBJECT 
     }
 }
 
-BOOLEAN HookDrive(ULONG ulDriveIndex, PDRIVER_OBJECT DriverObject) {
+BOOLEAN HookDrive(ULONG ulDriveIndex, PDRIVER_OBJECT DriverObject, PNTSTATUS pnStatus) {
+    NTSTATUS nIgnored;
+    PNTSTATUS pnFailure = pnStatus != NULL ? pnStatus : &nIgnored;
+    *pnFailure = STATUS_SUCCESS;
     if (ulDriveIndex >= TERVANE_DRIVE_COUNT) {
+        *pnFailure = STATUS_INVALID_PARAMETER;
         return FALSE;
     }
     if (g_apFilterDevices[ulDriveIndex] != NULL) {
@@ -60,6 +64,7 @@ BOOLEAN HookDrive(ULONG ulDriveIndex, PDRIVER_OBJECT DriverObject) {
                                     FILE_OPEN, FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT, NULL, 0);
     if (!NT_SUCCESS(nStatus)) {
         TRVN_LOG("HookDrive", 170, "Could not open drive %c: %x\n", (int)wcLetter, (ULONG)nStatus);
+        *pnFailure = nStatus;
         return FALSE;
     }
     TRVN_LOG("HookDrive", 174, "opened the root directory!!! handle: %x\n", (ULONG)(ULONG_PTR)hRoot);
@@ -69,6 +74,7 @@ BOOLEAN HookDrive(ULONG ulDriveIndex, PDRIVER_OBJECT DriverObject) {
     if (!NT_SUCCESS(nStatus)) {
         TRVN_LOG("HookDrive", 183, "Could not get fileobject from handle: %c\n", (int)wcLetter);
         ZwClose(hRoot);
+        *pnFailure = nStatus;
         return FALSE;
     }
 
@@ -77,6 +83,7 @@ BOOLEAN HookDrive(ULONG ulDriveIndex, PDRIVER_OBJECT DriverObject) {
     PDEVICE_OBJECT pRelatedDevice = IoGetRelatedDeviceObject(pFileObject);
     if (pRelatedDevice == NULL) {
         TRVN_LOG("HookDrive", 196, "Could not get related device object: %c\n", (int)wcLetter);
+        *pnFailure = STATUS_UNSUCCESSFUL;
     } else if (IsFilterDeviceInUse(pRelatedDevice)) {
         // Another letter of this volume is served already: join its group.
         pFilterDevice = pRelatedDevice;
@@ -87,6 +94,7 @@ BOOLEAN HookDrive(ULONG ulDriveIndex, PDRIVER_OBJECT DriverObject) {
         if (!NT_SUCCESS(nStatus)) {
             TRVN_LOG("HookDrive", 238, "failed to create associated device: %c\n", (int)wcLetter);
             pFilterDevice = NULL;
+            *pnFailure = nStatus;
         } else {
             pFilterDevice->Flags &= ~DO_DEVICE_INITIALIZING;
             PTervaneDeviceExtension pExtension = FilterExtension(pFilterDevice);
@@ -102,6 +110,7 @@ BOOLEAN HookDrive(ULONG ulDriveIndex, PDRIVER_OBJECT DriverObject) {
                 // Nothing refers to an unattached filter device: delete it.
                 IoDeleteDevice(pFilterDevice);
                 pFilterDevice = NULL;
+                *pnFailure = STATUS_UNSUCCESSFUL;
             } else {
                 if (pAttachedTo != pRelatedDevice) {
                     TRVN_LOG("HookDrive", 287, "Attached other device\n");
@@ -127,15 +136,22 @@ VOID UnhookDrive(ULONG ulDriveIndex) {
     }
 }
 
-ULONG HookDriveSet(ULONG ulDriveMask, PDRIVER_OBJECT DriverObject) {
+ULONG HookDriveSet(ULONG ulDriveMask, PDRIVER_OBJECT DriverObject, PNTSTATUS pnStatus) {
     const ULONG ulHookedAtStart = g_ulHookedDriveMask;
     ULONG ulMask = ulDriveMask;
+    if (pnStatus != NULL) {
+        *pnStatus = STATUS_SUCCESS;
+    }
 
     for (ULONG i = 0; i < TERVANE_DRIVE_COUNT; i++) {
         const ULONG ulBit = 1UL << i;
         if ((ulMask & ulBit) && !(ulHookedAtStart & ulBit)) {
-            if (!HookDrive(i, DriverObject)) {
+            NTSTATUS nStatus;
+            if (!HookDrive(i, DriverObject, &nStatus)) {
                 TRVN_LOG("HookDriveSet", 396, "Hook Drive failure\n");
+                if (pnStatus != NULL && NT_SUCCESS(*pnStatus)) {
+                    *pnStatus = nStatus;
+                }
                 ulMask &= ~ulBit;
             } else {
                 TRVN_LOG("HookDriveSet", 404, "Hook Drive hook drives in same drive group   \n");

@@ -1,5 +1,5 @@
-// Release of the driver's state at the end of an emulated machine's life.
-#if !defined(_WIN32)
+// Release of the driver's state: after a start-up that failed half way, and
+// at the end of an emulated machine's life.
 
 #include "control/exclusion_list.h"
 #include "control/filter_directory.h"
@@ -110,5 +110,3 @@ VOID ReleaseDriverState() {
     g_ustrCurrentProcessName.MaximumLength = 0;
     g_ulProcessNameOffset = 0;
 }
-
-#endif

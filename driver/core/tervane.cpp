@@ -134,6 +134,16 @@ extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRI
 
     g_ulProcessNameOffset = FindProcessNameOffset();
 
-    HookDriveSet(ReadSystemDriveMask(), DriverObject);
+    // Start-up fails when memory runs short for the hidden-path index or for
+    // hooking the system drive: a driver without either would serve every
+    // monitored process the bare volume, or bring deleted names back. A drive
+    // that has no volume still does not fail start-up.
+    NTSTATUS nHookStatus;
+    HookDriveSet(ReadSystemDriveMask(), DriverObject, &nHookStatus);
+    if (g_pHiddenPathIndex == NULL || nHookStatus == STATUS_INSUFFICIENT_RESOURCES ||
+        nHookStatus == STATUS_NO_MEMORY) {
+        ReleaseDriverState();
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
     return STATUS_SUCCESS;
 }

@@ -20,9 +20,11 @@ ULONG FindProcessNameOffset();
 
 // ---- Volume attachment ---------------------------------------------------------
 
-BOOLEAN HookDrive(ULONG DriveIndex, PDRIVER_OBJECT DriverObject);
+// *Status (optional) receives the status that kept a drive from being
+// hooked (for HookDriveSet, the first drive's), or STATUS_SUCCESS.
+BOOLEAN HookDrive(ULONG DriveIndex, PDRIVER_OBJECT DriverObject, PNTSTATUS Status = NULL);
 VOID UnhookDrive(ULONG DriveIndex);
-ULONG HookDriveSet(ULONG DriveMask, PDRIVER_OBJECT DriverObject);
+ULONG HookDriveSet(ULONG DriveMask, PDRIVER_OBJECT DriverObject, PNTSTATUS Status = NULL);
 
 // ---- Routing -------------------------------------------------------------------
 
@@ -35,11 +37,9 @@ BOOLEAN NTAPI TervaneFastIoDeviceControl(PFILE_OBJECT FileObject, BOOLEAN Wait, 
                                          ULONG IoControlCode, PIO_STATUS_BLOCK IoStatus,
                                          PDEVICE_OBJECT DeviceObject);
 
-#if !defined(_WIN32)
-// The emulated machine only: gives back everything the driver holds (lists,
-// indexes, pools, locks, devices, link) and resets the global state, so that
-// a machine can shut down with nothing outstanding and the next one can load
-// the driver afresh. Runs on a thread of the machine. The real driver, which
-// has no unload, never does this.
+// Gives back everything the driver holds (lists, indexes, pools, locks,
+// devices, link) and resets the global state: when start-up fails half way,
+// and on the emulated machine at the end of its life, so that it can shut
+// down with nothing outstanding and the next one can load the driver afresh.
+// The driver has no unload routine; nothing else calls this.
 VOID ReleaseDriverState();
-#endif

@@ -141,7 +141,11 @@ static BOOLEAN IsParentRemoved(PCUNICODE_STRING FullPath) {
     UNICODE_STRING ustrParent;
     ustrParent.Buffer = FullPath->Buffer;
     ustrParent.Length = ustrParent.MaximumLength = (USHORT)((ulLast - 1) * sizeof(WCHAR));
-    return IsPathHidden(&ustrParent) && (FiltCheckFileExists(&ustrParent, 1, NULL) & 1) == 0;
+    // A parent that cannot be probed counts as removed: the create fails
+    // instead of making the directory again.
+    NTSTATUS nCheckStatus;
+    return IsPathHidden(&ustrParent) &&
+           ((FiltCheckFileExists(&ustrParent, 1, NULL, &nCheckStatus) & 1) == 0 || !NT_SUCCESS(nCheckStatus));
 }
 
 // The filter directory in which the real file is opened, by disposition: the
@@ -217,6 +221,7 @@ typedef struct CreateParameters {
     ULONG m_ulShareAccess;    // the caller's, with FILE_SHARE_READ added
     ULONG m_ulFileAttributes;
     BOOLEAN m_bDeleteOnClose;
+    ULONG m_ulRemoveLowerMask;  // with m_bDeleteOnClose: the lower copies the close hides
 } CreateParameters;
 
 static VOID ReadCreateParameters(PIO_STACK_LOCATION pIrpSp, CreateParameters* pParameters) {
@@ -226,6 +231,7 @@ static VOID ReadCreateParameters(PIO_STACK_LOCATION pIrpSp, CreateParameters* pP
     pParameters->m_ulShareAccess = pIrpSp->Parameters.Create.ShareAccess | FILE_SHARE_READ;
     pParameters->m_ulFileAttributes = pIrpSp->Parameters.Create.FileAttributes;
     pParameters->m_bDeleteOnClose = (pParameters->m_ulCreateOptions & FILE_DELETE_ON_CLOSE) != 0;
+    pParameters->m_ulRemoveLowerMask = 0;
     pParameters->m_ulCreateOptions &= ~FILE_DELETE_ON_CLOSE;
     if (!(pParameters->m_ulCreateOptions & (FILE_SYNCHRONOUS_IO_NONALERT | FILE_SYNCHRONOUS_IO_ALERT))) {
         pParameters->m_ulCreateOptions |= FILE_SYNCHRONOUS_IO_NONALERT;
@@ -282,6 +288,7 @@ static NTSTATUS RecordRedirectedOpen(PIRP Irp, PIO_STACK_LOCATION pIrpSp, PUNICO
     entry.m_pFileObject = pIrpSp->FileObject;
     entry.m_ustrFullPath = *FullPath;
     entry.m_bDeleteOnClose = pParameters->m_bDeleteOnClose;
+    entry.m_ulRemoveLowerMask = pParameters->m_ulRemoveLowerMask;
     entry.m_ulCopyUpGeneration = CopyUpGeneration;
     const BOOLEAN bRecorded = MakeFileHandleEntry(&entry) != NULL;
     const ULONG ulDisposition = pParameters->m_ulDisposition;
@@ -309,13 +316,30 @@ static NTSTATUS OpenRedirected(PIRP Irp, PIO_STACK_LOCATION pIrpSp, PUNICODE_STR
     ReadCreateParameters(pIrpSp, &parameters);
     const ULONG ulFilterFlag = ChooseFilterFlag(ExistenceMask, parameters.m_ulDisposition);
     PrepareOverwrite(FullPath, ExistenceMask, parameters.m_ulDisposition);
+
+    // Deletion at close: what can fail is done now, before the open. The
+    // file system deletes a real file of filter directory 0 itself when its
+    // handle closes; a lower filter directory's file is never deleted, its
+    // name (with those of the other lower copies) leaves the view at close.
+    CreateParameters realParameters = parameters;
+    if (parameters.m_bDeleteOnClose) {
+        NTSTATUS nPrepareStatus = FiltPrepareRemoval(FullPath, &parameters.m_ulRemoveLowerMask);
+        if (!NT_SUCCESS(nPrepareStatus)) {
+            Irp->IoStatus.Status = nPrepareStatus;
+            Irp->IoStatus.Information = 0;
+            return nPrepareStatus;
+        }
+        if (ulFilterFlag == 1) {
+            realParameters.m_ulCreateOptions |= FILE_DELETE_ON_CLOSE;
+        }
+    }
     if (pIrpSp->Parameters.Create.EaLength != 0) {
         TRVN_LOG("TervaneCreate", __LINE__, "Warning: EaLength not zero[%d] EaBuffer not NULL[%08x]\r\n",
                  pIrpSp->Parameters.Create.EaLength, (ULONG)(ULONG_PTR)Irp->AssociatedIrp.SystemBuffer);
     }
 
     HANDLE hRealFile = NULL;
-    NTSTATUS nStatus = OpenRealFile(Irp, pIrpSp, FullPath, ulFilterFlag, &parameters, &hRealFile);
+    NTSTATUS nStatus = OpenRealFile(Irp, pIrpSp, FullPath, ulFilterFlag, &realParameters, &hRealFile);
     TRVN_LOG("TervaneCreate", __LINE__,
              "CreateFile\t[%wZ] /w Access[%x] FileAttrib[%x] Share[%x] Option[%x] Res[%x] Status[%x] Info[%x]\r\n",
              FullPath, parameters.m_ulDesiredAccess, parameters.m_ulFileAttributes,
@@ -394,7 +418,13 @@ NTSTATUS TervaneCreate(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     // Read before the existence check: a copy-up that ends after the check
     // is seen by the open's first request.
     const ULONG ulCopyUpGeneration = CurrentCopyUpGeneration();
-    const ULONG ulExistenceMask = FiltCheckFileExists(&ustrFullPath, FILTER_MASK_ALL, NULL);
+    NTSTATUS nCheckStatus;
+    const ULONG ulExistenceMask = FiltCheckFileExists(&ustrFullPath, FILTER_MASK_ALL, NULL, &nCheckStatus);
+    if (!NT_SUCCESS(nCheckStatus)) {
+        // Without knowing where the file lies, no open can be made: another
+        // filter directory's copy, or a new one, would take its place.
+        return CompleteCreate(Irp, nCheckStatus);
+    }
     const BOOLEAN bTargetDirectory = (pIrpSp->Flags & SL_OPEN_TARGET_DIRECTORY) != 0;
     if (bTargetDirectory) {
         if (IsUnderPackRoot(&ustrFullPath)) {

@@ -24,6 +24,14 @@ inline NTSTATUS ReleaseAndComplete(PFileHandleEntry Entry, PIRP Irp, NTSTATUS St
 }
 
 
+// Deletion at close, made ready when it is asked for (a delete request, or
+// an open with FILE_DELETE_ON_CLOSE), so that the close, which cannot fail,
+// needs no memory for it: the lower copies are found and opened for deletion,
+// then a real file in filter directory 0 is marked for deletion on the real
+// handle. Nothing is changed when a step fails. Cancel takes the mark back.
+NTSTATUS PrepareDeleteOnClose(PFileHandleEntry pFileHandleEntry);
+NTSTATUS CancelDeleteOnClose(PFileHandleEntry pFileHandleEntry);
+
 // Copies the open's file up into filter directory 0 and closes the handle it
 // replaced; logs the copy under Function's name. A failed copy is reported
 // and leaves the entry unchanged. Returns the copy-up's status, with which

@@ -10,6 +10,7 @@
 #include "base/log.h"
 #include "base/global_state.h"
 #include "filemgr/file_manager.h"
+#include "index/file_index.h"
 
 #define NT_PREFIX L"\\??\\"
 #define NT_PREFIX_CHARS 4
@@ -249,13 +250,22 @@ NTSTATUS TervaneSetInformationRename(PFileHandleEntry pFileHandleEntry, PFILE_RE
                RtlUpcaseUnicodeChar(pFileHandleEntry->m_ustrFullPath.Buffer[0])) {
         nStatus = STATUS_NOT_SAME_DEVICE;  // the view holds one volume
     } else {
-        const ULONG ulMask = FiltCheckFileExists(&ustrTarget, FILTER_MASK_ALL, NULL);
-        if (ulMask != 0) {
+        NTSTATUS nCheckStatus;
+        const ULONG ulMask = FiltCheckFileExists(&ustrTarget, FILTER_MASK_ALL, NULL, &nCheckStatus);
+        if (!NT_SUCCESS(nCheckStatus)) {
+            nStatus = nCheckStatus;  // an existing target might go unseen
+        } else if (ulMask != 0) {
             nStatus = CheckExistingTarget(&ustrTarget, ulMask, RenameInfo->ReplaceIfExists);
         }
     }
+    // The old name's lower copies are found and opened for deletion before
+    // the rename, so that hiding them afterwards cannot fail.
+    ULONG ulLowerMask = 0;
     if (NT_SUCCESS(nStatus)) {
         TRVN_ASSERT(pFileHandleEntry->m_ulFilterEntryFlag & 0x01, DISPATCH_SOURCE, __LINE__);
+        nStatus = FiltPrepareRemoval(&pFileHandleEntry->m_ustrFullPath, &ulLowerMask);
+    }
+    if (NT_SUCCESS(nStatus)) {
         nStatus = PrepareTargetDirectory(&ustrTarget);
     }
     // The entry keeps its new path at its length, in a buffer had before
@@ -274,7 +284,9 @@ NTSTATUS TervaneSetInformationRename(PFileHandleEntry pFileHandleEntry, PFILE_RE
         nStatus = RenameRealFile(pFileHandleEntry, &ustrTarget, RenameInfo->ReplaceIfExists);
     }
     if (NT_SUCCESS(nStatus)) {
-        FiltDeleteFile(&pFileHandleEntry->m_ustrFullPath);
+        if (ulLowerMask != 0) {
+            HidePath(&pFileHandleEntry->m_ustrFullPath);
+        }
         ReplaceFileHandleEntryPath(pFileHandleEntry, &ustrNewPath);
         nStatus = STATUS_SUCCESS;
     }
@@ -284,6 +296,11 @@ NTSTATUS TervaneSetInformationRename(PFileHandleEntry pFileHandleEntry, PFILE_RE
     return nStatus;
 }
 
+// Everything a deletion needs that can fail is done here, where the caller
+// hears of a failure: the copy in filter directory 0 is marked for deletion
+// on the real handle (the file system deletes it when the close closes that
+// handle), and the lower copies are found and opened for deletion once; the
+// close then only hides their name, which needs no memory.
 NTSTATUS TervaneSetInformationDisposition(PFileHandleEntry pFileHandleEntry, PIO_STATUS_BLOCK IoStatus,
                                           PFILE_DISPOSITION_INFORMATION DispositionInfo, ULONG Length) {
     if (Length < sizeof(FILE_DISPOSITION_INFORMATION)) {
@@ -297,39 +314,7 @@ NTSTATUS TervaneSetInformationDisposition(PFileHandleEntry pFileHandleEntry, PIO
         IoStatus->Information = 1;
         return STATUS_SUCCESS;
     }
-    NTSTATUS nStatus = ZwSetInformationFile(pFileHandleEntry->m_hRealFileHandle, IoStatus, DispositionInfo, Length,
-                                            FileDispositionInformation);
-    if (!NT_SUCCESS(nStatus)) {
-        IoStatus->Status = nStatus;
-        IoStatus->Information = 0;
-        return nStatus;
-    }
-    // The real file only had to show that it can be deleted: the deletion
-    // itself waits for the close.
-    FILE_DISPOSITION_INFORMATION undo;
-    undo.DeleteFile = FALSE;
-    IO_STATUS_BLOCK iosb;
-    NTSTATUS nStatusRet = ZwSetInformationFile(pFileHandleEntry->m_hRealFileHandle, &iosb, &undo, sizeof(undo),
-                                               FileDispositionInformation);
-    TRVN_ASSERT(NT_SUCCESS( nStatusRet ), DISPATCH_SOURCE, __LINE__);
-
-    const ULONG ulAll = GetFilterMask();
-    for (ULONG ulFlag = 1; ulFlag != 0 && ulFlag <= ulAll && NT_SUCCESS(nStatus); ulFlag <<= 1) {
-        if (!(ulAll & ulFlag) || ulFlag == pFileHandleEntry->m_ulFilterEntryFlag ||
-            FiltCheckFileExists(&pFileHandleEntry->m_ustrFullPath, ulFlag, NULL) == 0) {
-            continue;
-        }
-        HANDLE hCopy = NULL;
-        nStatus = FiltOpenFile(ulFlag, FALSE, &hCopy, DELETE | SYNCHRONIZE, &pFileHandleEntry->m_ustrFullPath,
-                               FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, FILE_OPEN,
-                               FILE_SYNCHRONOUS_IO_NONALERT);
-        if (NT_SUCCESS(nStatus)) {
-            ZwClose(hCopy);
-        }
-    }
-    if (NT_SUCCESS(nStatus)) {
-        pFileHandleEntry->m_bDeleteOnClose = bDeleteFile;
-    }
+    NTSTATUS nStatus = bDeleteFile ? PrepareDeleteOnClose(pFileHandleEntry) : CancelDeleteOnClose(pFileHandleEntry);
     IoStatus->Status = nStatus;
     IoStatus->Information = 0;
     return nStatus;

@@ -36,7 +36,11 @@ NTSTATUS CopyUpDirectory(PCUNICODE_STRING pustrDirectory) {
     if (pustrDirectory->Length <= 3 * sizeof(WCHAR)) {
         return STATUS_SUCCESS;  // a drive root is in every filter directory
     }
-    const ULONG ulExists = FiltCheckFileExists(pustrDirectory, FILTER_MASK_ALL, NULL);
+    NTSTATUS nCheckStatus;
+    const ULONG ulExists = FiltCheckFileExists(pustrDirectory, FILTER_MASK_ALL, NULL, &nCheckStatus);
+    if (!NT_SUCCESS(nCheckStatus)) {
+        return nCheckStatus;
+    }
     if (ulExists & 1) {
         return STATUS_SUCCESS;
     }
@@ -377,11 +381,26 @@ NTSTATUS CopyUpOpenFile(PFileHandleEntry pEntry, ULONG ulDestinationFlag, PHANDL
         NoteCopyInPackLocation();
     }
 
+    // An open to be deleted at close stays so on its copy.
+    if (pEntry->m_bDeleteOnClose && ulDestinationFlag == 1) {
+        FILE_DISPOSITION_INFORMATION disposition;
+        disposition.DeleteFile = TRUE;
+        nStatus = ZwSetInformationFile(hNew, &IoStatus, &disposition, sizeof(disposition), FileDispositionInformation);
+        if (!NT_SUCCESS(nStatus)) {
+            ZwClose(hNew);
+            return nStatus;
+        }
+    }
+
     PFILE_OBJECT pRealFileObject = NULL;
     NTSTATUS nStatusObject =
         ObReferenceObjectByHandle(hNew, 0, *IoFileObjectType, KernelMode, (PVOID*)&pRealFileObject, NULL);
     TRVN_ASSERT(NT_SUCCESS( nStatusObject ), FILE_MANAGER_SOURCE, __LINE__);
-    if (NT_SUCCESS(nStatusObject)) {
+    if (!NT_SUCCESS(nStatusObject)) {
+        ZwClose(hNew);  // the caller's open could not follow it
+        return nStatusObject;
+    }
+    {
         PFILE_OBJECT pCallerFileObject = pEntry->m_pFileObject;
         if (pCallerFileObject != NULL) {
             pCallerFileObject->FsContext = pRealFileObject->FsContext;
@@ -401,7 +420,12 @@ NTSTATUS CopyUpOpenFile(PFileHandleEntry pEntry, ULONG ulDestinationFlag, PHANDL
 }
 
 NTSTATUS CopyUpDirectoryContents(PCUNICODE_STRING pustrPath, PDEVICE_OBJECT FilterDevice) {
-    if ((FiltCheckFileExists(pustrPath, GetFilterMask() & ~1UL, NULL) & ~1UL) == 0) {
+    NTSTATUS nCheckStatus;
+    const ULONG ulLower = FiltCheckFileExists(pustrPath, GetFilterMask() & ~1UL, NULL, &nCheckStatus) & ~1UL;
+    if (!NT_SUCCESS(nCheckStatus)) {
+        return nCheckStatus;  // what lies below cannot be known, so it cannot be carried along
+    }
+    if (ulLower == 0) {
         return STATUS_SUCCESS;  // no lower filter directory holds it
     }
     PCopyUpClaim pClaim = NULL;

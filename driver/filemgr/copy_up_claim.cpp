@@ -99,8 +99,6 @@ ULONG CurrentCopyUpGeneration() {
     return (ULONG)InterlockedCompareExchange(&s_lCopyUpGeneration, 0, 0);
 }
 
-#if !defined(_WIN32)
 VOID ReleaseCopyUpClaims() {
     ExDeleteResourceLite(&s_CopyUpClaimLock);
 }
-#endif

@@ -115,3 +115,26 @@ BOOLEAN FiltDeleteFile(PCUNICODE_STRING pustrPath) {
     }
     return TRUE;
 }
+
+NTSTATUS FiltPrepareRemoval(PCUNICODE_STRING pustrPath, PULONG pulLowerMask) {
+    *pulLowerMask = 0;
+    NTSTATUS nCheckStatus;
+    const ULONG ulLower = FiltCheckFileExists(pustrPath, GetFilterMask() & ~1UL, NULL, &nCheckStatus) & ~1UL;
+    if (!NT_SUCCESS(nCheckStatus)) {
+        return nCheckStatus;
+    }
+    const ULONG ulAll = GetFilterMask();
+    for (ULONG ulFlag = 2; ulFlag != 0 && ulFlag <= ulAll; ulFlag <<= 1) {
+        if ((ulLower & ulFlag) == 0) {
+            continue;
+        }
+        ScopedHandle hProbe;
+        NTSTATUS nStatus = FiltOpenFile(ulFlag, FALSE, hProbe.Out(), DELETE_ACCESS, pustrPath,
+                                        FILE_SHARE_READ | FILE_SHARE_DELETE, FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT);
+        if (!NT_SUCCESS(nStatus)) {
+            return nStatus;
+        }
+    }
+    *pulLowerMask = ulLower;
+    return STATUS_SUCCESS;
+}

@@ -58,10 +58,15 @@ static VOID RefineExistenceStatus(PNTSTATUS pnStatus, NTSTATUS nFilterStatus) {
     }
 }
 
-ULONG FiltCheckFileExists(PCUNICODE_STRING pustrPath, ULONG ulFilterMask, PNTSTATUS pnStatus) {
+ULONG FiltCheckFileExists(PCUNICODE_STRING pustrPath, ULONG ulFilterMask, PNTSTATUS pnStatus,
+                          PNTSTATUS pnCheckStatus) {
+    NTSTATUS nIgnored;
+    PNTSTATUS pnCheck = pnCheckStatus != NULL ? pnCheckStatus : &nIgnored;
+    *pnCheck = STATUS_SUCCESS;
     PoolBlock working(PATH_BUFFER_SIZE, TRVN_TAG_GENERAL);
     if (working.Get() == NULL) {
         TRVN_LOG("FiltCheckFileExists", __LINE__, "alloc fail\r\n");
+        *pnCheck = STATUS_INSUFFICIENT_RESOURCES;
         return 0;
     }
     UNICODE_STRING ustrReal;
@@ -74,6 +79,8 @@ ULONG FiltCheckFileExists(PCUNICODE_STRING pustrPath, ULONG ulFilterMask, PNTSTA
         NTSTATUS nStatus = CheckFileExists(&ustrReal);
         if (NT_SUCCESS(nStatus)) {
             ulResult |= 1;
+        } else if (IsShortOfResources(nStatus)) {
+            *pnCheck = nStatus;
         }
         if (pnStatus != NULL) {
             *pnStatus = nStatus;
@@ -102,6 +109,8 @@ ULONG FiltCheckFileExists(PCUNICODE_STRING pustrPath, ULONG ulFilterMask, PNTSTA
         NTSTATUS nStatus = CheckFileExists(&ustrReal);
         if (NT_SUCCESS(nStatus)) {
             ulResult |= ulFlag;
+        } else if (IsShortOfResources(nStatus)) {
+            *pnCheck = nStatus;
         }
         if (pnStatus != NULL) {
             RefineExistenceStatus(pnStatus, nStatus);

@@ -156,7 +156,6 @@ VOID RemoveFileHandleEntry(PFILE_OBJECT FileObject) {
     }
 }
 
-#if !defined(_WIN32)
 VOID ReleaseFileHandleTable() {
     for (ULONG i = 0; i < FILE_HANDLE_TABLE_BUCKETS; i++) {
         PFileHandleEntry pEntry = s_apFileHandleBuckets[i];
@@ -177,4 +176,3 @@ VOID ReleaseFileHandleTable() {
     s_lFileHandleEntryCount = 0;
     ExDeleteResourceLite(&s_FileHandleTableLock);
 }
-#endif

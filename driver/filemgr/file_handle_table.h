@@ -28,6 +28,8 @@ typedef struct FileHandleEntry {
     PFILE_OBJECT m_pFileObject;                      // the caller's FILE_OBJECT: the key
     UNICODE_STRING m_ustrFullPath;                   // drive path by which the caller named the file
     BOOLEAN m_bDeleteOnClose;                        // delete from every filter directory at close
+    ULONG m_ulRemoveLowerMask;                       // with m_bDeleteOnClose: lower filter directories whose
+                                                     // copies the close hides (FiltPrepareRemoval)
     ULONG m_ulCopyUpGeneration;                      // copy-up counter when the open last looked for a
                                                      // copy in filter directory 0 (CurrentCopyUpGeneration)
     struct FileHandleEntry* m_pNext;                 // next entry of the same bucket
@@ -62,8 +64,6 @@ VOID ReplaceFileHandleEntryPath(PFileHandleEntry Entry, PUNICODE_STRING NewPath)
 // are the caller's to close first). Nothing happens when there is none.
 VOID RemoveFileHandleEntry(PFILE_OBJECT FileObject);
 
-#if !defined(_WIN32)
-// The emulated machine only: closes the handles of and frees every entry left
-// in the table and deletes its lock, at the end of a machine's life.
+// Closes the handles of and frees every entry left in the table and deletes
+// its lock (ReleaseDriverState).
 VOID ReleaseFileHandleTable();
-#endif

@@ -53,7 +53,16 @@ NTSTATUS CheckFileExists(PCUNICODE_STRING RealPath);
 // others only when the path is not hidden and their index (if any) lists it.
 // *Status (optional) receives the most telling probe status: success, then
 // STATUS_OBJECT_NAME_NOT_FOUND, then STATUS_OBJECT_PATH_NOT_FOUND.
-ULONG FiltCheckFileExists(PCUNICODE_STRING Path, ULONG FilterMask, PNTSTATUS Status);
+// *CheckStatus (optional) receives STATUS_SUCCESS, or the failure of a
+// probe that could not be made for want of memory: the mask may then lack a
+// copy that exists, and a caller that acts on the mask fails with that status.
+ULONG FiltCheckFileExists(PCUNICODE_STRING Path, ULONG FilterMask, PNTSTATUS Status, PNTSTATUS CheckStatus = NULL);
+
+// A probe's status that says nothing about the object: the probe itself
+// could not be made (the driver's own buffers answer STATUS_UNSUCCESSFUL).
+inline BOOLEAN IsShortOfResources(NTSTATUS Status) {
+    return Status == STATUS_INSUFFICIENT_RESOURCES || Status == STATUS_NO_MEMORY || Status == STATUS_UNSUCCESSFUL;
+}
 
 // ---- Name resolution -------------------------------------------------------------
 
@@ -93,10 +102,8 @@ VOID ReleaseCopyUpPath(PCopyUpClaim Claim);
 // at create). An open that last looked at an older value looks again.
 VOID NoteCopyInPackLocation();
 ULONG CurrentCopyUpGeneration();
-#if !defined(_WIN32)
-// The emulated machine only: deletes the claims' lock at the end of its life.
+// Deletes the claims' lock (ReleaseDriverState).
 VOID ReleaseCopyUpClaims();
-#endif
 
 // ---- Copy-up ---------------------------------------------------------------------
 
@@ -223,6 +230,13 @@ BOOLEAN IsDotOrDotDot(PCUNICODE_STRING Name);
 // for deletion first. FALSE (nothing changed by the probe) when a copy cannot
 // be opened for deletion or the copy in filter directory 0 cannot be deleted.
 BOOLEAN FiltDeleteFile(PCUNICODE_STRING Path);
+
+// The part of a removal that can fail, made before anything is changed:
+// finds the filter directories other than filter directory 0 that hold the
+// drive path (*LowerMask) and opens each of those copies for deletion.
+// The caller removes the name later with HidePath when the mask is not 0,
+// which needs no memory; the copy in filter directory 0 is the caller's.
+NTSTATUS FiltPrepareRemoval(PCUNICODE_STRING Path, PULONG LowerMask);
 
 // Deletes one real file, clearing a read-only attribute that stands in the way.
 NTSTATUS DeleteRealFile(PCUNICODE_STRING RealPath);

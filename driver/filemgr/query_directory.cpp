@@ -143,7 +143,11 @@ NTSTATUS FiltQueryDirectoryUpdateFilter(PFileHandleEntry pFileHandleEntry, BOOLE
         return STATUS_INVALID_PARAMETER;
     }
     ULONG ulFlag = bRestart ? 1 : pFileHandleEntry->m_ulQueryDirFilterFlag << 1;
-    const ULONG ulExists = FiltCheckFileExists(&pFileHandleEntry->m_ustrFullPath, FILTER_MASK_ALL, NULL);
+    NTSTATUS nCheckStatus;
+    const ULONG ulExists = FiltCheckFileExists(&pFileHandleEntry->m_ustrFullPath, FILTER_MASK_ALL, NULL, &nCheckStatus);
+    if (!NT_SUCCESS(nCheckStatus)) {
+        return nCheckStatus;  // a listing without a filter directory's part would look whole
+    }
     if (ulExists == 0) {
         return STATUS_NO_SUCH_FILE;
     }
@@ -180,11 +184,15 @@ NTSTATUS FiltQueryDirectoryUpdateFilter(PFileHandleEntry pFileHandleEntry, BOOLE
         pFileHandleEntry->m_ustrCurrentQueryDirectoryName.Buffer =
             (PWSTR)ExAllocatePoolWithTag(NonPagedPool, pustrPattern->Length, TRVN_TAG_GENERAL);
         TRVN_ASSERT(pFileHandleEntry->m_ustrCurrentQueryDirectoryName.Buffer, FILE_MANAGER_SOURCE, __LINE__);
-        if (pFileHandleEntry->m_ustrCurrentQueryDirectoryName.Buffer != NULL) {
-            pFileHandleEntry->m_ustrCurrentQueryDirectoryName.Length = pustrPattern->Length;
-            pFileHandleEntry->m_ustrCurrentQueryDirectoryName.MaximumLength = pustrPattern->Length;
-            CopyCountedString(&pFileHandleEntry->m_ustrCurrentQueryDirectoryName, pustrPattern);
+        if (pFileHandleEntry->m_ustrCurrentQueryDirectoryName.Buffer == NULL) {
+            // The later filter directories would be listed without the
+            // pattern: the listing fails instead.
+            EndListing(pFileHandleEntry);
+            return STATUS_INSUFFICIENT_RESOURCES;
         }
+        pFileHandleEntry->m_ustrCurrentQueryDirectoryName.Length = pustrPattern->Length;
+        pFileHandleEntry->m_ustrCurrentQueryDirectoryName.MaximumLength = pustrPattern->Length;
+        CopyCountedString(&pFileHandleEntry->m_ustrCurrentQueryDirectoryName, pustrPattern);
     }
     return STATUS_SUCCESS;
 }
