@@ -91,7 +91,7 @@ private:
 void Control(Context& ctx, std::vector<Token> tokens) {
     control::Request request = control::ParseRequest(std::move(tokens));
     SessionDevice device(ctx.session);
-    control::Outcome o = control::Perform(device, request, &ctx.session.indexLoaded);
+    control::Outcome o = control::Perform(device, request, &ctx.session.known);
     ctx.result.status = o.status;
     ctx.result.info = o.info;
     for (auto& line : o.lines) ctx.Line(std::move(line));

@@ -75,18 +75,30 @@ NTSTATUS Open(const std::string& path, ACCESS_MASK access, ULONG options, Scoped
     return OpenFile(request, handle->out(), &iosb);
 }
 
+// A call that failed for want of memory says nothing about the file: the
+// tree fails with its status (the first one) instead of drawing a guess.
+struct Shortage {
+    NTSTATUS status = STATUS_SUCCESS;
+    NTSTATUS Note(NTSTATUS s) {
+        if ((s == STATUS_INSUFFICIENT_RESOURCES || s == STATUS_NO_MEMORY) && NT_SUCCESS(status)) status = s;
+        return s;
+    }
+};
+
 // Runs in the calling process. Nothing when the path cannot be opened or
 // does not answer both queries.
-std::optional<FileIdentity> IdentityOf(const std::string& path) {
+std::optional<FileIdentity> IdentityOf(const std::string& path, Shortage& shortage) {
     ScopedHandle file;
-    if (!NT_SUCCESS(Open(path, FILE_READ_ATTRIBUTES, 0, &file))) return std::nullopt;
+    if (!NT_SUCCESS(shortage.Note(Open(path, FILE_READ_ATTRIBUTES, 0, &file)))) return std::nullopt;
     FILE_INTERNAL_INFORMATION internal{};
     IO_STATUS_BLOCK iosb{};
-    if (!NT_SUCCESS(NtQueryInformationFile(file.get(), &iosb, &internal, sizeof internal, FileInternalInformation)))
+    if (!NT_SUCCESS(shortage.Note(
+            NtQueryInformationFile(file.get(), &iosb, &internal, sizeof internal, FileInternalInformation))))
         return std::nullopt;
     // The volume record ends in the label; room for a short one.
     alignas(8) uint8_t volume[sizeof(FILE_FS_VOLUME_INFORMATION) + 64]{};
-    NTSTATUS status = NtQueryVolumeInformationFile(file.get(), &iosb, volume, sizeof volume, FileFsVolumeInformation);
+    NTSTATUS status = shortage.Note(
+        NtQueryVolumeInformationFile(file.get(), &iosb, volume, sizeof volume, FileFsVolumeInformation));
     if (NT_ERROR(status)) return std::nullopt;
     return FileIdentity{reinterpret_cast<FILE_FS_VOLUME_INFORMATION*>(volume)->VolumeSerialNumber,
                         internal.IndexNumber.QuadPart};
@@ -132,9 +144,9 @@ std::string Join(const std::string& dir, const std::string& name) {
 }
 
 // Depth-first, children in listing order. Runs in the process.
-void Walk(std::vector<Node>& nodes, size_t at) {
+void Walk(std::vector<Node>& nodes, size_t at, Shortage& shortage) {
     std::vector<DirectoryEntry> entries;
-    NTSTATUS status = ListDirectory(nodes[at].drivePath, &entries);
+    NTSTATUS status = shortage.Note(ListDirectory(nodes[at].drivePath, &entries));
     if (!NT_SUCCESS(status)) {
         nodes[at].note = "(listing failed: " + emu::StatusName(status) + ")";
         return;
@@ -149,21 +161,21 @@ void Walk(std::vector<Node>& nodes, size_t at) {
         node.drivePath = Join(nodes[at].drivePath, entries[i].name);
         node.directory = (entries[i].attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
         node.size = entries[i].size;
-        node.seen = IdentityOf(node.drivePath);
+        node.seen = IdentityOf(node.drivePath, shortage);
         nodes.push_back(std::move(node));
-        if (nodes.back().directory && depth < kMaxDepth) Walk(nodes, nodes.size() - 1);
+        if (nodes.back().directory && depth < kMaxDepth) Walk(nodes, nodes.size() - 1, shortage);
     }
 }
 
 // The roots of the filter directories, as the driver reports them; empty
 // when no controller has talked to the driver (nothing can be set then).
-std::vector<std::string> FilterRoots(Context& ctx) {
+std::vector<std::string> FilterRoots(Context& ctx, Shortage& shortage) {
     if (!ctx.session.controller || !ctx.session.controlHandle) return {};
     const CommandSpec* ctl = FindCommand("ctl", Scope::Machine);
     if (!ctl) return {};
     Context query{ctx.session, nullptr, "ctl", {}};
     ctl->run(query, {Token{"filters", 7}});
-    if (!NT_SUCCESS(query.result.status)) return {};
+    if (!NT_SUCCESS(shortage.Note(query.result.status))) return {};
     std::vector<std::string> roots;
     for (const auto& path : query.result.data.value("paths", nlohmann::json::array()))
         if (path.is_string() && IsDrivePath(path.get<std::string>())) roots.push_back(path.get<std::string>());
@@ -191,16 +203,18 @@ struct Origin {
     }
 };
 
-Origin OriginOf(const Node& node, const std::vector<std::string>& roots, ProcessState& controller, Session& session) {
+Origin OriginOf(const Node& node, const std::vector<std::string>& roots, ProcessState& controller, Session& session,
+                Shortage& shortage) {
     Origin origin;
     session.RunIn(controller, [&] {
         for (size_t i = 0; i < roots.size(); ++i) {
-            std::optional<FileIdentity> copy = IdentityOf(RealPath(roots[i], node.drivePath));
+            std::optional<FileIdentity> copy = IdentityOf(RealPath(roots[i], node.drivePath), shortage);
             if (!copy) continue;
             if (node.seen && copy == node.seen) origin.layer = std::to_string(i);
             else origin.alsoIn.push_back(i);
         }
-        if (origin.layer == "?" && node.seen && IdentityOf(node.drivePath) == node.seen) origin.layer = "volume";
+        if (origin.layer == "?" && node.seen && IdentityOf(node.drivePath, shortage) == node.seen)
+            origin.layer = "volume";
     });
     return origin;
 }
@@ -226,17 +240,25 @@ void Tree(Context& ctx, std::vector<Token> tokens) {
     nodes[0].name = path;
     nodes[0].drivePath = path;
     nodes[0].directory = true;
+    Shortage shortage;
     ctx.InProcess([&] {
         ScopedHandle dir;
         ctx.result.status = Open(path, FILE_LIST_DIRECTORY, FILE_DIRECTORY_FILE, &dir);
         if (!NT_SUCCESS(ctx.result.status)) return;
-        nodes[0].seen = IdentityOf(path);
-        Walk(nodes, 0);
+        nodes[0].seen = IdentityOf(path, shortage);
+        Walk(nodes, 0, shortage);
     });
     if (!NT_SUCCESS(ctx.result.status)) return;
+    std::vector<std::string> roots = FilterRoots(ctx, shortage);
+    std::vector<Origin> origins;
+    for (const Node& n : nodes)
+        if (!roots.empty()) origins.push_back(OriginOf(n, roots, *ctx.session.controller, ctx.session, shortage));
+    if (!NT_SUCCESS(shortage.status)) {
+        ctx.result.status = shortage.status;
+        return;
+    }
     ctx.result.info = nodes.size() - 1;
 
-    std::vector<std::string> roots = FilterRoots(ctx);
     auto& list = ctx.result.data["entries"] = nlohmann::json::array();
     for (size_t i = 0; i < nodes.size(); ++i) {
         const Node& n = nodes[i];
@@ -245,7 +267,7 @@ void Tree(Context& ctx, std::vector<Token> tokens) {
         nlohmann::json entry = {{"path", n.drivePath}, {"depth", n.depth}, {"directory", n.directory}};
         if (!n.directory) entry["size"] = n.size;
         if (!roots.empty()) {
-            Origin origin = OriginOf(n, roots, *ctx.session.controller, ctx.session);
+            const Origin& origin = origins[i];
             line += " " + origin.Text();
             entry["layer"] = origin.layer;
             entry["alsoIn"] = origin.alsoIn;

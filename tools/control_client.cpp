@@ -29,17 +29,20 @@ int64_t FilterCount(Device& device) {
 // Lines that say why the driver answered as it did, where the answer alone
 // does not: filtering left off, a refused index load, a second set of
 // filter directories.
-void Explain(Device& device, const Request& request, Outcome& o, bool* indexLoaded) {
+void Explain(Device& device, const Request& request, Outcome& o, Known* known) {
     const std::string name = request.verb->name;
+    if (known && name == "set-filters" && Succeeded(o.status)) known->filtersSet = true;
+    auto filtersSet = [&] { return known ? known->filtersSet : FilterCount(device) > 0; };
+    auto filtersUnset = [&] { return known ? !known->filtersSet : FilterCount(device) == 0; };
     if (name == "start" && o.data.value("filtering", 1u) == 0) {
-        if (FilterCount(device) == 0)
+        if (filtersUnset())
             o.lines.push_back("filtering stays off: no filter directories are set (ctl set-filters ROOT...)");
         else
             o.lines.push_back(
                 "filtering stays off until the last filter directory has a loaded index (ctl load-index NODEFILE "
                 "NAMEFILE)");
     } else if (name == "load-index" && Succeeded(o.status)) {
-        if (indexLoaded) *indexLoaded = true;
+        if (known) known->indexLoaded = true;
     } else if (name == "load-index") {
         size_t before = o.lines.size();
         const char* which[] = {"the node file", "the name file"};
@@ -49,12 +52,12 @@ void Explain(Device& device, const Request& request, Outcome& o, bool* indexLoad
                 o.lines.push_back(std::string(which[i]) + " " + EscapeText(request.words[i]) +
                                   " cannot be opened: " + emu::StatusName(readable));
         }
-        if (FilterCount(device) == 0)
+        if (filtersUnset())
             o.lines.push_back("no filter directories are set: the index belongs to the last one");
-        if (indexLoaded && *indexLoaded)
+        if (known && known->indexLoaded)
             o.lines.push_back("an index is loaded already: it loads once per start of the driver");
         if (o.lines.size() == before) o.lines.push_back("the driver refused the pair; its debug output says why (log)");
-    } else if (name == "set-filters" && !Succeeded(o.status) && FilterCount(device) > 0) {
+    } else if (name == "set-filters" && !Succeeded(o.status) && filtersSet()) {
         o.lines.push_back(
             "the filter directories are set once per start of the driver, and are set already (ctl filters)");
     }
@@ -86,7 +89,7 @@ Request ParseRequest(std::vector<Token> tokens) {
     return r;
 }
 
-Outcome Perform(Device& device, const Request& request, bool* indexLoaded) {
+Outcome Perform(Device& device, const Request& request, Known* known) {
     Outcome o;
     o.status = device.Open();
     if (!Succeeded(o.status)) {
@@ -105,7 +108,7 @@ Outcome Perform(Device& device, const Request& request, bool* indexLoaded) {
     Decoded decoded = DecodeOutput(*request.verb, a.out.data(), valid);
     for (auto& line : decoded.lines) o.lines.push_back(std::move(line));
     o.data = std::move(decoded.data);
-    Explain(device, request, o, indexLoaded);
+    Explain(device, request, o, known);
     return o;
 }
 

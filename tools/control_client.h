@@ -66,11 +66,19 @@ struct Outcome {
     nlohmann::json data = nlohmann::json::object();
 };
 
+// What a caller that sends several requests saw succeed earlier in its run.
+struct Known {
+    bool filtersSet = false;   // a set-filters succeeded
+    bool indexLoaded = false;  // a load-index succeeded
+};
+
 // Sends REQUEST and decodes the answer. Where the driver's answer alone
 // does not say why it refused or left filtering off, a line says what is
-// missing. INDEX_LOADED (may be null) is the caller's knowledge of an index
-// loaded earlier in this run, updated here.
-Outcome Perform(Device& device, const Request& request, bool* indexLoaded);
+// missing. KNOWN (updated here) is the caller's knowledge of earlier
+// requests; explanations rest on it rather than on a further control call,
+// which could fail on its own. A caller of one request passes null, and the
+// driver is asked for its filter-directory count instead.
+Outcome Perform(Device& device, const Request& request, Known* known);
 
 // "STATUS_SUCCESS (0x00000000) info=4", as every command's result line.
 std::string ResultLine(int32_t status, std::optional<uint64_t> info);

@@ -163,6 +163,7 @@ emu::VerifierReport Session::Finish() {
     processes_.clear();
     controller = nullptr;
     controlHandle = nullptr;
+    if (processesEnded) processesEnded(*machine_);
     if (releaseDriver) {
         machine_->Run(machine_->SystemProcess(), releaseDriver);
         releaseDriver = nullptr;

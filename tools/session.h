@@ -14,6 +14,7 @@
 
 #include <emu/machine.h>
 
+#include "control_client.h"
 #include "result.h"
 
 namespace tervane::tool {
@@ -88,7 +89,7 @@ public:
     // The controller process and its open of the control device (or null).
     ProcessState* controller = nullptr;
     HANDLE controlHandle = nullptr;
-    bool indexLoaded = false;  // a ctl load-index succeeded
+    control::Known known;  // what this run's ctl calls saw succeed
 
     // Set by `load`: gives back what the driver holds, so that the machine
     // can shut down with nothing outstanding. Runs in the System process
@@ -98,6 +99,9 @@ public:
     // driver), and whether a driver is loaded.
     std::string driverImage;
     bool driverLoaded = false;
+    // Called by Finish once every process has ended, before the driver gives
+    // back what it holds (the allocation-failure sweep stops refusing there).
+    std::function<void(emu::Machine&)> processesEnded;
 
     // Ends the run: closes the handles that pending requests wait on, ends
     // every process (closing its handles), releases the driver, and shuts the
