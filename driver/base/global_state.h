@@ -32,7 +32,19 @@ typedef struct _TervaneDeviceExtension {
 } TervaneDeviceExtension, *PTervaneDeviceExtension;
 
 extern volatile UCHAR g_bFilteringEnabled;                       // the filtering switch
+
 extern UCHAR g_bDebugPrintEnabled;                              // the debug switch (1)
 extern ULONG g_ulHookedDriveMask;                               // bit i: letter 'A' + i hooked
 extern PDEVICE_OBJECT g_apFilterDevices[TERVANE_DRIVE_COUNT];   // filter device per letter, or null
 extern PDEVICE_OBJECT g_pControlDevice;                         // \Device\Tervane
+
+// The filtering switch is read by every request on a hooked volume without a
+// lock while the controller writes it: both use single-byte atomic accesses
+// (the compiler's, which both the emulator's and the mingw-w64 build have),
+// so a request sees the switch as it was before or after a change.
+inline BOOLEAN IsFilteringEnabled() {
+    return __atomic_load_n(&g_bFilteringEnabled, __ATOMIC_ACQUIRE) != 0;
+}
+inline VOID SetFilteringSwitch(UCHAR ucValue) {
+    __atomic_store_n(&g_bFilteringEnabled, ucValue, __ATOMIC_RELEASE);
+}

@@ -127,3 +127,20 @@ public:
 private:
     PFILE_OBJECT m_pObject;
 };
+
+// Sets IsFastIoPossible of the file system's common FCB header behind a
+// FsContext. The header is the file system's, shared by every open of the
+// file: the byte is written under the header's own resource, as the file
+// system writes it, so that two opens of one file do not race on it.
+inline VOID SetFastIoPossible(PVOID FsContext) {
+    PFSRTL_COMMON_FCB_HEADER pHeader = (PFSRTL_COMMON_FCB_HEADER)FsContext;
+    if (pHeader == NULL) {
+        return;
+    }
+    if (pHeader->Resource == NULL) {
+        pHeader->IsFastIoPossible = FastIoIsPossible;
+        return;
+    }
+    ResourceLock lock(pHeader->Resource, TRUE);
+    pHeader->IsFastIoPossible = FastIoIsPossible;
+}

@@ -87,7 +87,7 @@ static NTSTATUS LoadIndex(PVOID Input, ULONG InputLength) {
 }
 
 static NTSTATUS RenameIndex(PVOID Input, ULONG InputLength) {
-    if (g_bFilteringEnabled) {
+    if (IsFilteringEnabled()) {
         return STATUS_INVALID_DEVICE_REQUEST;
     }
     if (InputLength < INDEX_RECORD_SIZE || !AreSlotsTerminated(Input, INDEX_RECORD_SIZE)) {
@@ -143,7 +143,7 @@ static NTSTATUS StartFiltering(PVOID Output, ULONG OutputLength, PIO_STATUS_BLOC
         return STATUS_BUFFER_TOO_SMALL;
     }
     const UCHAR ucFiltering = IsFilterIndexLoaded() ? 1 : 0;
-    g_bFilteringEnabled = ucFiltering;
+    SetFilteringSwitch(ucFiltering);
     *(PUCHAR)Output = ucFiltering;
     IoStatus->Information = sizeof(UCHAR);
     return STATUS_SUCCESS;
@@ -198,7 +198,7 @@ static NTSTATUS ServeControlCode(ULONG IoControlCode, PVOID Input, ULONG InputLe
     case IOCTL_GET_EXCLUSION_COUNT:
         return WriteCount(GetExcludedPathCount, Output, OutputLength, IoStatus);
     case IOCTL_STOP_FILTERING:
-        g_bFilteringEnabled = 0;
+        SetFilteringSwitch(0);
         return STATUS_SUCCESS;
     case IOCTL_START_FILTERING:
         return StartFiltering(Output, OutputLength, IoStatus);

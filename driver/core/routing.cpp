@@ -64,7 +64,7 @@ NTSTATUS TervaneHookRoutine(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     PIO_STACK_LOCATION pStack = IoGetCurrentIrpStackLocation(Irp);
 
     if (pStack->MajorFunction == IRP_MJ_CREATE) {
-        if (g_bFilteringEnabled && pExtension->m_bHooked) {
+        if (IsFilteringEnabled() && pExtension->m_bHooked) {
             return TervaneCreate(DeviceObject, Irp);
         }
         // Redirected opens stay served while filtering is off, and the
@@ -85,10 +85,13 @@ NTSTATUS TervaneHookRoutine(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     }
 
     // Name the sender in the log heads; the routing does not depend on it.
-    if (!IsMonitoredProcess((ULONG)(ULONG_PTR)PsGetCurrentProcessId(), &g_ustrCurrentProcessName) &&
-        !GetCurrentProcessName(&g_ustrCurrentProcessName)) {
-        g_ustrCurrentProcessName.Length = 0;
+    WCHAR awcName[LOG_PROCESS_NAME_CHARS];
+    UNICODE_STRING ustrName = {0, sizeof(awcName), awcName};
+    if (!IsMonitoredProcess((ULONG)(ULONG_PTR)PsGetCurrentProcessId(), &ustrName) &&
+        !GetCurrentProcessName(&ustrName)) {
+        ustrName.Length = 0;
     }
+    SetCurrentProcessName(&ustrName);
 
     PTERVANE_REQUEST_HANDLER pHandler = RoutingTableHandler(pStack->MajorFunction);
     if (pHandler != NULL) {

@@ -79,7 +79,7 @@ static VOID ReleaseDevices() {
 }
 
 VOID ReleaseDriverState() {
-    g_bFilteringEnabled = 0;
+    SetFilteringSwitch(0);
     // Without the control device start-up failed before it made anything else.
     if (g_pControlDevice == NULL) {
         return;

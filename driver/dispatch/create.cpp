@@ -207,9 +207,7 @@ static VOID PrepareCallerFileObject(PFILE_OBJECT FileObject, HANDLE RealHandle, 
     FileObject->FsContext2 = pRealFileObject->FsContext2;
     FileObject->SectionObjectPointer = pRealFileObject->SectionObjectPointer;
     FileObject->Flags = pRealFileObject->Flags & ~FO_FILE_FAST_IO_READ;
-    if (FileObject->FsContext != NULL) {
-        ((PFSRTL_COMMON_FCB_HEADER)FileObject->FsContext)->IsFastIoPossible = FastIoIsPossible;
-    }
+    SetFastIoPossible(FileObject->FsContext);
     ObDereferenceObject(pRealFileObject);
 }
 
@@ -379,10 +377,13 @@ NTSTATUS TervaneCreate(PDEVICE_OBJECT DeviceObject, PIRP Irp) {
     if (TervanePassOwnOpenDown(DeviceObject, Irp, &nStatus)) {
         return nStatus;
     }
+    WCHAR awcName[LOG_PROCESS_NAME_CHARS];
+    UNICODE_STRING ustrName = {0, sizeof(awcName), awcName};
     if (pFileObject == NULL || pFileObject->FileName.Length == 0 ||
-        !IsMonitoredProcess((ULONG)(ULONG_PTR)PsGetCurrentProcessId(), &g_ustrCurrentProcessName)) {
+        !IsMonitoredProcess((ULONG)(ULONG_PTR)PsGetCurrentProcessId(), &ustrName)) {
         return PassCreateDown(DeviceObject, Irp, TervaneCreateCompletion);
     }
+    SetCurrentProcessName(&ustrName);
     if (pIrpSp->Flags & SL_OPEN_PAGING_FILE) {
         return PassCreateDown(DeviceObject, Irp, TervaneCreateCheckCompletion);
     }

@@ -407,9 +407,7 @@ NTSTATUS CopyUpOpenFile(PFileHandleEntry pEntry, ULONG ulDestinationFlag, PHANDL
             pCallerFileObject->FsContext2 = pRealFileObject->FsContext2;
             pCallerFileObject->SectionObjectPointer = pRealFileObject->SectionObjectPointer;
             pCallerFileObject->Flags = pRealFileObject->Flags & ~(FO_CACHE_SUPPORTED | FO_FILE_FAST_IO_READ);
-            if (pRealFileObject->FsContext != NULL) {
-                ((PFSRTL_COMMON_FCB_HEADER)pRealFileObject->FsContext)->IsFastIoPossible = FastIoIsPossible;
-            }
+            SetFastIoPossible(pRealFileObject->FsContext);
         }
         ObDereferenceObject(pRealFileObject);
     }

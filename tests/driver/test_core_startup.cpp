@@ -76,8 +76,8 @@ TEST_F(StartupTest, StateAfterLoadAndLogHeads) {
     EXPECT_NE(g_pControlDevice->Flags & DO_EXCLUSIVE, 0u);
 
     // Every line: one head (thread, process name, id 4 of System, function,
-    // line) and its message. The name prints as (null) until start-up has
-    // prepared the current-process-name string.
+    // line) and its message. The head reads the image name of the process
+    // that logs, once the offset of image names is known.
     const std::regex head(R"(^\[TRVN\][0-9a-f]+\[(.*)\]\[4\]: (\w+)\(\) \((\d+)\):\t(.*)$)");
     struct Expected {
         const char* name;
@@ -85,10 +85,10 @@ TEST_F(StartupTest, StateAfterLoadAndLogHeads) {
         const char* line;
         const char* message;
     } expected[] = {
-        {"(null)", "DriverEntry", "782", "entering DriverEntry"},
-        {"", "HookDrive", "174", "opened the root directory!!! handle: "},
-        {"", "HookDrive", "293", "Successfully connected to Filesystem device C"},
-        {"", "HookDriveSet", "404", "Hook Drive hook drives in same drive group   "},
+        {"", "DriverEntry", "782", "entering DriverEntry"},
+        {"System", "HookDrive", "174", "opened the root directory!!! handle: "},
+        {"System", "HookDrive", "293", "Successfully connected to Filesystem device C"},
+        {"System", "HookDriveSet", "404", "Hook Drive hook drives in same drive group   "},
     };
     std::vector<std::string> lines = LogMatching("[TRVN]");
     ASSERT_EQ(lines.size(), std::size(expected)) << ::testing::PrintToString(lines);

@@ -138,5 +138,40 @@ TEST_F(ProcessTest, GetCurrentProcessNameBounds) {
     });
 }
 
+// Requests of several processes run at once: a log head names the process
+// whose thread logs, never the one whose request captured a name last. Only
+// when the image name cannot be read does the captured name stand in, and
+// only for the process that captured it.
+TEST_F(ProcessTest, LogHeadNamesTheLoggingProcess) {
+    emu::Process* app = machine->CreateProcess(1234, "app.exe");
+    emu::Process* other = machine->CreateProcess(77, "other.exe");
+    struct Case {
+        const char* name;
+        bool imageNameKnown;
+        emu::Process* capturer;
+        emu::Process* logger;
+        const char* head;
+    } cases[] = {
+        {"another process captured", true, app, other, "[other.exe][77]"},
+        {"this process captured", true, app, app, "[app.exe][1234]"},
+        {"image name unknown, this process captured", false, app, app, "[app.exe][1234]"},
+        {"image name unknown, another process captured", false, app, other, "[][77]"},
+    };
+    const ULONG offset = g_ulProcessNameOffset;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        g_ulProcessNameOffset = c.imageNameKnown ? offset : 0;
+        machine->Run(c.capturer, [] {
+            UNICODE_STRING name = emu::MakeUnicodeString(u"app.exe");
+            SetCurrentProcessName(&name);
+        });
+        machine->Run(c.logger, [] { TRVN_LOG("LogHeadTest", 1, "probe\n"); });
+        std::vector<std::string> lines = LogMatching("LogHeadTest() (1)");
+        ASSERT_FALSE(lines.empty());
+        EXPECT_NE(lines.back().find(std::string(c.head) + ":"), std::string::npos) << lines.back();
+    }
+    g_ulProcessNameOffset = offset;
+}
+
 }  // namespace
 }  // namespace tervane::test
