@@ -67,8 +67,8 @@ protected:
     void BeforeShutdown() override;
 
     bool loaded = false;
-
-private:
+    // The controller and its handle of the control device (after the first
+    // Control), for tests that send control codes from threads of their own.
     emu::Process* controller_ = nullptr;
     HANDLE controlHandle_ = nullptr;
 };
