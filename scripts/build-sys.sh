@@ -14,7 +14,7 @@ dump="$(i686-w64-mingw32-objdump -p "$sys")"
 grep -q "Subsystem.*00000001" <<<"$dump" || { echo "build-sys: $sys is not a native-subsystem image"; exit 1; }
 dlls="$(grep "DLL Name" <<<"$dump" | awk '{print $3}' | sort -u)"
 for dll in $dlls; do
-  case "$dll" in
+  case "${dll,,}" in  # the loader matches DLL names without regard to case
     ntoskrnl.exe|hal.dll) ;;
     *) echo "build-sys: $sys imports from $dll"; exit 1 ;;
   esac
