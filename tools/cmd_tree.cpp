@@ -77,10 +77,14 @@ NTSTATUS Open(const std::string& path, ACCESS_MASK access, ULONG options, Scoped
 
 // A call that failed for want of memory says nothing about the file: the
 // tree fails with its status (the first one) instead of drawing a guess.
+// The driver answers STATUS_UNSUCCESSFUL when it cannot have a buffer of its
+// own, so that status counts too.
 struct Shortage {
     NTSTATUS status = STATUS_SUCCESS;
     NTSTATUS Note(NTSTATUS s) {
-        if ((s == STATUS_INSUFFICIENT_RESOURCES || s == STATUS_NO_MEMORY) && NT_SUCCESS(status)) status = s;
+        if ((s == STATUS_INSUFFICIENT_RESOURCES || s == STATUS_NO_MEMORY || s == STATUS_UNSUCCESSFUL) &&
+            NT_SUCCESS(status))
+            status = s;
         return s;
     }
 };
