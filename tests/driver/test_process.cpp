@@ -162,7 +162,8 @@ TEST_F(ProcessTest, LogHeadNamesTheLoggingProcess) {
         SCOPED_TRACE(c.name);
         g_ulProcessNameOffset = c.imageNameKnown ? offset : 0;
         machine->Run(c.capturer, [] {
-            UNICODE_STRING name = emu::MakeUnicodeString(u"app.exe");
+            const std::u16string text = u"app.exe";
+            UNICODE_STRING name = emu::MakeUnicodeString(text);
             SetCurrentProcessName(&name);
         });
         machine->Run(c.logger, [] { TRVN_LOG("LogHeadTest", 1, "probe\n"); });
