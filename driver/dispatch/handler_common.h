@@ -42,8 +42,17 @@ NTSTATUS CopyUpBeforeChange(PDEVICE_OBJECT DeviceObject, PFileHandleEntry Entry,
 // 0 when one was made since the open last looked (by another open's copy-up
 // or an overwrite), so that every open of a file reads what any of them
 // wrote. Cheap when nothing was copied up meanwhile. The caller holds the
-// entry's event.
-VOID FollowPackCopy(PDEVICE_OBJECT DeviceObject, PFileHandleEntry Entry);
+// entry's event. A failure (a probe that could not be made, a move that
+// failed) is returned: the request fails with it rather than serve the lower
+// file's older content.
+NTSTATUS FollowPackCopy(PDEVICE_OBJECT DeviceObject, PFileHandleEntry Entry);
+
+// Fails Irp with Status (no information), releasing the entry; returns Status.
+inline NTSTATUS FailRequest(PFileHandleEntry Entry, PIRP Irp, NTSTATUS Status) {
+    Irp->IoStatus.Status = Status;
+    Irp->IoStatus.Information = 0;
+    return ReleaseAndComplete(Entry, Irp, Status);
+}
 
 // An own request packet for the real FILE_OBJECT of an open, sent below the
 // filter and waited for on the calling thread. The event and the status

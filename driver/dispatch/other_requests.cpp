@@ -26,7 +26,10 @@ static NTSTATUS CompleteWithShortage(PFileHandleEntry pFileHandleEntry, PIRP Irp
 NTSTATUS TervaneLockControl(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandleEntry pFileHandleEntry) {
     PIO_STACK_LOCATION pIrpSp = IoGetCurrentIrpStackLocation(Irp);
     WaitForEntry(pFileHandleEntry);
-    FollowPackCopy(DeviceObject, pFileHandleEntry);
+    const NTSTATUS nFollowStatus = FollowPackCopy(DeviceObject, pFileHandleEntry);
+    if (!NT_SUCCESS(nFollowStatus)) {
+        return FailRequest(pFileHandleEntry, Irp, nFollowStatus);
+    }
     // An exclusive lock announces a write: the file moves into filter
     // directory 0 first, and without the copy the lock is not taken.
     if (pIrpSp->MinorFunction == IRP_MN_LOCK && (pIrpSp->Flags & SL_EXCLUSIVE_LOCK) &&
@@ -150,7 +153,10 @@ NTSTATUS TervaneFlushBuffers(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandleE
 NTSTATUS TervaneQuerySecurity(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandleEntry pFileHandleEntry) {
     PIO_STACK_LOCATION pIrpSp = IoGetCurrentIrpStackLocation(Irp);
     WaitForEntry(pFileHandleEntry);
-    FollowPackCopy(DeviceObject, pFileHandleEntry);
+    const NTSTATUS nFollowStatus = FollowPackCopy(DeviceObject, pFileHandleEntry);
+    if (!NT_SUCCESS(nFollowStatus)) {
+        return FailRequest(pFileHandleEntry, Irp, nFollowStatus);
+    }
     ULONG ulNeeded = 0;
     NTSTATUS nStatus = ZwQuerySecurityObject(pFileHandleEntry->m_hRealFileHandle,
                                              pIrpSp->Parameters.QuerySecurity.SecurityInformation, Irp->UserBuffer,
@@ -169,7 +175,10 @@ NTSTATUS TervaneQuerySecurity(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandle
 NTSTATUS TervaneSetSecurity(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandleEntry pFileHandleEntry) {
     PIO_STACK_LOCATION pIrpSp = IoGetCurrentIrpStackLocation(Irp);
     WaitForEntry(pFileHandleEntry);
-    FollowPackCopy(DeviceObject, pFileHandleEntry);
+    const NTSTATUS nFollowStatus = FollowPackCopy(DeviceObject, pFileHandleEntry);
+    if (!NT_SUCCESS(nFollowStatus)) {
+        return FailRequest(pFileHandleEntry, Irp, nFollowStatus);
+    }
     // A security change is a change like any other: it is made on the copy in
     // filter directory 0, never on a lower filter directory's file.
     NTSTATUS nStatus = STATUS_SUCCESS;

@@ -76,7 +76,10 @@ static VOID LogRealReply(PIRP Irp, PIO_STACK_LOCATION pIrpSp, PFileHandleEntry p
 NTSTATUS TervaneQueryInformation(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandleEntry pFileHandleEntry) {
     PIO_STACK_LOCATION pIrpSp = IoGetCurrentIrpStackLocation(Irp);
     WaitForEntry(pFileHandleEntry);
-    FollowPackCopy(DeviceObject, pFileHandleEntry);
+    const NTSTATUS nFollowStatus = FollowPackCopy(DeviceObject, pFileHandleEntry);
+    if (!NT_SUCCESS(nFollowStatus)) {
+        return FailRequest(pFileHandleEntry, Irp, nFollowStatus);
+    }
 
     NTSTATUS nStatus;
     switch (pIrpSp->Parameters.QueryFile.FileInformationClass) {

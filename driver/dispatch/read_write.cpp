@@ -40,28 +40,34 @@ NTSTATUS CopyUpBeforeChange(PDEVICE_OBJECT DeviceObject, PFileHandleEntry pFileH
     return nStatus;
 }
 
-VOID FollowPackCopy(PDEVICE_OBJECT DeviceObject, PFileHandleEntry pFileHandleEntry) {
+NTSTATUS FollowPackCopy(PDEVICE_OBJECT DeviceObject, PFileHandleEntry pFileHandleEntry) {
     if (pFileHandleEntry->m_ulFilterEntryFlag == 1) {
-        return;
+        return STATUS_SUCCESS;
     }
     const ULONG ulGeneration = CurrentCopyUpGeneration();
     if (pFileHandleEntry->m_ulCopyUpGeneration == ulGeneration) {
-        return;
+        return STATUS_SUCCESS;
     }
     // A directory in filter directory 0 may be no more than the ancestor of
     // something made there: only a file's copy is taken as the file.
     NTSTATUS nStatus = ProbePackLocation(&pFileHandleEntry->m_ustrFullPath);
+    BOOLEAN bMoveFailed = FALSE;
     if (nStatus == STATUS_SUCCESS && !IsDirectoryFile(pFileHandleEntry->m_hRealFileHandle)) {
         HANDLE hOldRealFile = NULL;
         nStatus = CopyUpOpenFile(pFileHandleEntry, 1, &hOldRealFile, FALSE, DeviceObject);
+        bMoveFailed = !NT_SUCCESS(nStatus);
         if (hOldRealFile != NULL) {
             ZwClose(hOldRealFile);
         }
     }
-    // A probe or a move that failed is tried again by the next request.
+    // A probe or a move that failed is tried again by the next request. A
+    // probe that could not be made, or a copy that could not be followed,
+    // fails this one: the lower file may be older than what was written.
     if (nStatus == STATUS_SUCCESS || nStatus == STATUS_OBJECT_NAME_NOT_FOUND) {
         pFileHandleEntry->m_ulCopyUpGeneration = ulGeneration;
+        return STATUS_SUCCESS;
     }
+    return IsShortOfResources(nStatus) || bMoveFailed ? nStatus : STATUS_SUCCESS;
 }
 
 // The transfer of a read (bRead) or a write on the real file, shared by both
@@ -89,7 +95,10 @@ static NTSTATUS TransferData(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandleE
 static NTSTATUS ReadOrWrite(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandleEntry pFileHandleEntry, BOOLEAN bRead) {
     const char* pszFunction = bRead ? "TervaneRead" : "TervaneWrite";
     WaitForEntry(pFileHandleEntry);
-    FollowPackCopy(DeviceObject, pFileHandleEntry);
+    const NTSTATUS nFollowStatus = FollowPackCopy(DeviceObject, pFileHandleEntry);
+    if (!NT_SUCCESS(nFollowStatus)) {
+        return FailRequest(pFileHandleEntry, Irp, nFollowStatus);
+    }
     PVOID pBuffer = RequestDataBuffer(Irp);
     NTSTATUS nStatus = STATUS_SUCCESS;
     if (!bRead && pFileHandleEntry->m_ulFilterEntryFlag != 1) {

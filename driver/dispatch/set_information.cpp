@@ -358,7 +358,10 @@ NTSTATUS TervaneSetInformation(PDEVICE_OBJECT DeviceObject, PIRP Irp, PFileHandl
     const FILE_INFORMATION_CLASS eClass = pIrpSp->Parameters.SetFile.FileInformationClass;
     const ULONG ulLength = pIrpSp->Parameters.SetFile.Length;
     WaitForEntry(pFileHandleEntry);
-    FollowPackCopy(DeviceObject, pFileHandleEntry);
+    const NTSTATUS nFollowStatus = FollowPackCopy(DeviceObject, pFileHandleEntry);
+    if (!NT_SUCCESS(nFollowStatus)) {
+        return FailRequest(pFileHandleEntry, Irp, nFollowStatus);
+    }
 
     // A change that cannot be made on a copy in filter directory 0 is not
     // made at all: a lower filter directory is never renamed, marked or
