@@ -55,6 +55,17 @@ MACHINE_ENTRY ULONG DriverDbgPrint(PCSTR format, ...) {
     return status;
 }
 
+// The x86 HAL's spin lock routines, which the DDK's KeAcquireSpinLock and
+// KeReleaseSpinLock name on that platform (fastcall: the lock in ECX, the
+// IRQL to return to in EDX).
+KIRQL HalAcquireSpinLock(PKSPIN_LOCK SpinLock) {
+    KIRQL irql;
+    KeAcquireSpinLock(SpinLock, &irql);
+    return irql;
+}
+
+VOID HalReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql) { KeReleaseSpinLock(SpinLock, NewIrql); }
+
 #define NTOSKRNL "ntoskrnl.exe"
 #define STDCALL(routine) {NTOSKRNL, #routine, Convention::Stdcall, ADAPTER(Stdcall, routine)}
 #define FASTCALL_EXPORT(routine) {NTOSKRNL, #routine, Convention::Fastcall, ADAPTER(Fastcall, routine)}
@@ -238,6 +249,8 @@ const MachineExport kExports[] = {
     CDECL_AS("_wcsnicmp", _wcsnicmp),
     // The hardware abstraction layer.
     {"hal.dll", "KeGetCurrentIrql", Convention::Stdcall, ADAPTER(Stdcall, KeGetCurrentIrql)},
+    {"hal.dll", "KfAcquireSpinLock", Convention::Fastcall, ADAPTER(Fastcall, HalAcquireSpinLock)},
+    {"hal.dll", "KfReleaseSpinLock", Convention::Fastcall, ADAPTER(Fastcall, HalReleaseSpinLock)},
 };
 
 }  // namespace
