@@ -385,6 +385,7 @@ NTSTATUS CopyUpOpenFile(PFileHandleEntry pEntry, ULONG ulDestinationFlag, PHANDL
     if (pEntry->m_bDeleteOnClose && ulDestinationFlag == 1) {
         FILE_DISPOSITION_INFORMATION disposition;
         disposition.DeleteFile = TRUE;
+        IO_STATUS_BLOCK IoStatus;
         nStatus = ZwSetInformationFile(hNew, &IoStatus, &disposition, sizeof(disposition), FileDispositionInformation);
         if (!NT_SUCCESS(nStatus)) {
             ZwClose(hNew);
