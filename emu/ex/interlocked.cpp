@@ -6,7 +6,8 @@
 namespace {
 // NT changes an SLIST header with one compare-exchange of the whole header;
 // the machine serialises all of them instead, so that a pop never reads the
-// link of an entry another thread has just taken and freed.
+// link of an entry another thread has just taken and freed. Depth is stored
+// atomically: a lookaside list's free reads it without the lock.
 std::mutex g_sListLock;
 }  // namespace
 
@@ -46,7 +47,7 @@ extern "C" PSINGLE_LIST_ENTRY FASTCALL InterlockedPushEntrySList(PSLIST_HEADER L
     PSINGLE_LIST_ENTRY first = ListHead->Next.Next;
     ListEntry->Next = first;
     ListHead->Next.Next = ListEntry;
-    ListHead->Depth++;
+    __atomic_store_n(&ListHead->Depth, USHORT(ListHead->Depth + 1), __ATOMIC_RELAXED);
     ListHead->Sequence++;
     return first;
 }
@@ -56,7 +57,7 @@ extern "C" PSINGLE_LIST_ENTRY FASTCALL InterlockedPopEntrySList(PSLIST_HEADER Li
     PSINGLE_LIST_ENTRY first = ListHead->Next.Next;
     if (first) {
         ListHead->Next.Next = first->Next;
-        ListHead->Depth--;
+        __atomic_store_n(&ListHead->Depth, USHORT(ListHead->Depth - 1), __ATOMIC_RELAXED);
         ListHead->Sequence++;
     }
     return first;
@@ -69,7 +70,7 @@ extern "C" PSINGLE_LIST_ENTRY ExInterlockedPushEntrySList(PSLIST_HEADER ListHead
     PSINGLE_LIST_ENTRY first = ListHead->Next.Next;
     ListEntry->Next = first;
     ListHead->Next.Next = ListEntry;
-    ListHead->Depth++;
+    __atomic_store_n(&ListHead->Depth, USHORT(ListHead->Depth + 1), __ATOMIC_RELAXED);
     ListHead->Sequence++;
     KeReleaseSpinLock(Lock, irql);
     return first;
@@ -81,7 +82,7 @@ extern "C" PSINGLE_LIST_ENTRY ExInterlockedPopEntrySList(PSLIST_HEADER ListHead,
     PSINGLE_LIST_ENTRY first = ListHead->Next.Next;
     if (first) {
         ListHead->Next.Next = first->Next;
-        ListHead->Depth--;
+        __atomic_store_n(&ListHead->Depth, USHORT(ListHead->Depth - 1), __ATOMIC_RELAXED);
         ListHead->Sequence++;
     }
     KeReleaseSpinLock(Lock, irql);

@@ -93,7 +93,9 @@ extern "C" PVOID ExAllocateFromNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookas
 
 extern "C" VOID ExFreeToNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside, PVOID Entry) {
     __atomic_fetch_add(&Lookaside->L.TotalFrees, 1, __ATOMIC_RELAXED);
-    if (ExQueryDepthSList(&Lookaside->L.ListHead) >= Lookaside->L.Depth) {
+    // The list's depth is read without its lock, as NT reads it; the list's
+    // operations store it atomically.
+    if (__atomic_load_n(&Lookaside->L.ListHead.Depth, __ATOMIC_RELAXED) >= Lookaside->L.Depth) {
         __atomic_fetch_add(&Lookaside->L.FreeMisses, 1, __ATOMIC_RELAXED);
         Lookaside->L.Free(Entry);
         return;
