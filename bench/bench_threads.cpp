@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 
 #include <atomic>
+#include <fstream>
 #include <chrono>
 #include <memory>
 #include <stdexcept>
@@ -31,6 +32,19 @@ double ProcessCpuSeconds() {
            static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
+// Nanoseconds the calling thread has run, and has waited for a core while
+// ready to run, from the kernel's scheduler statistics (zero where the host
+// does not give them).
+struct SchedTimes {
+    double run = 0, waited = 0;
+};
+SchedTimes ThreadSchedTimes() {
+    SchedTimes t;
+    std::ifstream in("/proc/thread-self/schedstat");
+    in >> t.run >> t.waited;
+    return t;
+}
+
 void Throughput(Workspace& ws, benchmark::State& state, emu::Process* process, bool redirected, int threads,
                 uint64_t perThread) {
     std::vector<std::u16string> paths;
@@ -40,6 +54,7 @@ void Throughput(Workspace& ws, benchmark::State& state, emu::Process* process, b
     }
     uint64_t done = 0;
     double wall = 0, cpu = 0;
+    std::atomic<uint64_t> readyNs{0};
     for (auto _ : state) {
         std::atomic<int> failed{0};
         std::vector<std::unique_ptr<emu::Machine::Thread>> running;
@@ -47,11 +62,14 @@ void Throughput(Workspace& ws, benchmark::State& state, emu::Process* process, b
         const double cpuStart = ProcessCpuSeconds();
         for (int k = 0; k < threads; k++) {
             running.push_back(ws.machine().StartThread(process, [&, k] {
+                const SchedTimes before = ThreadSchedTimes();
                 try {
                     for (uint64_t i = 0; i < perThread; i++) OpenReadClose(paths[k]);
                 } catch (const std::exception&) {
                     failed++;
                 }
+                const SchedTimes after = ThreadSchedTimes();
+                readyNs += static_cast<uint64_t>(after.run - before.run + after.waited - before.waited);
             }));
         }
         for (auto& thread : running) thread->Join();
@@ -69,6 +87,11 @@ void Throughput(Workspace& ws, benchmark::State& state, emu::Process* process, b
     // Cores kept busy: threads that wait on a lock use none, so with free
     // cores this shows how much of the work ran at once.
     state.counters["cores_busy"] = wall > 0 ? cpu / wall : 0;
+    // Threads ready to run (running, or waiting only for a core): a thread
+    // that waits on a lock is not ready. Other work on the host takes cores
+    // but not readiness, so on a busy host this tells how many threads would
+    // run at once on free cores.
+    state.counters["threads_ready"] = wall > 0 ? static_cast<double>(readyNs.load()) / 1e9 / wall : 0;
 }
 
 }  // namespace

@@ -183,9 +183,12 @@ std::vector<Row> BuildTable(const Results& results) {
         for (const char* n : {"1", "2", "4"}) {
             const double rate = counter(base + n, "items_per_second");
             const double busy = counter(base + n, "cores_busy");
+            const double ready = counter(base + n, "threads_ready");
             Row row{threads, std::string(kind == std::string("machine") ? "machine, " : "redirected, ") + n +
                                  (n[0] == '1' ? " thread" : " threads"),
-                    Rate(rate, "opens") + (std::isnan(busy) ? "" : Format(", %.2f cores busy", busy)), "", ""};
+                    Rate(rate, "opens") + (std::isnan(busy) ? "" : Format(", %.2f cores busy", busy)) +
+                        (std::isnan(ready) ? "" : Format(", %.2f threads ready", ready)),
+                    "", ""};
             if (n[0] != '1') row.ratio = Ratio(rate / one, "1 thread");
             if (n[0] == '2') row.target = "≥ 1.4× (≥ 1.6× later)";
             rows.push_back(row);
