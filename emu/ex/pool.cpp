@@ -30,7 +30,28 @@ ULONG PoolTagFromText(const std::string& text) {
 }
 
 PoolTracker::~PoolTracker() {
-    for (auto& [block, info] : live_) std::free(const_cast<void*>(block));
+    for (Shard& shard : shards_)
+        for (auto& [block, info] : shard.live) std::free(const_cast<void*>(block));
+}
+
+PoolTracker::Shard& PoolTracker::ShardOf(const void* block) const {
+    uintptr_t v = reinterpret_cast<uintptr_t>(block) >> 4;  // host blocks are 16-byte aligned
+    return shards_[(v ^ (v >> 7) ^ (v >> 13)) % kShards];
+}
+
+std::map<ULONG, PoolTracker::Counters> PoolTracker::SumTags() const {
+    std::map<ULONG, Counters> sum;
+    for (const Shard& shard : shards_) {
+        std::lock_guard<std::mutex> guard(shard.lock);
+        for (const auto& [tag, c] : shard.tags) {
+            Counters& t = sum[tag];
+            t.allocs += c.allocs;
+            t.frees += c.frees;
+            t.blocks += c.blocks;
+            t.bytes += c.bytes;
+        }
+    }
+    return sum;
 }
 
 bool PoolTracker::ShouldFail(ULONG tag) {
@@ -72,9 +93,10 @@ void* PoolTracker::Allocate(SIZE_T bytes, ULONG tag, const void* owner) {
     void* block = std::malloc(bytes == 0 ? 1 : bytes);
     if (!block) return nullptr;
     std::memset(block, kFreshPoolFill, bytes);
-    std::lock_guard<std::mutex> guard(lock_);
-    live_[block] = Block{bytes, tag, owner};
-    Counters& c = tags_[tag];
+    Shard& shard = ShardOf(block);
+    std::lock_guard<std::mutex> guard(shard.lock);
+    shard.live[block] = Block{bytes, tag, owner};
+    Counters& c = shard.tags[tag];
     c.allocs++;
     c.blocks++;
     c.bytes += bytes;
@@ -84,9 +106,10 @@ void* PoolTracker::Allocate(SIZE_T bytes, ULONG tag, const void* owner) {
 void PoolTracker::Free(void* block, ULONG tag, bool checkTag) {
     std::string problem;
     {
-        std::lock_guard<std::mutex> guard(lock_);
-        auto it = live_.find(block);
-        if (it == live_.end()) {
+        Shard& shard = ShardOf(block);
+        std::lock_guard<std::mutex> guard(shard.lock);
+        auto it = shard.live.find(block);
+        if (it == shard.live.end()) {
             char text[96];
             std::snprintf(text, sizeof(text), "pool block %p freed that is not allocated (double free?)", block);
             problem = text;
@@ -95,11 +118,11 @@ void PoolTracker::Free(void* block, ULONG tag, bool checkTag) {
                 problem = "pool block tagged \"" + PoolTagText(it->second.tag) + "\" freed with tag \"" +
                           PoolTagText(tag) + "\"";
             }
-            Counters& c = tags_[it->second.tag];
+            Counters& c = shard.tags[it->second.tag];
             c.frees++;
             c.blocks--;
             c.bytes -= it->second.bytes;
-            live_.erase(it);
+            shard.live.erase(it);
             std::free(block);
         }
     }
@@ -107,23 +130,26 @@ void PoolTracker::Free(void* block, ULONG tag, bool checkTag) {
 }
 
 bool PoolTracker::Lookup(const void* block, SIZE_T* bytes, ULONG* tag) const {
-    std::lock_guard<std::mutex> guard(lock_);
-    auto it = live_.find(block);
-    if (it == live_.end()) return false;
+    Shard& shard = ShardOf(block);
+    std::lock_guard<std::mutex> guard(shard.lock);
+    auto it = shard.live.find(block);
+    if (it == shard.live.end()) return false;
     if (bytes) *bytes = it->second.bytes;
     if (tag) *tag = it->second.tag;
     return true;
 }
 
 std::vector<PoolTagUsage> PoolTracker::Usage(bool outstandingOnly, const std::set<const void*>& skip) const {
-    std::lock_guard<std::mutex> guard(lock_);
-    std::map<ULONG, Counters> tags = tags_;
+    std::map<ULONG, Counters> tags = SumTags();
     if (!skip.empty()) {
-        for (const auto& [block, info] : live_) {
-            if (!skip.count(info.owner)) continue;
-            Counters& c = tags[info.tag];
-            c.blocks--;
-            c.bytes -= info.bytes;
+        for (const Shard& shard : shards_) {
+            std::lock_guard<std::mutex> guard(shard.lock);
+            for (const auto& [block, info] : shard.live) {
+                if (!skip.count(info.owner)) continue;
+                Counters& c = tags[info.tag];
+                c.blocks--;
+                c.bytes -= info.bytes;
+            }
         }
     }
     std::vector<PoolTagUsage> usage;
@@ -135,13 +161,15 @@ std::vector<PoolTagUsage> PoolTracker::Usage(bool outstandingOnly, const std::se
 }
 
 std::vector<PoolTagUsage> PoolTracker::OwnedUsage(const void* owner) const {
-    std::lock_guard<std::mutex> guard(lock_);
     std::map<ULONG, Counters> tags;
-    for (const auto& [block, info] : live_) {
-        if (info.owner != owner) continue;
-        Counters& c = tags[info.tag];
-        c.blocks++;
-        c.bytes += info.bytes;
+    for (const Shard& shard : shards_) {
+        std::lock_guard<std::mutex> guard(shard.lock);
+        for (const auto& [block, info] : shard.live) {
+            if (info.owner != owner) continue;
+            Counters& c = tags[info.tag];
+            c.blocks++;
+            c.bytes += info.bytes;
+        }
     }
     std::vector<PoolTagUsage> usage;
     for (const auto& [tag, c] : tags) usage.push_back(PoolTagUsage{PoolTagText(tag), 0, 0, c.blocks, c.bytes});

@@ -52,9 +52,20 @@ private:
     struct Counters {
         uint64_t allocs = 0, frees = 0, blocks = 0, bytes = 0;
     };
-    mutable std::mutex lock_;
-    std::unordered_map<const void*, Block> live_;
-    std::map<ULONG, Counters> tags_;
+    // Live blocks and their counters, split by block address so that
+    // threads allocating at once rarely wait for each other; a tag's
+    // counters are the sum over the shards.
+    struct alignas(64) Shard {
+        mutable std::mutex lock;
+        std::unordered_map<const void*, Block> live;
+        std::unordered_map<ULONG, Counters> tags;
+    };
+    static constexpr size_t kShards = 32;
+    Shard& ShardOf(const void* block) const;
+    // Every tag's counters, summed over the shards (each shard's lock taken in turn).
+    std::map<ULONG, Counters> SumTags() const;
+    mutable Shard shards_[kShards];
+    mutable std::mutex lock_;  // fault injection and the attempt counts
     uint64_t attempts_ = 0;               // every allocation asked for, refused ones included
     std::map<ULONG, uint64_t> tagAttempts_;
     uint64_t failCountdown_ = 0;          // 0: off

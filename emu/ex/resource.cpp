@@ -8,9 +8,10 @@
 #include <cstring>
 #include <deque>
 #include <mutex>
-#include <set>
+#include <thread>
 
 #include "machine/machine_impl.h"
+#include "machine/sharded_set.h"
 #include "machine/services.h"
 #include "ps/process.h"
 
@@ -35,17 +36,11 @@ struct ResourceState {
     std::deque<Waiter*> waiters;
 };
 
-std::mutex g_registryLock;
-std::set<ResourceState*> g_resources;
+ShardedPointerSet<ResourceState> g_resources;
 
 ResourceState* StateOf(PERESOURCE resource, const char* service) {
     auto* state = reinterpret_cast<ResourceState*>(resource->OwnerTable);
-    bool known;
-    {
-        std::lock_guard<std::mutex> guard(g_registryLock);
-        known = state && g_resources.count(state);
-    }
-    if (!known) {
+    if (!state || !g_resources.Contains(state)) {
         VerifierViolation(std::string(service) + " on a resource that is not initialised");
         return nullptr;
     }
@@ -101,6 +96,32 @@ void GrantWaiters(ResourceState* s, bool afterExclusive) {
     s->granted.notify_all();
 }
 
+void CpuRelax() {
+#if defined(__i386__) || defined(__x86_64__)
+    __builtin_ia32_pause();
+#endif
+}
+
+// Before a waiter sleeps it spins a little: drivers hold their resources
+// around short table work, and a sleep and a wake-up cost more than such a
+// wait. A spinner is not queued, so a release still grants the resource to
+// the waiters that queued before. True once READY holds (GUARD held again).
+template <typename Ready>
+bool SpinForRelease(std::unique_lock<std::mutex>& guard, Ready ready) {
+    constexpr int kRounds = 24;
+    for (int round = 0; round < kRounds; ++round) {
+        guard.unlock();
+        if (round % 4 == 3) {
+            std::this_thread::yield();  // the owner may be waiting for a core
+        } else {
+            for (int i = 0; i < 64; ++i) CpuRelax();
+        }
+        guard.lock();
+        if (ready()) return true;
+    }
+    return false;
+}
+
 BOOLEAN WaitForGrant(PERESOURCE resource, ResourceState* s, std::unique_lock<std::mutex>& guard, _ETHREAD* self,
                      bool exclusive) {
     Waiter waiter{self, exclusive};
@@ -152,6 +173,12 @@ BOOLEAN AcquireExclusive(PERESOURCE resource, ResourceState* s, _ETHREAD* self, 
         return FALSE;
     }
     if (!wait) return FALSE;
+    if (SpinForRelease(guard, [s] { return !s->exclusiveOwner && s->shared.empty() && s->waiters.empty(); })) {
+        s->exclusiveOwner = self;
+        s->exclusiveCount = 1;
+        Publish(resource, s);
+        return TRUE;
+    }
     return WaitForGrant(resource, s, guard, self, true);
 }
 
@@ -171,15 +198,18 @@ BOOLEAN AcquireShared(PERESOURCE resource, ResourceState* s, _ETHREAD* self, BOO
         return TRUE;
     }
     if (!wait) return FALSE;
+    if (SpinForRelease(guard, [s] { return !s->exclusiveOwner && !HasExclusiveWaiter(s); })) {
+        s->shared.emplace_back(self, 1);
+        Publish(resource, s);
+        return TRUE;
+    }
     return WaitForGrant(resource, s, guard, self, false);
 }
 
 }  // namespace
 
 void ResourceFreeAll() {
-    std::lock_guard<std::mutex> guard(g_registryLock);
-    for (ResourceState* s : g_resources) delete s;
-    g_resources.clear();
+    for (ResourceState* s : g_resources.TakeAll()) delete s;
 }
 
 }  // namespace tervane::emu
@@ -188,13 +218,7 @@ using namespace tervane::emu;
 
 extern "C" NTSTATUS ExInitializeResourceLite(PERESOURCE Resource) {
     auto* old = reinterpret_cast<ResourceState*>(Resource->OwnerTable);
-    {
-        std::lock_guard<std::mutex> guard(g_registryLock);
-        if (old && g_resources.count(old)) {  // initialised again: the old state goes
-            g_resources.erase(old);
-            delete old;
-        }
-    }
+    if (old && g_resources.Erase(old)) delete old;  // initialised again: the old state goes
     VerifierLockForget(Resource);
     std::memset(Resource, 0, sizeof(*Resource));
     auto* state = new ResourceState();
@@ -202,8 +226,7 @@ extern "C" NTSTATUS ExInitializeResourceLite(PERESOURCE Resource) {
     Resource->OwnerTable = reinterpret_cast<POWNER_ENTRY>(state);
     Resource->Address = Resource;
     InitializeListHead(&Resource->SystemResourcesList);
-    std::lock_guard<std::mutex> guard(g_registryLock);
-    g_resources.insert(state);
+    g_resources.Insert(state);
     return STATUS_SUCCESS;
 }
 
@@ -219,10 +242,7 @@ extern "C" NTSTATUS ExDeleteResourceLite(PERESOURCE Resource) {
         VerifierViolation("ExDeleteResourceLite on a resource that is owned or waited for");
         return STATUS_SUCCESS;  // its state stays until the machine goes
     }
-    {
-        std::lock_guard<std::mutex> guard(g_registryLock);
-        g_resources.erase(s);
-    }
+    g_resources.Erase(s);
     delete s;
     Resource->OwnerTable = nullptr;
     VerifierLockForget(Resource);

@@ -3,19 +3,16 @@
 // first four characters of its type name, so leaked objects show in the pool
 // report under their type.
 #include <cstdio>
-#include <unordered_set>
 
+#include "machine/sharded_set.h"
 #include "ob/ob_internal.h"
 
 namespace tervane::emu {
 namespace {
 
-std::mutex g_liveLock;
-std::unordered_set<ObjectHeader*>* g_live;  // created on first use, never freed
-
-std::unordered_set<ObjectHeader*>& LiveSet() {
-    if (!g_live) g_live = new std::unordered_set<ObjectHeader*>();
-    return *g_live;
+ShardedPointerSet<ObjectHeader>& LiveSet() {
+    static auto* live = new ShardedPointerSet<ObjectHeader>();  // never freed
+    return *live;
 }
 
 std::string Hex(const void* p) {
@@ -26,10 +23,7 @@ std::string Hex(const void* p) {
 
 void DeleteObject(ObjectHeader* header) {
     PVOID body = ObpBody(header);
-    {
-        std::lock_guard<std::mutex> guard(g_liveLock);
-        LiveSet().erase(header);
-    }
+    LiveSet().Erase(header);
     if (header->type->init.deleteProcedure) header->type->init.deleteProcedure(body);
     ULONG tag = header->type->poolTag;
     header->~ObjectHeader();
@@ -40,8 +34,7 @@ void DeleteObject(ObjectHeader* header) {
 
 bool ObpIsLiveObject(PVOID object) {
     if (!object) return false;
-    std::lock_guard<std::mutex> guard(g_liveLock);
-    return LiveSet().count(ObpHeader(object)) != 0;
+    return LiveSet().Contains(ObpHeader(object));
 }
 
 POBJECT_TYPE ObCreateObjectType(const ObjectTypeInit& init) {
@@ -69,10 +62,7 @@ NTSTATUS ObCreateObject(POBJECT_TYPE type, ULONG bodySize, PVOID* object) {
     header->bodySize = bodySize;
     header->directory = nullptr;
     memset(ObpBody(header), 0, bodySize);
-    {
-        std::lock_guard<std::mutex> guard(g_liveLock);
-        LiveSet().insert(header);
-    }
+    LiveSet().Insert(header);
     *object = ObpBody(header);
     return STATUS_SUCCESS;
 }

@@ -1,0 +1,61 @@
+// A set of live pointers that many threads change at once: split by address
+// into shards of their own lock, so that threads asking about different
+// pointers rarely wait for each other.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <unordered_set>
+#include <vector>
+
+namespace tervane::emu {
+
+template <typename T>
+class ShardedPointerSet {
+public:
+    void Insert(T* p) {
+        Shard& s = ShardOf(p);
+        std::lock_guard<std::mutex> guard(s.lock);
+        s.items.insert(p);
+    }
+    // Whether P was in the set.
+    bool Erase(T* p) {
+        Shard& s = ShardOf(p);
+        std::lock_guard<std::mutex> guard(s.lock);
+        return s.items.erase(p) != 0;
+    }
+    bool Contains(const T* p) const {
+        const Shard& s = ShardOf(p);
+        std::lock_guard<std::mutex> guard(s.lock);
+        return s.items.count(const_cast<T*>(p)) != 0;
+    }
+    // Empties the set, handing every member to the caller.
+    std::vector<T*> TakeAll() {
+        std::vector<T*> all;
+        for (Shard& s : shards_) {
+            std::lock_guard<std::mutex> guard(s.lock);
+            all.insert(all.end(), s.items.begin(), s.items.end());
+            s.items.clear();
+        }
+        return all;
+    }
+
+private:
+    static constexpr size_t kShards = 64;
+    struct alignas(64) Shard {
+        mutable std::mutex lock;
+        std::unordered_set<T*> items;
+    };
+    static size_t Index(const void* p) {
+        // Blocks are at least 16-byte aligned: the bits above those spread.
+        uintptr_t v = reinterpret_cast<uintptr_t>(p) >> 4;
+        return (v ^ (v >> 7) ^ (v >> 13)) % kShards;
+    }
+    Shard& ShardOf(const void* p) { return shards_[Index(p)]; }
+    const Shard& ShardOf(const void* p) const { return shards_[Index(p)]; }
+
+    Shard shards_[kShards];
+};
+
+}  // namespace tervane::emu
