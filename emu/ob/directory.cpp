@@ -29,12 +29,18 @@ NTSTATUS CreateDirectoryObject(PVOID* object) {
     return status;
 }
 
-// Looks COMPONENT up in DIRECTORY; the lock is held.
-PVOID FindEntry(PVOID directory, const std::u16string& component, bool caseInsensitive) {
+// Looks the component of PATH at POS (LENGTH characters) up in DIRECTORY;
+// the lock is held. The upcased key is made in a buffer of the thread's
+// own, so that a lookup allocates nothing once it has seen a name as long.
+PVOID FindEntry(PVOID directory, const std::u16string& path, size_t pos, size_t length, bool caseInsensitive) {
+    thread_local std::u16string key;
+    key.assign(path, pos, length);
+    for (auto& c : key) c = static_cast<char16_t>(RtlUpcaseUnicodeChar(static_cast<WCHAR>(c)));
     auto& entries = *Dir(directory)->entries;
-    auto it = entries.find(ObpUpcase(component));
+    auto it = entries.find(key);
     if (it == entries.end()) return nullptr;
-    if (!caseInsensitive && ObpHeader(it->second)->name != component) return nullptr;
+    const std::u16string& name = ObpHeader(it->second)->name;
+    if (!caseInsensitive && name.compare(0, name.size(), path, pos, length) != 0) return nullptr;
     return it->second;
 }
 
@@ -105,7 +111,7 @@ NTSTATUS ObpLookup(PVOID root, const std::u16string& name, bool caseInsensitive,
         if (end == std::u16string::npos) end = path.size();
         if (end == pos) return STATUS_OBJECT_NAME_INVALID;  // "\\" or a trailing "\"
         bool last = end == path.size();
-        PVOID child = FindEntry(current, path.substr(pos, end - pos), caseInsensitive);
+        PVOID child = FindEntry(current, path, pos, end - pos, caseInsensitive);
         if (!child) return last ? STATUS_OBJECT_NAME_NOT_FOUND : STATUS_OBJECT_PATH_NOT_FOUND;
         if (ObGetObjectType(child) == ObpSymbolicLinkType && !(openLink && last)) {
             const std::u16string& target = *static_cast<ObpSymbolicLink*>(child)->target;
