@@ -6,7 +6,7 @@
 // first; when the last shared owner lets go, the first exclusive waiter is.
 #include <condition_variable>
 #include <cstring>
-#include <deque>
+#include <vector>
 #include <mutex>
 #include <thread>
 
@@ -33,7 +33,7 @@ struct ResourceState {
     _ETHREAD* exclusiveOwner = nullptr;
     ULONG exclusiveCount = 0;
     std::vector<std::pair<_ETHREAD*, ULONG>> shared;  // owner, recursion count
-    std::deque<Waiter*> waiters;
+    std::vector<Waiter*> waiters;  // oldest first (a vector: no allocation until someone waits)
 };
 
 ShardedPointerSet<ResourceState> g_resources;

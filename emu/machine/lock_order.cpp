@@ -10,6 +10,7 @@
 #include <map>
 #include <mutex>
 #include <set>
+#include <unordered_map>
 #include <vector>
 
 #include "kernel.h"
@@ -19,11 +20,24 @@
 namespace tervane::emu {
 namespace {
 
-struct LockOrder {
+// The locks each thread holds, in acquire order, recursion repeated. Kept
+// apart from the graph, split by thread, so that an acquire with nothing
+// held (most of them) costs no lock that other threads take.
+struct HeldShard {
     std::mutex lock;
+    std::unordered_map<_ETHREAD*, std::vector<const void*>> held;
+};
+constexpr size_t kHeldShards = 16;
+
+struct LockOrder {
+    std::mutex lock;  // the graph and what was reported
     std::map<const void*, std::set<const void*>> after;  // lock -> locks taken while holding it
-    std::map<_ETHREAD*, std::vector<const void*>> held;  // per thread, in acquire order, recursion repeated
     std::set<std::pair<const void*, const void*>> reported;
+    HeldShard heldShards[kHeldShards];
+    HeldShard& HeldOf(_ETHREAD* thread) {
+        uintptr_t v = reinterpret_cast<uintptr_t>(thread) >> 4;
+        return heldShards[(v ^ (v >> 7)) % kHeldShards];
+    }
 };
 
 LockOrder& State() {
@@ -57,11 +71,19 @@ void VerifierLockAcquiring(const void* lock, const char* kind, bool blocking) {
     _ETHREAD* thread = CurrentThread();
     if (!thread) return;
     LockOrder& s = State();
+    if (!blocking) return;
+    std::vector<const void*> held;
+    {
+        HeldShard& shard = s.HeldOf(thread);
+        std::lock_guard<std::mutex> guard(shard.lock);
+        auto it = shard.held.find(thread);
+        if (it == shard.held.end()) return;  // nothing held: no order to record
+        held = it->second;
+    }
     std::vector<std::string> inversions;
     {
         std::lock_guard<std::mutex> guard(s.lock);
-        auto& held = s.held[thread];
-        if (blocking && std::find(held.begin(), held.end(), lock) == held.end()) {
+        if (std::find(held.begin(), held.end(), lock) == held.end()) {
             for (const void* before : held) {
                 if (s.after[before].count(lock)) continue;
                 if (Reaches(s, lock, before)) {
@@ -81,21 +103,21 @@ void VerifierLockAcquiring(const void* lock, const char* kind, bool blocking) {
 void VerifierLockAcquired(const void* lock) {
     _ETHREAD* thread = CurrentThread();
     if (!thread) return;
-    LockOrder& s = State();
-    std::lock_guard<std::mutex> guard(s.lock);
-    s.held[thread].push_back(lock);
+    HeldShard& shard = State().HeldOf(thread);
+    std::lock_guard<std::mutex> guard(shard.lock);
+    shard.held[thread].push_back(lock);
 }
 
 void VerifierLockReleased(const void* lock, _ETHREAD* owner) {
     if (!owner) return;
-    LockOrder& s = State();
-    std::lock_guard<std::mutex> guard(s.lock);
-    auto it = s.held.find(owner);
-    if (it == s.held.end()) return;
+    HeldShard& shard = State().HeldOf(owner);
+    std::lock_guard<std::mutex> guard(shard.lock);
+    auto it = shard.held.find(owner);
+    if (it == shard.held.end()) return;
     auto& held = it->second;
     auto last = std::find(held.rbegin(), held.rend(), lock);
     if (last != held.rend()) held.erase(std::next(last).base());
-    if (held.empty()) s.held.erase(it);
+    if (held.empty()) shard.held.erase(it);
 }
 
 void VerifierLockForget(const void* lock) {
@@ -109,10 +131,15 @@ void VerifierLockForget(const void* lock) {
 
 void LockOrderReset() {
     LockOrder& s = State();
-    std::lock_guard<std::mutex> guard(s.lock);
-    s.after.clear();
-    s.held.clear();
-    s.reported.clear();
+    {
+        std::lock_guard<std::mutex> guard(s.lock);
+        s.after.clear();
+        s.reported.clear();
+    }
+    for (HeldShard& shard : s.heldShards) {
+        std::lock_guard<std::mutex> guard(shard.lock);
+        shard.held.clear();
+    }
 }
 
 }  // namespace tervane::emu
