@@ -68,6 +68,11 @@ TEST(SweepJudge, NamesFalseSuccessLossAndLowerChanges) {
         {"a lower file written", failed(1, kNoMemory), 1, baseline.afterEach[0], {{"C:\\BASE\\A", File(7)}}, true,
          "a lower filter directory"},
         {"something left outstanding", want, 1, baseline.afterEach[1], baseline.end, false, "outstanding"},
+        {"a completion reported with another command",
+         silent(3, "\"x\"\n  completed: 5: notify d: STATUS_SUCCESS\n    FILE_ACTION_ADDED b\n"), 1,
+         baseline.afterEach[1], baseline.end, true, nullptr},
+        {"a completion hides no other difference", silent(3, "\"\"\n  completed: 5: notify d: STATUS_SUCCESS\n"), 3,
+         baseline.end, baseline.end, true, "false success"},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what);
