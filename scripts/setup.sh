@@ -11,7 +11,7 @@ shift || true
 packages=(cmake g++ make libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev libcli11-dev
           libreadline-dev libattr1-dev groff-base g++-mingw-w64-i686 mingw-w64-i686-dev binutils-mingw-w64-i686
           fuse3 libfuse3-dev pkg-config tar git sqlite3 python3 fuse-overlayfs unionfs-fuse
-          g++-multilib googletest)
+          g++-multilib googletest clang-14 libclang-rt-14-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
