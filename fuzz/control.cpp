@@ -2,11 +2,12 @@
 // and output lengths and contents, in random order, through NtDeviceIoControlFile
 // and as request packets built in kernel mode. What the input adds to the
 // lists is removed again, so that inputs do not pile up.
+#include "view.h"
+
 #include <cstring>
 
 #include "control/control.h"
 #include "core/tervane.h"
-#include "view.h"
 
 using namespace tervane::fuzz;
 

@@ -2,10 +2,11 @@
 // file and a name file, the driver of a new machine is told to load them,
 // and a loaded index is then used through the view (opens and listings look
 // names up in it). Every run ends with the machine verifier-clean.
+#include "view.h"
+
 #include <fstream>
 
 #include "control/control.h"
-#include "view.h"
 
 using namespace tervane::fuzz;
 
