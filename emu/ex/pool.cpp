@@ -54,13 +54,31 @@ std::map<ULONG, PoolTracker::Counters> PoolTracker::SumTags() const {
     return sum;
 }
 
+uint64_t PoolTracker::CountTagAttempt(ULONG tag) {
+    const uint64_t key = (uint64_t{1} << 32) | tag;
+    size_t at = (tag * 2654435761u) % kTagSlots;
+    for (size_t probe = 0; probe < kTagSlots; ++probe, at = (at + 1) % kTagSlots) {
+        TagSlot& slot = tagSlots_[at];
+        uint64_t seen = slot.key.load(std::memory_order_acquire);
+        if (seen == 0 && slot.key.compare_exchange_strong(seen, key, std::memory_order_acq_rel)) seen = key;
+        if (seen == key) return slot.count.fetch_add(1, std::memory_order_relaxed) + 1;
+    }
+    std::lock_guard<std::mutex> guard(moreLock_);
+    return ++moreTagAttempts_[tag];
+}
+
 bool PoolTracker::ShouldFail(ULONG tag) {
+    if (!armed_.load(std::memory_order_acquire)) {
+        attempts_.fetch_add(1, std::memory_order_relaxed);
+        CountTagAttempt(tag);
+        return false;
+    }
     FaultInjected fault;
     std::function<void(const FaultInjected&)> observer;
     {
         std::lock_guard<std::mutex> guard(lock_);
-        fault.serial = ++attempts_;
-        fault.tagSerial = ++tagAttempts_[tag];
+        fault.serial = attempts_.fetch_add(1, std::memory_order_relaxed) + 1;
+        fault.tagSerial = CountTagAttempt(tag);
         bool fail = false;
         if (failTagSet_ && tag == failTag_) {
             if (failTagSkip_ == 0)
@@ -69,6 +87,7 @@ bool PoolTracker::ShouldFail(ULONG tag) {
                 --failTagSkip_;
         }
         if (failCountdown_ != 0 && (!countdownWithTag_ || tag == countdownTag_) && --failCountdown_ == 0) fail = true;
+        Rearm();
         if (!fail) return false;
         observer = observer_;
     }
@@ -77,15 +96,19 @@ bool PoolTracker::ShouldFail(ULONG tag) {
     return true;
 }
 
-uint64_t PoolTracker::Attempts() const {
-    std::lock_guard<std::mutex> guard(lock_);
-    return attempts_;
-}
+uint64_t PoolTracker::Attempts() const { return attempts_.load(std::memory_order_relaxed); }
 
 uint64_t PoolTracker::AttemptsWithTag(ULONG tag) const {
-    std::lock_guard<std::mutex> guard(lock_);
-    auto it = tagAttempts_.find(tag);
-    return it == tagAttempts_.end() ? 0 : it->second;
+    const uint64_t key = (uint64_t{1} << 32) | tag;
+    size_t at = (tag * 2654435761u) % kTagSlots;
+    for (size_t probe = 0; probe < kTagSlots; ++probe, at = (at + 1) % kTagSlots) {
+        const uint64_t seen = tagSlots_[at].key.load(std::memory_order_acquire);
+        if (seen == key) return tagSlots_[at].count.load(std::memory_order_relaxed);
+        if (seen == 0) return 0;
+    }
+    std::lock_guard<std::mutex> guard(moreLock_);
+    auto it = moreTagAttempts_.find(tag);
+    return it == moreTagAttempts_.end() ? 0 : it->second;
 }
 
 void* PoolTracker::Allocate(SIZE_T bytes, ULONG tag, const void* owner) {
@@ -185,6 +208,7 @@ void PoolTracker::FailNth(uint64_t n, bool withTag, ULONG tag) {
     failCountdown_ = n;
     countdownWithTag_ = withTag;
     countdownTag_ = tag;
+    Rearm();
 }
 
 void PoolTracker::FailTag(ULONG tag, uint64_t skip) {
@@ -192,12 +216,14 @@ void PoolTracker::FailTag(ULONG tag, uint64_t skip) {
     failTagSet_ = true;
     failTag_ = tag;
     failTagSkip_ = skip;
+    Rearm();
 }
 
 void PoolTracker::ClearFaults() {
     std::lock_guard<std::mutex> guard(lock_);
     failCountdown_ = 0;
     failTagSet_ = false;
+    Rearm();
 }
 
 void PoolTracker::SetFaultObserver(std::function<void(const FaultInjected&)> observer) {

@@ -1,6 +1,7 @@
 // Non-paged pool with per-tag accounting (poolmon-like) and fault injection.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -65,9 +66,22 @@ private:
     // Every tag's counters, summed over the shards (each shard's lock taken in turn).
     std::map<ULONG, Counters> SumTags() const;
     mutable Shard shards_[kShards];
-    mutable std::mutex lock_;  // fault injection and the attempt counts
-    uint64_t attempts_ = 0;               // every allocation asked for, refused ones included
-    std::map<ULONG, uint64_t> tagAttempts_;
+    mutable std::mutex lock_;  // fault injection
+    // Counts one attempt with TAG; its number among the attempts with TAG.
+    uint64_t CountTagAttempt(ULONG tag);
+    // Attempts are counted without a lock while no fault is armed: one slot
+    // per tag, found by open addressing (a key is the tag with bit 32 set).
+    struct TagSlot {
+        std::atomic<uint64_t> key{0};
+        std::atomic<uint64_t> count{0};
+    };
+    static constexpr size_t kTagSlots = 1024;
+    TagSlot tagSlots_[kTagSlots];
+    mutable std::mutex moreLock_;
+    std::map<ULONG, uint64_t> moreTagAttempts_;  // under moreLock_, once every slot is taken
+    std::atomic<uint64_t> attempts_{0};   // every allocation asked for, refused ones included
+    std::atomic<bool> armed_{false};      // a fault is set: attempts take lock_
+    void Rearm() { armed_.store(failCountdown_ != 0 || failTagSet_, std::memory_order_release); }  // under lock_
     uint64_t failCountdown_ = 0;          // 0: off
     bool countdownWithTag_ = false;       // the countdown counts only allocations with countdownTag_
     ULONG countdownTag_ = 0;
