@@ -8,7 +8,6 @@
 #include <cstring>
 #include <vector>
 #include <mutex>
-#include <thread>
 
 #include "machine/machine_impl.h"
 #include "machine/sharded_set.h"
@@ -96,32 +95,6 @@ void GrantWaiters(ResourceState* s, bool afterExclusive) {
     s->granted.notify_all();
 }
 
-void CpuRelax() {
-#if defined(__i386__) || defined(__x86_64__)
-    __builtin_ia32_pause();
-#endif
-}
-
-// Before a waiter sleeps it spins a little: drivers hold their resources
-// around short table work, and a sleep and a wake-up cost more than such a
-// wait. A spinner is not queued, so a release still grants the resource to
-// the waiters that queued before. True once READY holds (GUARD held again).
-template <typename Ready>
-bool SpinForRelease(std::unique_lock<std::mutex>& guard, Ready ready) {
-    constexpr int kRounds = 24;
-    for (int round = 0; round < kRounds; ++round) {
-        guard.unlock();
-        if (round % 4 == 3) {
-            std::this_thread::yield();  // the owner may be waiting for a core
-        } else {
-            for (int i = 0; i < 64; ++i) CpuRelax();
-        }
-        guard.lock();
-        if (ready()) return true;
-    }
-    return false;
-}
-
 BOOLEAN WaitForGrant(PERESOURCE resource, ResourceState* s, std::unique_lock<std::mutex>& guard, _ETHREAD* self,
                      bool exclusive) {
     Waiter waiter{self, exclusive};
@@ -173,12 +146,6 @@ BOOLEAN AcquireExclusive(PERESOURCE resource, ResourceState* s, _ETHREAD* self, 
         return FALSE;
     }
     if (!wait) return FALSE;
-    if (SpinForRelease(guard, [s] { return !s->exclusiveOwner && s->shared.empty() && s->waiters.empty(); })) {
-        s->exclusiveOwner = self;
-        s->exclusiveCount = 1;
-        Publish(resource, s);
-        return TRUE;
-    }
     return WaitForGrant(resource, s, guard, self, true);
 }
 
@@ -198,11 +165,6 @@ BOOLEAN AcquireShared(PERESOURCE resource, ResourceState* s, _ETHREAD* self, BOO
         return TRUE;
     }
     if (!wait) return FALSE;
-    if (SpinForRelease(guard, [s] { return !s->exclusiveOwner && !HasExclusiveWaiter(s); })) {
-        s->shared.emplace_back(self, 1);
-        Publish(resource, s);
-        return TRUE;
-    }
     return WaitForGrant(resource, s, guard, self, false);
 }
 
