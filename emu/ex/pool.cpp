@@ -42,7 +42,7 @@ PoolTracker::Shard& PoolTracker::ShardOf(const void* block) const {
 std::map<ULONG, PoolTracker::Counters> PoolTracker::SumTags() const {
     std::map<ULONG, Counters> sum;
     for (const Shard& shard : shards_) {
-        std::lock_guard<std::mutex> guard(shard.lock);
+        std::lock_guard<AdaptiveMutex> guard(shard.lock);
         for (const auto& [tag, c] : shard.tags) {
             Counters& t = sum[tag];
             t.allocs += c.allocs;
@@ -117,7 +117,7 @@ void* PoolTracker::Allocate(SIZE_T bytes, ULONG tag, const void* owner) {
     if (!block) return nullptr;
     std::memset(block, kFreshPoolFill, bytes);
     Shard& shard = ShardOf(block);
-    std::lock_guard<std::mutex> guard(shard.lock);
+    std::lock_guard<AdaptiveMutex> guard(shard.lock);
     shard.live[block] = Block{bytes, tag, owner};
     Counters& c = shard.tags[tag];
     c.allocs++;
@@ -130,7 +130,7 @@ void PoolTracker::Free(void* block, ULONG tag, bool checkTag) {
     std::string problem;
     {
         Shard& shard = ShardOf(block);
-        std::lock_guard<std::mutex> guard(shard.lock);
+        std::lock_guard<AdaptiveMutex> guard(shard.lock);
         auto it = shard.live.find(block);
         if (it == shard.live.end()) {
             char text[96];
@@ -154,7 +154,7 @@ void PoolTracker::Free(void* block, ULONG tag, bool checkTag) {
 
 bool PoolTracker::Lookup(const void* block, SIZE_T* bytes, ULONG* tag) const {
     Shard& shard = ShardOf(block);
-    std::lock_guard<std::mutex> guard(shard.lock);
+    std::lock_guard<AdaptiveMutex> guard(shard.lock);
     auto it = shard.live.find(block);
     if (it == shard.live.end()) return false;
     if (bytes) *bytes = it->second.bytes;
@@ -166,7 +166,7 @@ std::vector<PoolTagUsage> PoolTracker::Usage(bool outstandingOnly, const std::se
     std::map<ULONG, Counters> tags = SumTags();
     if (!skip.empty()) {
         for (const Shard& shard : shards_) {
-            std::lock_guard<std::mutex> guard(shard.lock);
+            std::lock_guard<AdaptiveMutex> guard(shard.lock);
             for (const auto& [block, info] : shard.live) {
                 if (!skip.count(info.owner)) continue;
                 Counters& c = tags[info.tag];
@@ -186,7 +186,7 @@ std::vector<PoolTagUsage> PoolTracker::Usage(bool outstandingOnly, const std::se
 std::vector<PoolTagUsage> PoolTracker::OwnedUsage(const void* owner) const {
     std::map<ULONG, Counters> tags;
     for (const Shard& shard : shards_) {
-        std::lock_guard<std::mutex> guard(shard.lock);
+        std::lock_guard<AdaptiveMutex> guard(shard.lock);
         for (const auto& [block, info] : shard.live) {
             if (info.owner != owner) continue;
             Counters& c = tags[info.tag];

@@ -13,6 +13,8 @@
 
 #include <emu/machine.h>
 
+#include "machine/adaptive_mutex.h"
+
 namespace tervane::emu {
 
 std::string PoolTagText(ULONG tag);   // the four characters in memory order
@@ -57,7 +59,7 @@ private:
     // threads allocating at once rarely wait for each other; a tag's
     // counters are the sum over the shards.
     struct alignas(64) Shard {
-        mutable std::mutex lock;
+        mutable AdaptiveMutex lock;
         std::unordered_map<const void*, Block> live;
         std::unordered_map<ULONG, Counters> tags;
     };

@@ -52,7 +52,7 @@ NTSTATUS FsdCleanup(PDEVICE_OBJECT device, PIRP irp) {
     bool remove;
     {
         std::shared_lock<std::shared_mutex> names(vcb->nameLock);
-        std::lock_guard<std::mutex> lock(vcb->mutex);
+        std::lock_guard<VolumeMutex> lock(vcb->mutex);
         if (!fcb->isVolume) {
             ReleaseLocksOf(fcb, fo, nullptr, &done);
             CompleteNotifyForFileObject(vcb, fo, &done);
@@ -72,7 +72,7 @@ NTSTATUS FsdCleanup(PDEVICE_OBJECT device, PIRP irp) {
         // no new opens, so the decision still holds unless another clean-up
         // of it removed it meanwhile.
         std::unique_lock<std::shared_mutex> names(vcb->nameLock);
-        std::lock_guard<std::mutex> lock(vcb->mutex);
+        std::lock_guard<VolumeMutex> lock(vcb->mutex);
         if (fcb->openCount == 0 && fcb->deletePending) RemoveFromHost(vcb, fcb, &done);
     }
     CompleteAll(done);
@@ -87,7 +87,7 @@ NTSTATUS FsdClose(PDEVICE_OBJECT device, PIRP irp) {
     if (!vcb || !fcb) return CompleteRequest(irp, STATUS_SUCCESS, 0);
     bool last;
     {
-        std::lock_guard<std::mutex> lock(vcb->mutex);
+        std::lock_guard<VolumeMutex> lock(vcb->mutex);
         fo->FsContext2 = nullptr;
         fo->FsContext = nullptr;
         if (fcb->referenceCount > 0) fcb->referenceCount--;

@@ -48,7 +48,7 @@ struct CreateRequest {
     // throughout; a shared open takes it only for the volume's tables and the
     // directory caches, and from the moment it has found the file's control
     // block to the end.
-    std::unique_lock<std::mutex>* lock;
+    std::unique_lock<VolumeMutex>* lock;
     bool shared;  // the volume's name lock is held shared
     PFILE_OBJECT fo;
     ULONG options;
@@ -76,7 +76,7 @@ public:
     HostCall& operator=(const HostCall&) = delete;
 
 private:
-    std::unique_lock<std::mutex>* lock_;
+    std::unique_lock<VolumeMutex>* lock_;
 };
 
 // The volume mutex for a stretch that reads or changes the volume's tables:
@@ -93,7 +93,7 @@ public:
     Tables& operator=(const Tables&) = delete;
 
 private:
-    std::unique_lock<std::mutex>* lock_;
+    std::unique_lock<VolumeMutex>* lock_;
 };
 
 // Takes the volume mutex, to the end of the open, unless held already.
@@ -738,7 +738,7 @@ NTSTATUS FsdCreate(PDEVICE_OBJECT device, PIRP irp) {
     NTSTATUS status;
     {
         ParentDir parent;  // its descriptor is closed after the mutex is given back
-        std::unique_lock<std::mutex> lock(vcb->mutex, std::defer_lock);
+        std::unique_lock<VolumeMutex> lock(vcb->mutex, std::defer_lock);
         if (!shared) lock.lock();
         CreateRequest rq{};
         rq.vcb = vcb;

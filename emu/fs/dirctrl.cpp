@@ -226,7 +226,7 @@ NTSTATUS FsdDirectoryControl(PDEVICE_OBJECT device, PIRP irp) {
     Vcb* vcb = VcbOf(device);
     if (!vcb) return CompleteRequest(irp, STATUS_INVALID_DEVICE_REQUEST, 0);
     PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
-    std::unique_lock<std::mutex> lock(vcb->mutex);
+    std::unique_lock<VolumeMutex> lock(vcb->mutex);
     if (sp->MinorFunction == IRP_MN_NOTIFY_CHANGE_DIRECTORY) return FsdNotifyChangeDirectory(vcb, irp, lock);
     if (sp->MinorFunction != IRP_MN_QUERY_DIRECTORY) {
         lock.unlock();

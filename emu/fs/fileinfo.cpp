@@ -340,7 +340,7 @@ NTSTATUS FsdQueryInformation(PDEVICE_OBJECT device, PIRP irp) {
     ULONG_PTR info = 0;
     NTSTATUS status;
     {
-        std::lock_guard<std::mutex> lock(vcb->mutex);
+        std::lock_guard<VolumeMutex> lock(vcb->mutex);
         status = QueryLocked(vcb, fcb, CcbOf(fo), fo, ClassValue(sp->Parameters.QueryFile.FileInformationClass), buf,
                              length, &info);
     }
@@ -363,7 +363,7 @@ NTSTATUS FsdSetInformation(PDEVICE_OBJECT device, PIRP irp) {
         // A rename, a deletion or a new size changes names or contents that
         // opens and reads rely on: it has the names alone.
         std::unique_lock<std::shared_mutex> names(vcb->nameLock);
-        std::lock_guard<std::mutex> lock(vcb->mutex);
+        std::lock_guard<VolumeMutex> lock(vcb->mutex);
         auto need = [&](size_t size) { return buf && length >= size; };
         if (fcb->isVolume && cls != FilePositionInformation) {
             status = STATUS_INVALID_PARAMETER;

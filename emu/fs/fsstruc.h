@@ -19,6 +19,7 @@
 #include <nt/ntifs.h>
 
 #include "fs/metadata.h"
+#include "machine/adaptive_mutex.h"
 
 namespace tervane::emu::fs {
 
@@ -29,6 +30,9 @@ constexpr ULONG MakeTag(const char (&s)[5]) {
 constexpr ULONG kTagFcb = MakeTag("TfsF");
 constexpr ULONG kTagCcb = MakeTag("TfsC");
 constexpr ULONG kTagVpb = MakeTag("TfsV");
+
+// The volume mutex: held for short stretches by every request.
+using VolumeMutex = AdaptiveMutex;
 
 constexpr CSHORT kNodeTypeFcb = 0x0702;
 constexpr CSHORT kNodeTypeCcb = 0x0703;
@@ -140,7 +144,7 @@ struct Vcb {
     std::shared_mutex nameLock;
     // Guards everything below and every Fcb/Ccb of the volume. Opens under
     // a shared nameLock leave it for their host calls.
-    std::mutex mutex;
+    VolumeMutex mutex;
     std::unordered_map<uint64_t, Fcb*> fcbs;            // by inode
     std::unordered_map<uint64_t, std::u16string> idPaths;  // inode -> full name last seen
     std::map<uint64_t, DirCache> dirCaches;              // by directory inode
@@ -251,7 +255,7 @@ NTSTATUS NTAPI FsdLockControl(PDEVICE_OBJECT, PIRP);
 NTSTATUS NTAPI FsdQuerySecurity(PDEVICE_OBJECT, PIRP);
 NTSTATUS NTAPI FsdSetSecurity(PDEVICE_OBJECT, PIRP);
 NTSTATUS NTAPI FsdFlushBuffers(PDEVICE_OBJECT, PIRP);
-NTSTATUS FsdNotifyChangeDirectory(Vcb* vcb, PIRP irp, std::unique_lock<std::mutex>& lock);
+NTSTATUS FsdNotifyChangeDirectory(Vcb* vcb, PIRP irp, std::unique_lock<VolumeMutex>& lock);
 
 // Forces the file store for metadata on volumes mounted from now on (tests
 // of hosts without extended attributes).

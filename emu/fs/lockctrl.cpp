@@ -120,7 +120,7 @@ NTSTATUS FsdLockControl(PDEVICE_OBJECT device, PIRP irp) {
     NTSTATUS status = STATUS_SUCCESS;
     bool pending = false;
     {
-        std::lock_guard<std::mutex> lock(vcb->mutex);
+        std::lock_guard<VolumeMutex> lock(vcb->mutex);
         LockRequest rq;
         PEPROCESS process = IoGetRequestorProcess(irp);
         switch (sp->MinorFunction) {

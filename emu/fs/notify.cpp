@@ -59,7 +59,7 @@ void CompleteNotifyForFileObject(Vcb* vcb, PFILE_OBJECT fo, std::vector<PIRP>* d
     });
 }
 
-NTSTATUS FsdNotifyChangeDirectory(Vcb* vcb, PIRP irp, std::unique_lock<std::mutex>& lock) {
+NTSTATUS FsdNotifyChangeDirectory(Vcb* vcb, PIRP irp, std::unique_lock<VolumeMutex>& lock) {
     PIO_STACK_LOCATION sp = IoGetCurrentIrpStackLocation(irp);
     Fcb* fcb = FcbOf(sp->FileObject);
     ULONG filter = sp->Parameters.NotifyDirectory.CompletionFilter;

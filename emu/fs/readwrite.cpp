@@ -133,7 +133,7 @@ NTSTATUS FsdRead(PDEVICE_OBJECT device, PIRP irp) {
     const uint64_t start = static_cast<uint64_t>(offset.QuadPart);
     size_t want = 0, got = 0;
     {
-        std::lock_guard<std::mutex> lock(vcb->mutex);
+        std::lock_guard<VolumeMutex> lock(vcb->mutex);
         status = CheckRead(fcb, fo, irp, start, length, paging, &want);
     }
     if (NT_SUCCESS(status)) status = ReadHost(fcb, buffer, start, want, &got);
@@ -151,7 +151,7 @@ NTSTATUS FsdWrite(PDEVICE_OBJECT device, PIRP irp) {
     std::vector<PIRP> done;
     size_t put = 0;
     {
-        std::lock_guard<std::mutex> lock(t.vcb->mutex);
+        std::lock_guard<VolumeMutex> lock(t.vcb->mutex);
         status = WriteLocked(t.vcb, t.fcb, t.fo, irp, t.offset, t.length, t.paging, &put, &done);
     }
     CompleteAll(done);

@@ -183,7 +183,7 @@ NTSTATUS FsdQuerySecurity(PDEVICE_OBJECT device, PIRP irp) {
     if (!vcb || !fcb) return CompleteRequest(irp, STATUS_INVALID_PARAMETER, 0);
     Bytes sd;
     {
-        std::lock_guard<std::mutex> lock(vcb->mutex);
+        std::lock_guard<VolumeMutex> lock(vcb->mutex);
         sd = Build(StoredParts(vcb, fcb), sp->Parameters.QuerySecurity.SecurityInformation);
     }
     ULONG length = sp->Parameters.QuerySecurity.Length;
@@ -215,7 +215,7 @@ NTSTATUS FsdSetSecurity(PDEVICE_OBJECT device, PIRP irp) {
     std::vector<PIRP> done;
     NTSTATUS status = STATUS_SUCCESS;
     {
-        std::lock_guard<std::mutex> lock(vcb->mutex);
+        std::lock_guard<VolumeMutex> lock(vcb->mutex);
         Parts parts = StoredParts(vcb, fcb);
         if (which & OWNER_SECURITY_INFORMATION) parts.owner = in.owner;
         if (which & GROUP_SECURITY_INFORMATION) parts.group = in.group;

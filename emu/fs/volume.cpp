@@ -194,7 +194,7 @@ NTSTATUS FsdFlushBuffers(PDEVICE_OBJECT device, PIRP irp) {
     Vcb* vcb = VcbOf(device);
     Fcb* fcb = FcbOf(IoGetCurrentIrpStackLocation(irp)->FileObject);
     if (!vcb || !fcb) return CompleteRequest(irp, STATUS_INVALID_PARAMETER, 0);
-    std::unique_lock<std::mutex> lock(vcb->mutex);
+    std::unique_lock<VolumeMutex> lock(vcb->mutex);
     if (fcb->fd >= 0 && !fcb->isDirectory) fdatasync(fcb->fd);
     return CompleteRequest(irp, STATUS_SUCCESS, 0);
 }
@@ -284,7 +284,7 @@ void FsShutdown() {
     for (Vcb* vcb : g.volumes) {
         std::vector<PIRP> done;
         {
-            std::lock_guard<std::mutex> lock(vcb->mutex);
+            std::lock_guard<VolumeMutex> lock(vcb->mutex);
             for (auto& w : vcb->notifyWaiters) {
                 w.irp->IoStatus.Status = STATUS_CANCELLED;
                 w.irp->IoStatus.Information = 0;

@@ -6,11 +6,12 @@
 #include <utility>
 
 #include "io/io_internal.h"
+#include "machine/adaptive_mutex.h"
 
 namespace tervane::emu {
 namespace {
 
-std::mutex g_openLock;   // device checks and reference counts of one open
+AdaptiveMutex g_openLock;   // device checks and reference counts of one open
 std::mutex g_mountLock;  // one mount at a time
 
 NTSTATUS CheckParameters(KPROCESSOR_MODE mode, ACCESS_MASK access, ULONG fileAttributes, ULONG share,
@@ -169,7 +170,7 @@ NTSTATUS IopResolveTarget(OpenPacket& op, ObjectReference& target) {
 NTSTATUS IopMakeFileObject(OpenPacket& op, PFILE_OBJECT* file) {
     NTSTATUS status;
     {
-        std::lock_guard<std::mutex> guard(g_openLock);
+        std::lock_guard<AdaptiveMutex> guard(g_openLock);
         if (IopDeviceExtension(op.device)->deletePending || (op.device->Flags & DO_DEVICE_INITIALIZING)) {
             status = STATUS_NO_SUCH_DEVICE;
         } else if ((op.device->Flags & DO_EXCLUSIVE) && op.device->ReferenceCount != 0 && !op.related) {

@@ -4,6 +4,7 @@
 // lets the verifier tell a live packet from a freed one and see whether a
 // packet is still with a driver.
 #include "io/irp_tracker.h"
+#include "machine/adaptive_mutex.h"
 #include "machine/machine_impl.h"
 
 #include <utility>
@@ -14,7 +15,7 @@ namespace {
 constexpr CCHAR kLookasideStackSize = 8;
 constexpr int kLookasideDepth = 64;
 
-std::mutex g_lookasideLock;
+AdaptiveMutex g_lookasideLock;
 IrpTracker* g_lookaside;  // freed packets of kLookasideStackSize locations
 int g_lookasideCount;
 
@@ -45,7 +46,7 @@ void ReleaseRequestingThread(IrpTracker* tracker) {
 }  // namespace
 
 void IopDrainIrpLookaside() {
-    std::lock_guard<std::mutex> guard(g_lookasideLock);
+    std::lock_guard<AdaptiveMutex> guard(g_lookasideLock);
     while (g_lookaside) {
         IrpTracker* next = g_lookaside->nextFree;
         g_lookaside->~IrpTracker();
@@ -89,7 +90,7 @@ PIRP IoAllocateIrp(CCHAR StackSize, BOOLEAN ChargeQuota) {
         flags |= IRP_LOOKASIDE_ALLOCATION;
         // A packet from the lookaside counts as an allocation for fault
         // injection: NT's list may be empty at any call.
-        std::unique_lock<std::mutex> guard(g_lookasideLock);
+        std::unique_lock<AdaptiveMutex> guard(g_lookasideLock);
         if (g_lookaside) {
             guard.unlock();
             if (CurrentMachine().pool.ShouldFail(kTagIrp)) return nullptr;
@@ -146,7 +147,7 @@ VOID IoFreeIrp(PIRP Irp) {
     tracker->magic = kIrpFreeMagic;
     Irp->Type = 0;
     if (Irp->AllocationFlags & IRP_LOOKASIDE_ALLOCATION) {
-        std::lock_guard<std::mutex> guard(g_lookasideLock);
+        std::lock_guard<AdaptiveMutex> guard(g_lookasideLock);
         if (g_lookasideCount < kLookasideDepth) {
             tracker->nextFree = g_lookaside;
             g_lookaside = tracker;

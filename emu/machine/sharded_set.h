@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
+
+#include "machine/adaptive_mutex.h"
 #include <unordered_set>
 #include <vector>
 
@@ -16,25 +18,25 @@ class ShardedPointerSet {
 public:
     void Insert(T* p) {
         Shard& s = ShardOf(p);
-        std::lock_guard<std::mutex> guard(s.lock);
+        std::lock_guard<AdaptiveMutex> guard(s.lock);
         s.items.insert(p);
     }
     // Whether P was in the set.
     bool Erase(T* p) {
         Shard& s = ShardOf(p);
-        std::lock_guard<std::mutex> guard(s.lock);
+        std::lock_guard<AdaptiveMutex> guard(s.lock);
         return s.items.erase(p) != 0;
     }
     bool Contains(const T* p) const {
         const Shard& s = ShardOf(p);
-        std::lock_guard<std::mutex> guard(s.lock);
+        std::lock_guard<AdaptiveMutex> guard(s.lock);
         return s.items.count(const_cast<T*>(p)) != 0;
     }
     // Empties the set, handing every member to the caller.
     std::vector<T*> TakeAll() {
         std::vector<T*> all;
         for (Shard& s : shards_) {
-            std::lock_guard<std::mutex> guard(s.lock);
+            std::lock_guard<AdaptiveMutex> guard(s.lock);
             all.insert(all.end(), s.items.begin(), s.items.end());
             s.items.clear();
         }
@@ -44,7 +46,7 @@ public:
 private:
     static constexpr size_t kShards = 64;
     struct alignas(64) Shard {
-        mutable std::mutex lock;
+        mutable AdaptiveMutex lock;
         std::unordered_set<T*> items;
     };
     static size_t Index(const void* p) {

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <vector>
 
+#include "machine/adaptive_mutex.h"
 #include "ob/ob_internal.h"
 
 namespace tervane::emu {
@@ -18,7 +19,7 @@ public:
         ULONG attributes = 0;
         const void* owner = nullptr;  // the driver image that opened it, or null
     };
-    std::mutex lock;
+    AdaptiveMutex lock;
     std::vector<Entry> entries;   // slot i holds handle value (i + 1) * 4
     std::vector<size_t> freeSlots;
     uint32_t pid = 0;
@@ -106,7 +107,7 @@ NTSTATUS ObInsertHandle(PVOID object, ACCESS_MASK grantedAccess, ULONG attribute
     ObpHeader(object)->handleCount.fetch_add(1);
     size_t slot;
     {
-        std::lock_guard<std::mutex> guard(table->lock);
+        std::lock_guard<AdaptiveMutex> guard(table->lock);
         if (!table->freeSlots.empty()) {
             slot = table->freeSlots.back();
             table->freeSlots.pop_back();
@@ -131,7 +132,7 @@ NTSTATUS ObpReferenceByHandle(HANDLE handle, ACCESS_MASK desiredAccess, POBJECT_
     size_t slot;
     HandleTable* table = TableFor(handle, mode, &slot);
     if (!table) return STATUS_INVALID_HANDLE;
-    std::lock_guard<std::mutex> guard(table->lock);
+    std::lock_guard<AdaptiveMutex> guard(table->lock);
     if (slot >= table->entries.size() || !table->entries[slot].object) return STATUS_INVALID_HANDLE;
     const HandleTable::Entry& entry = table->entries[slot];
     if (type && ObGetObjectType(entry.object) != type) return STATUS_OBJECT_TYPE_MISMATCH;
@@ -152,7 +153,7 @@ NTSTATUS ObpCloseHandle(HANDLE handle, KPROCESSOR_MODE mode) {
     if (!table) return STATUS_INVALID_HANDLE;
     HandleTable::Entry entry;
     {
-        std::lock_guard<std::mutex> guard(table->lock);
+        std::lock_guard<AdaptiveMutex> guard(table->lock);
         if (slot >= table->entries.size() || !table->entries[slot].object) return STATUS_INVALID_HANDLE;
         entry = table->entries[slot];
         table->entries[slot] = {};
@@ -168,7 +169,7 @@ void ObCloseAllHandles(_EPROCESS* process) {
     for (;;) {
         std::vector<HandleTable::Entry> open;
         {
-            std::lock_guard<std::mutex> guard(table->lock);
+            std::lock_guard<AdaptiveMutex> guard(table->lock);
             for (size_t i = 0; i < table->entries.size(); ++i) {
                 if (!table->entries[i].object) continue;
                 open.push_back(table->entries[i]);
@@ -185,7 +186,7 @@ std::vector<std::string> ObDescribeHandles(uint32_t pid, const std::set<const vo
     std::vector<std::string> lines;
     std::lock_guard<std::mutex> tablesGuard(g_tablesLock);
     for (HandleTable* table : g_tables) {
-        std::lock_guard<std::mutex> guard(table->lock);
+        std::lock_guard<AdaptiveMutex> guard(table->lock);
         if (pid && table->pid != pid) continue;
         for (size_t i = 0; i < table->entries.size(); ++i) {
             PVOID object = table->entries[i].object;
