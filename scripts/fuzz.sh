@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Runs one libFuzzer target for SECONDS (default 60) in the clang
-# AddressSanitizer/UndefinedBehaviorSanitizer build (build-asan, or BUILD_DIR),
-# building it first when needed. The corpus grows in a temporary directory
-# from the seeds in fuzz/corpus/TARGET; a crash leaves its input in
+# AddressSanitizer/UndefinedBehaviorSanitizer build of the fuzzers
+# (build-fuzz, or BUILD_DIR), configuring and building it first when needed.
+# The corpus grows in a temporary directory from the seeds in
+# fuzz/corpus/TARGET; a crash leaves its input in
 # fuzz/crash-TARGET-*: add it to fuzz/corpus/TARGET, where CTest replays it.
 # Usage: scripts/fuzz.sh TARGET [SECONDS]
 set -euo pipefail
@@ -23,10 +24,10 @@ if ! command -v clang++-14 >/dev/null || ! command -v clang-14 >/dev/null; then
   echo "fuzz: the fuzzers need clang-14 and libclang-rt-14-dev (apt-get install clang-14 libclang-rt-14-dev)" >&2
   exit 2
 fi
-build="${BUILD_DIR:-$root/build-asan}"
+build="${BUILD_DIR:-$root/build-fuzz}"
 if [[ ! -f "$build/CMakeCache.txt" ]]; then
   CC=clang-14 CXX=clang++-14 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DTERVANE_SANITIZE=ON -DTERVANE_FUZZ=ON >/dev/null
+    -DTERVANE_SANITIZE=ON -DTERVANE_FUZZ=ON -DTERVANE_FUSE=OFF -DTERVANE_BENCH=OFF >/dev/null
 elif ! grep -q '^TERVANE_FUZZ:BOOL=ON' "$build/CMakeCache.txt"; then
   echo "fuzz: $build is not a fuzzer build (configure it with CC=clang-14 CXX=clang++-14 -DTERVANE_FUZZ=ON)" >&2
   exit 2
