@@ -172,16 +172,21 @@ static ULONG ChooseFilterFlag(ULONG ExistenceMask, ULONG Disposition) {
 
 // An overwrite of a file found in a filter directory starts from an empty
 // copy in filter directory 0 that carries the found file's attributes. A
-// failed copy is logged; the open goes on in filter directory 0.
-static VOID PrepareOverwrite(PUNICODE_STRING FullPath, ULONG ExistenceMask, ULONG Disposition) {
+// failed copy is logged and fails the open: going on would create a new
+// file in filter directory 0 and report it created, the found file's
+// attributes lost. The copy reports no status; what makes it fail is a
+// shortage of memory or of request packets, and the open says so.
+static NTSTATUS PrepareOverwrite(PUNICODE_STRING FullPath, ULONG ExistenceMask, ULONG Disposition) {
     if (Disposition != FILE_OVERWRITE && Disposition != FILE_OVERWRITE_IF) {
-        return;
+        return STATUS_SUCCESS;
     }
     const ULONG ulFound = LowestConfiguredFlag(ExistenceMask);
     if (ulFound != 0 && !FiltCopyFileAttribute(FullPath, ulFound, 1, TRUE)) {
         TRVN_LOG("TervaneCreate", __LINE__, "FiltCopyFileAttribute failed for file [%wZ] from filter [%d] to [%d]\r\n",
                  FullPath, ulFound, 1);
+        return STATUS_INSUFFICIENT_RESOURCES;
     }
+    return STATUS_SUCCESS;
 }
 
 // Makes the caller's FILE_OBJECT look like an open of the real file: access
@@ -313,23 +318,27 @@ static NTSTATUS OpenRedirected(PIRP Irp, PIO_STACK_LOCATION pIrpSp, PUNICODE_STR
     CreateParameters parameters;
     ReadCreateParameters(pIrpSp, &parameters);
     const ULONG ulFilterFlag = ChooseFilterFlag(ExistenceMask, parameters.m_ulDisposition);
-    PrepareOverwrite(FullPath, ExistenceMask, parameters.m_ulDisposition);
 
     // Deletion at close: what can fail is done now, before the open. The
     // file system deletes a real file of filter directory 0 itself when its
     // handle closes; a lower filter directory's file is never deleted, its
     // name (with those of the other lower copies) leaves the view at close.
     CreateParameters realParameters = parameters;
+    NTSTATUS nPrepareStatus = STATUS_SUCCESS;
     if (parameters.m_bDeleteOnClose) {
-        NTSTATUS nPrepareStatus = FiltPrepareRemoval(FullPath, &parameters.m_ulRemoveLowerMask);
-        if (!NT_SUCCESS(nPrepareStatus)) {
-            Irp->IoStatus.Status = nPrepareStatus;
-            Irp->IoStatus.Information = 0;
-            return nPrepareStatus;
-        }
+        nPrepareStatus = FiltPrepareRemoval(FullPath, &parameters.m_ulRemoveLowerMask);
         if (ulFilterFlag == 1) {
             realParameters.m_ulCreateOptions |= FILE_DELETE_ON_CLOSE;
         }
+    }
+    // The overwrite's copy comes last, just before the open that needs it.
+    if (NT_SUCCESS(nPrepareStatus)) {
+        nPrepareStatus = PrepareOverwrite(FullPath, ExistenceMask, parameters.m_ulDisposition);
+    }
+    if (!NT_SUCCESS(nPrepareStatus)) {
+        Irp->IoStatus.Status = nPrepareStatus;
+        Irp->IoStatus.Information = 0;
+        return nPrepareStatus;
     }
     if (pIrpSp->Parameters.Create.EaLength != 0) {
         TRVN_LOG("TervaneCreate", __LINE__, "Warning: EaLength not zero[%d] EaBuffer not NULL[%08x]\r\n",

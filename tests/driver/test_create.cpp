@@ -75,6 +75,32 @@ TEST_F(CreateTest, DispositionChoosesTheFilterDirectory) {
     EXPECT_EQ(HostContent(std::string(kBase) + "/dir/low.txt"), "low");
 }
 
+// An overwrite of a lower file with each of its allocations refused in turn
+// either overwrites (the file was there: FILE_OVERWRITTEN) or fails; it never
+// reports a new file, and the lower file stays as it was.
+TEST_F(CreateTest, EveryFailedAllocationOfAnOverwriteFailsOrOverwrites) {
+    const std::string pack = std::string(kPack) + "/dir/low.txt";
+    uint64_t allocationsOfAnOpen = 0;  // counted by the run with n = 0
+    uint64_t failedOpens = 0;
+    for (uint64_t n = 0; n <= allocationsOfAnOpen; n++) {
+        SCOPED_TRACE("allocation " + std::to_string(n));
+        const uint64_t allocations = machine->AllocationCount();
+        if (n != 0) machine->FailNthAllocation(n);
+        OpenResult open = Open(app, u"C:\\dir\\low.txt", GENERIC_WRITE | SYNCHRONIZE, FILE_OVERWRITE_IF);
+        machine->ClearFaultInjection();
+        if (n == 0) allocationsOfAnOpen = machine->AllocationCount() - allocations;
+        if (NT_SUCCESS(open.status)) {
+            EXPECT_EQ(open.information, ULONG_PTR(FILE_OVERWRITTEN));
+            Close(app, open.handle);
+        } else {
+            failedOpens++;
+        }
+        EXPECT_EQ(HostContent(std::string(kBase) + "/dir/low.txt"), "low");
+        std::filesystem::remove(host / pack);
+    }
+    EXPECT_GT(failedOpens, 0u);
+}
+
 // Processes that are not monitored, and the driver's own opens, see the volume.
 TEST_F(CreateTest, UnmonitoredAndBypassedOpensSeeTheRealVolume) {
     EXPECT_EQ(Cat(other, u"C:\\dir\\real.txt"), "volume");
