@@ -138,6 +138,7 @@ struct OpenedFile {
     bool writable = false;
     struct stat st {};
     FileMeta meta;
+    uint64_t metaSaves = 0;  // the stores' save count before META was loaded
 };
 
 // Gives the volume a control block for the host file OPENED, unless an open
@@ -159,7 +160,14 @@ NTSTATUS InstallFcb(CreateRequest& rq, OpenedFile& opened, const std::u16string&
     fcb->fullName = fullName;
     fcb->hostPath = hostPath;
     fcb->meta = std::move(opened.meta);
-    SetSizes(fcb, opened.st);
+    // The sizes, and the metadata if any was saved meanwhile, are read again
+    // under the volume mutex: what the open read without it may predate
+    // writes through a control block of this file that was closed since, and
+    // an append would then land inside them.
+    struct stat now {};
+    if (fstat(fcb->fd, &now) != 0) now = opened.st;
+    if (MetaStore::Saves() != opened.metaSaves) LoadMeta(vcb, fcb->fd, now, &fcb->meta);
+    SetSizes(fcb, now);
     vcb->fcbs[fcb->ino] = fcb;
     *out = fcb;
     return STATUS_SUCCESS;
@@ -185,6 +193,7 @@ NTSTATUS GetFcb(CreateRequest& rq, int parentFd, const Lookup& lk, const std::u1
         opened.fd.reset(hostPath.empty() ? openat(vcb->rootFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)
                                          : OpenHostChild(parentFd, lk.hostName, directory, &opened.writable));
         err = errno;
+        opened.metaSaves = MetaStore::Saves();
         if (opened.fd.fd >= 0) LoadMeta(vcb, opened.fd.fd, lk.st, &opened.meta);
     }
     if (opened.fd.fd < 0) return StatusFromErrno(err);
@@ -544,6 +553,7 @@ NTSTATUS OpenSpelledFile(CreateRequest& rq, const std::vector<std::u16string>& c
             parent.leafAbsent = errno == ENOENT;
             return STATUS_SUCCESS;
         }
+        opened.metaSaves = MetaStore::Saves();
         LoadMeta(rq.vcb, opened.fd.fd, opened.st, &opened.meta);
     }
     HoldTables(rq);

@@ -157,6 +157,8 @@ void MetaStore::LoadRecent(int fd, const struct stat& st, FileMeta* meta) const 
     recent_[st.st_ino] = Recent{st.st_ctim, *meta};
 }
 
+uint64_t MetaStore::Saves() { return g_metaWrites.load(); }
+
 bool MetaStore::Save(int fd, uint64_t ino, const FileMeta& meta) const {
     {
         std::lock_guard<std::mutex> guard(recentLock_);

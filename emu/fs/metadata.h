@@ -54,6 +54,9 @@ public:
     // then its answer.
     bool FindRecent(const struct stat& st, FileMeta* meta) const;
     bool Save(int fd, uint64_t ino, const FileMeta& meta) const;
+    // Counts the saves of every store so far: a record loaded while it moved
+    // may be older than what a save just wrote.
+    static uint64_t Saves();
     std::optional<std::vector<uint8_t>> LoadSecurity(int fd, uint64_t ino) const;
     bool SaveSecurity(int fd, uint64_t ino, const std::vector<uint8_t>& sd) const;
     // A file is gone: its store entries go too (no-op with xattrs).

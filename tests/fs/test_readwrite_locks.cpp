@@ -1,4 +1,7 @@
 // Reads, writes and byte-range locks on the emulated NTFS volume.
+#include <atomic>
+#include <filesystem>
+#include <memory>
 #include <thread>
 
 #include "fs_fixture.h"
@@ -77,6 +80,28 @@ TEST_F(FsTest, AppendOnlyHandleWritesAtEnd) {
             Close(f.handle);
         }
     });
+}
+
+// Appenders that each open, write and close, as a shell's ">>" does: the
+// control block a new open makes takes the file's size as it is when made,
+// not as the open first found it, so that no append lands inside another.
+TEST_F(FsTest, OpenAppendCloseFromThreadsLosesNothing) {
+    constexpr int kThreads = 3, kAppends = 400;
+    WriteHostFile(host / "log", "");
+    std::vector<std::unique_ptr<Machine::Thread>> threads;
+    std::atomic<int> failures{0};
+    for (int t = 0; t < kThreads; ++t)
+        threads.push_back(machine->StartThread(process, [&, t] {
+            const std::string line(static_cast<size_t>(4 + t), static_cast<char>('a' + t));
+            for (int i = 0; i < kAppends; ++i) {
+                OpenResult f = Open(u"\\log", FILE_APPEND_DATA | SYNCHRONIZE, FILE_SHARE_READ | FILE_SHARE_WRITE);
+                if (f.status != STATUS_SUCCESS || Write(f.handle, line, kNoOffset) != STATUS_SUCCESS) failures++;
+                if (f.status == STATUS_SUCCESS) Close(f.handle);
+            }
+        }));
+    for (auto& t : threads) t->Join();
+    EXPECT_EQ(failures.load(), 0);
+    EXPECT_EQ(std::filesystem::file_size(host / "log"), size_t{kAppends} * (4 + 5 + 6));
 }
 
 TEST_F(FsTest, ByteRangeLockConflicts) {
