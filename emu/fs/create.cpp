@@ -50,6 +50,7 @@ struct CreateRequest {
     // block to the end.
     std::unique_lock<VolumeMutex>* lock;
     bool shared;  // the volume's name lock is held shared
+    uint64_t fcbsUnlinked;  // the volume's count when the open began
     PFILE_OBJECT fo;
     ULONG options;
     ULONG disposition;
@@ -160,13 +161,15 @@ NTSTATUS InstallFcb(CreateRequest& rq, OpenedFile& opened, const std::u16string&
     fcb->fullName = fullName;
     fcb->hostPath = hostPath;
     fcb->meta = std::move(opened.meta);
-    // The sizes, and the metadata if any was saved meanwhile, are read again
-    // under the volume mutex: what the open read without it may predate
-    // writes through a control block of this file that was closed since, and
-    // an append would then land inside them.
-    struct stat now {};
-    if (fstat(fcb->fd, &now) != 0) now = opened.st;
-    if (MetaStore::Saves() != opened.metaSaves) LoadMeta(vcb, fcb->fd, now, &fcb->meta);
+    // What the open read of the file without the volume mutex may predate
+    // writes through a control block of it that went away since (an append
+    // would then land inside them): once any control block went, the sizes,
+    // and the metadata if any was saved meanwhile, are read again.
+    struct stat now = opened.st;
+    if (vcb->fcbsUnlinked.load(std::memory_order_relaxed) != rq.fcbsUnlinked) {
+        if (fstat(fcb->fd, &now) != 0) now = opened.st;
+        if (MetaStore::Saves() != opened.metaSaves) LoadMeta(vcb, fcb->fd, now, &fcb->meta);
+    }
     SetSizes(fcb, now);
     vcb->fcbs[fcb->ino] = fcb;
     *out = fcb;
@@ -754,6 +757,7 @@ NTSTATUS FsdCreate(PDEVICE_OBJECT device, PIRP irp) {
         rq.vcb = vcb;
         rq.lock = &lock;
         rq.shared = shared;
+        rq.fcbsUnlinked = vcb->fcbsUnlinked.load(std::memory_order_relaxed);
         status = CommonCreate(rq, irp, &info, &done, parent);
     }
     if (shared) {

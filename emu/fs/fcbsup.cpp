@@ -40,7 +40,10 @@ void UnlinkFcb(Vcb* vcb, Fcb* fcb) {
     }
     // A deleted file's inode may already serve a new file with its own FCB.
     auto it = vcb->fcbs.find(fcb->ino);
-    if (it != vcb->fcbs.end() && it->second == fcb) vcb->fcbs.erase(it);
+    if (it != vcb->fcbs.end() && it->second == fcb) {
+        vcb->fcbs.erase(it);
+        vcb->fcbsUnlinked.fetch_add(1, std::memory_order_relaxed);
+    }
 }
 
 Ccb* CreateCcb() {

@@ -7,6 +7,7 @@
 
 #include <sys/stat.h>
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -146,6 +147,9 @@ struct Vcb {
     // a shared nameLock leave it for their host calls.
     VolumeMutex mutex;
     std::unordered_map<uint64_t, Fcb*> fcbs;            // by inode
+    // Control blocks taken out of fcbs so far: an open that read a file's
+    // status before one went reads it again before it makes a new one.
+    std::atomic<uint64_t> fcbsUnlinked{0};
     std::unordered_map<uint64_t, std::u16string> idPaths;  // inode -> full name last seen
     std::map<uint64_t, DirCache> dirCaches;              // by directory inode
     std::vector<NotifyWaiter> notifyWaiters;
