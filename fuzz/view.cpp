@@ -29,21 +29,6 @@ std::u16string Input::Name(size_t maxChars) {
     return name;
 }
 
-std::vector<uint8_t> Slots(const std::vector<std::u16string>& paths) {
-    std::vector<uint8_t> buffer(paths.size() * PATH_SLOT_SIZE, 0);
-    for (size_t i = 0; i < paths.size(); i++)
-        memcpy(buffer.data() + i * PATH_SLOT_SIZE, paths[i].data(),
-               std::min<size_t>(paths[i].size() * 2, PATH_SLOT_SIZE));
-    return buffer;
-}
-
-std::vector<uint8_t> ProcessRecord(ULONG pid, const std::u16string& name) {
-    std::vector<uint8_t> record(sizeof(TervaneProcessRecord), 0);
-    memcpy(record.data(), &pid, 4);
-    memcpy(record.data() + 4, name.data(), std::min<size_t>(name.size() * 2, record.size() - 4));
-    return record;
-}
-
 static void Write(const fs::path& file, const std::string& content) {
     fs::create_directories(file.parent_path());
     std::ofstream(file, std::ios::binary | std::ios::trunc) << content;

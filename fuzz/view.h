@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "common/control_records.h"
+
 namespace tervane::fuzz {
 
 // Reads the fuzzer's input front to back; past the end it yields zeros.
@@ -31,8 +33,8 @@ private:
 };
 
 // Control protocol records: one path slot per path; a process record.
-std::vector<uint8_t> Slots(const std::vector<std::u16string>& paths);
-std::vector<uint8_t> ProcessRecord(ULONG pid, const std::u16string& name);
+using test::ProcessRecord;
+using test::Slots;
 
 class View {
 public:

@@ -8,22 +8,6 @@
 
 namespace tervane::test {
 
-std::vector<uint8_t> Slots(const std::vector<std::u16string>& paths) {
-    std::vector<uint8_t> buffer(paths.size() * PATH_SLOT_SIZE, 0);
-    for (size_t i = 0; i < paths.size(); i++) {
-        memcpy(buffer.data() + i * PATH_SLOT_SIZE, paths[i].data(),
-               std::min<size_t>(paths[i].size() * 2, PATH_SLOT_SIZE));
-    }
-    return buffer;
-}
-
-std::vector<uint8_t> ProcessRecord(ULONG pid, const std::u16string& name) {
-    std::vector<uint8_t> record(sizeof(TervaneProcessRecord), 0);
-    memcpy(record.data(), &pid, 4);
-    memcpy(record.data() + 4, name.data(), std::min<size_t>(name.size() * 2, 40));
-    return record;
-}
-
 std::u16string SlotPath(const std::vector<uint8_t>& buffer, size_t slot) {
     std::u16string path;
     for (size_t i = slot * PATH_SLOT_SIZE; i + 1 < (slot + 1) * PATH_SLOT_SIZE && i + 1 < buffer.size(); i += 2) {

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "common/control_records.h"
 #include "common/machine_test.h"
 
 // Standard headers come first: the driver's platform include renames a few
@@ -37,10 +38,6 @@ inline std::u16string U16(const UNICODE_STRING& s) {
     return std::u16string(reinterpret_cast<const char16_t*>(s.Buffer), s.Length / 2);
 }
 
-// One path slot per path, each cut to the slot size.
-std::vector<uint8_t> Slots(const std::vector<std::u16string>& paths);
-// A process record: the id, then the image name cut to its field.
-std::vector<uint8_t> ProcessRecord(ULONG pid, const std::u16string& name);
 // The path in one slot of an output buffer.
 std::u16string SlotPath(const std::vector<uint8_t>& buffer, size_t slot);
 
