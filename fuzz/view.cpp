@@ -53,15 +53,7 @@ View::View(bool configure) {
     app = machine->CreateProcess(1234, "app.exe");
     controller = machine->CreateProcess(900, "controller.exe");
     NTSTATUS opened = STATUS_UNSUCCESSFUL;
-    machine->Run(controller, [&] {
-        UNICODE_STRING name;
-        RtlInitUnicodeString(&name, L"\\??\\Tervane");
-        OBJECT_ATTRIBUTES oa;
-        InitializeObjectAttributes(&oa, &name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
-        IO_STATUS_BLOCK iosb;
-        opened = NtCreateFile(&control, GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE, &oa, &iosb, nullptr, 0, 0,
-                              FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
-    });
+    machine->Run(controller, [&] { opened = test::OpenControlDevice(&control); });
     if (opened != STATUS_SUCCESS) std::abort();
     if (!configure) return;
     indexfile::IndexFiles files;

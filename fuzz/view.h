@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "common/control_records.h"
+#include "common/controller.h"
 
 namespace tervane::fuzz {
 

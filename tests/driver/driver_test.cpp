@@ -27,16 +27,7 @@ NTSTATUS TervaneTest::LoadTervane(PDRIVER_OBJECT* driver) {
 ControlResult TervaneTest::Control(ULONG code, const std::vector<uint8_t>& input, ULONG outputLength) {
     if (controlHandle_ == nullptr) {
         controller_ = machine->CreateProcess(900, "controller.exe");
-        machine->Run(controller_, [&] {
-            UNICODE_STRING name;
-            RtlInitUnicodeString(&name, L"\\??\\Tervane");
-            OBJECT_ATTRIBUTES oa;
-            InitializeObjectAttributes(&oa, &name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
-            IO_STATUS_BLOCK iosb;
-            EXPECT_EQ(NtCreateFile(&controlHandle_, GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE, &oa, &iosb, nullptr,
-                                   0, 0, FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0),
-                      STATUS_SUCCESS);
-        });
+        machine->Run(controller_, [&] { EXPECT_EQ(OpenControlDevice(&controlHandle_), STATUS_SUCCESS); });
     }
     ControlResult result;
     result.output.assign(outputLength, kUntouched);

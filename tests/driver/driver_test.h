@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "common/control_records.h"
+#include "common/controller.h"
 #include "common/machine_test.h"
 
 // Standard headers come first: the driver's platform include renames a few

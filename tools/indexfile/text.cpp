@@ -24,7 +24,7 @@ bool PathToUtf8(const std::filesystem::path& path, std::string* out) {
 std::string PathText(const std::filesystem::path& path) {
     std::string text;
     if (PathToUtf8(path, &text)) return text;
-    for (auto c : path.native()) text += c < 0x80 ? static_cast<char>(c) : '?';
+    for (auto c : path.native()) text += static_cast<uint32_t>(c) < 0x80 ? static_cast<char>(c) : '?';
     return text;
 }
 

@@ -1,4 +1,4 @@
-#include "common/control_records.h"
+#include "common/controller.h"
 
 #include <algorithm>
 #include <cstring>
@@ -9,6 +9,16 @@
 #include "control/filter_directory.h"
 
 namespace tervane::test {
+
+NTSTATUS OpenControlDevice(HANDLE* handle) {
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, L"\\??\\Tervane");
+    OBJECT_ATTRIBUTES oa;
+    InitializeObjectAttributes(&oa, &name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
+    IO_STATUS_BLOCK iosb;
+    return NtCreateFile(handle, GENERIC_READ | GENERIC_WRITE | SYNCHRONIZE, &oa, &iosb, nullptr, 0, 0, FILE_OPEN,
+                        FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
+}
 
 std::vector<uint8_t> Slots(const std::vector<std::u16string>& paths) {
     std::vector<uint8_t> buffer(paths.size() * PATH_SLOT_SIZE, 0);
