@@ -7,6 +7,7 @@
 
 #include "kernel.h"
 #include "machine/machine_impl.h"
+#include "machine/sharded_set.h"
 
 namespace tervane::emu {
 
@@ -34,10 +35,7 @@ PoolTracker::~PoolTracker() {
         for (auto& [block, info] : shard.live) std::free(const_cast<void*>(block));
 }
 
-PoolTracker::Shard& PoolTracker::ShardOf(const void* block) const {
-    uintptr_t v = reinterpret_cast<uintptr_t>(block) >> 4;  // host blocks are 16-byte aligned
-    return shards_[(v ^ (v >> 7) ^ (v >> 13)) % kShards];
-}
+PoolTracker::Shard& PoolTracker::ShardOf(const void* block) const { return shards_[ShardIndex(block, kShards)]; }
 
 std::map<ULONG, PoolTracker::Counters> PoolTracker::SumTags() const {
     std::map<ULONG, Counters> sum;
@@ -54,15 +52,21 @@ std::map<ULONG, PoolTracker::Counters> PoolTracker::SumTags() const {
     return sum;
 }
 
-uint64_t PoolTracker::CountTagAttempt(ULONG tag) {
+PoolTracker::TagSlot* PoolTracker::FindTagSlot(ULONG tag, bool claim) const {
     const uint64_t key = (uint64_t{1} << 32) | tag;
     size_t at = (tag * 2654435761u) % kTagSlots;
     for (size_t probe = 0; probe < kTagSlots; ++probe, at = (at + 1) % kTagSlots) {
         TagSlot& slot = tagSlots_[at];
         uint64_t seen = slot.key.load(std::memory_order_acquire);
-        if (seen == 0 && slot.key.compare_exchange_strong(seen, key, std::memory_order_acq_rel)) seen = key;
-        if (seen == key) return slot.count.fetch_add(1, std::memory_order_relaxed) + 1;
+        if (seen == 0 && claim && slot.key.compare_exchange_strong(seen, key, std::memory_order_acq_rel)) seen = key;
+        if (seen == key) return &slot;
+        if (seen == 0) return nullptr;
     }
+    return nullptr;
+}
+
+uint64_t PoolTracker::CountTagAttempt(ULONG tag) {
+    if (TagSlot* slot = FindTagSlot(tag, true)) return slot->count.fetch_add(1, std::memory_order_relaxed) + 1;
     std::lock_guard<std::mutex> guard(moreLock_);
     return ++moreTagAttempts_[tag];
 }
@@ -99,13 +103,7 @@ bool PoolTracker::ShouldFail(ULONG tag) {
 uint64_t PoolTracker::Attempts() const { return attempts_.load(std::memory_order_relaxed); }
 
 uint64_t PoolTracker::AttemptsWithTag(ULONG tag) const {
-    const uint64_t key = (uint64_t{1} << 32) | tag;
-    size_t at = (tag * 2654435761u) % kTagSlots;
-    for (size_t probe = 0; probe < kTagSlots; ++probe, at = (at + 1) % kTagSlots) {
-        const uint64_t seen = tagSlots_[at].key.load(std::memory_order_acquire);
-        if (seen == key) return tagSlots_[at].count.load(std::memory_order_relaxed);
-        if (seen == 0) return 0;
-    }
+    if (const TagSlot* slot = FindTagSlot(tag, false)) return slot->count.load(std::memory_order_relaxed);
     std::lock_guard<std::mutex> guard(moreLock_);
     auto it = moreTagAttempts_.find(tag);
     return it == moreTagAttempts_.end() ? 0 : it->second;

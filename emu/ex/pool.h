@@ -78,7 +78,10 @@ private:
         std::atomic<uint64_t> count{0};
     };
     static constexpr size_t kTagSlots = 1024;
-    TagSlot tagSlots_[kTagSlots];
+    mutable TagSlot tagSlots_[kTagSlots];
+    // TAG's slot (CLAIM: a free one is taken for it); null when it has none
+    // and, with CLAIM, when every slot is taken.
+    TagSlot* FindTagSlot(ULONG tag, bool claim) const;
     mutable std::mutex moreLock_;
     std::map<ULONG, uint64_t> moreTagAttempts_;  // under moreLock_, once every slot is taken
     std::atomic<uint64_t> attempts_{0};   // every allocation asked for, refused ones included

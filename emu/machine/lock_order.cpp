@@ -15,6 +15,7 @@
 
 #include "kernel.h"
 #include "machine/services.h"
+#include "machine/sharded_set.h"
 #include "ps/process.h"
 
 namespace tervane::emu {
@@ -34,10 +35,7 @@ struct LockOrder {
     std::map<const void*, std::set<const void*>> after;  // lock -> locks taken while holding it
     std::set<std::pair<const void*, const void*>> reported;
     HeldShard heldShards[kHeldShards];
-    HeldShard& HeldOf(_ETHREAD* thread) {
-        uintptr_t v = reinterpret_cast<uintptr_t>(thread) >> 4;
-        return heldShards[(v ^ (v >> 7)) % kHeldShards];
-    }
+    HeldShard& HeldOf(_ETHREAD* thread) { return heldShards[ShardIndex(thread, kHeldShards)]; }
 };
 
 LockOrder& State() {

@@ -6,12 +6,19 @@
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
-
-#include "machine/adaptive_mutex.h"
 #include <unordered_set>
 #include <vector>
 
+#include "machine/adaptive_mutex.h"
+
 namespace tervane::emu {
+
+// The shard, of SHARDS, that the address P falls in. Blocks and objects are
+// at least 16-byte aligned: the bits above those are spread over the shards.
+inline size_t ShardIndex(const void* p, size_t shards) {
+    uintptr_t v = reinterpret_cast<uintptr_t>(p) >> 4;
+    return (v ^ (v >> 7) ^ (v >> 13)) % shards;
+}
 
 template <typename T>
 class ShardedPointerSet {
@@ -49,13 +56,8 @@ private:
         mutable AdaptiveMutex lock;
         std::unordered_set<T*> items;
     };
-    static size_t Index(const void* p) {
-        // Blocks are at least 16-byte aligned: the bits above those spread.
-        uintptr_t v = reinterpret_cast<uintptr_t>(p) >> 4;
-        return (v ^ (v >> 7) ^ (v >> 13)) % kShards;
-    }
-    Shard& ShardOf(const void* p) { return shards_[Index(p)]; }
-    const Shard& ShardOf(const void* p) const { return shards_[Index(p)]; }
+    Shard& ShardOf(const void* p) { return shards_[ShardIndex(p, kShards)]; }
+    const Shard& ShardOf(const void* p) const { return shards_[ShardIndex(p, kShards)]; }
 
     Shard shards_[kShards];
 };
