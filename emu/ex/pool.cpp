@@ -32,7 +32,7 @@ ULONG PoolTagFromText(const std::string& text) {
 
 PoolTracker::~PoolTracker() {
     for (Shard& shard : shards_)
-        for (auto& [block, info] : shard.live) std::free(const_cast<void*>(block));
+        shard.live.ForEach([](uint64_t block, const Block&) { std::free(reinterpret_cast<void*>(block)); });
 }
 
 PoolTracker::Shard& PoolTracker::ShardOf(const void* block) const { return shards_[ShardIndex(block, kShards)]; }
@@ -41,13 +41,13 @@ std::map<ULONG, PoolTracker::Counters> PoolTracker::SumTags() const {
     std::map<ULONG, Counters> sum;
     for (const Shard& shard : shards_) {
         std::lock_guard<AdaptiveMutex> guard(shard.lock);
-        for (const auto& [tag, c] : shard.tags) {
-            Counters& t = sum[tag];
+        shard.tags.ForEach([&sum](uint64_t key, const Counters& c) {
+            Counters& t = sum[static_cast<ULONG>(key)];
             t.allocs += c.allocs;
             t.frees += c.frees;
             t.blocks += c.blocks;
             t.bytes += c.bytes;
-        }
+        });
     }
     return sum;
 }
@@ -116,8 +116,8 @@ void* PoolTracker::Allocate(SIZE_T bytes, ULONG tag, const void* owner) {
     std::memset(block, kFreshPoolFill, bytes);
     Shard& shard = ShardOf(block);
     std::lock_guard<AdaptiveMutex> guard(shard.lock);
-    shard.live[block] = Block{bytes, tag, owner};
-    Counters& c = shard.tags[tag];
+    shard.live[FlatTable<Block>::KeyOf(block)] = Block{bytes, tag, owner};
+    Counters& c = shard.tags[TagKey(tag)];
     c.allocs++;
     c.blocks++;
     c.bytes += bytes;
@@ -129,21 +129,20 @@ void PoolTracker::Free(void* block, ULONG tag, bool checkTag) {
     {
         Shard& shard = ShardOf(block);
         std::lock_guard<AdaptiveMutex> guard(shard.lock);
-        auto it = shard.live.find(block);
-        if (it == shard.live.end()) {
+        Block info;
+        if (!shard.live.Erase(FlatTable<Block>::KeyOf(block), &info)) {
             char text[96];
             std::snprintf(text, sizeof(text), "pool block %p freed that is not allocated (double free?)", block);
             problem = text;
         } else {
-            if (checkTag && it->second.tag != tag) {
-                problem = "pool block tagged \"" + PoolTagText(it->second.tag) + "\" freed with tag \"" +
+            if (checkTag && info.tag != tag) {
+                problem = "pool block tagged \"" + PoolTagText(info.tag) + "\" freed with tag \"" +
                           PoolTagText(tag) + "\"";
             }
-            Counters& c = shard.tags[it->second.tag];
+            Counters& c = shard.tags[TagKey(info.tag)];
             c.frees++;
             c.blocks--;
-            c.bytes -= it->second.bytes;
-            shard.live.erase(it);
+            c.bytes -= info.bytes;
             std::free(block);
         }
     }
@@ -153,10 +152,10 @@ void PoolTracker::Free(void* block, ULONG tag, bool checkTag) {
 bool PoolTracker::Lookup(const void* block, SIZE_T* bytes, ULONG* tag) const {
     Shard& shard = ShardOf(block);
     std::lock_guard<AdaptiveMutex> guard(shard.lock);
-    auto it = shard.live.find(block);
-    if (it == shard.live.end()) return false;
-    if (bytes) *bytes = it->second.bytes;
-    if (tag) *tag = it->second.tag;
+    const Block* info = shard.live.Find(FlatTable<Block>::KeyOf(block));
+    if (!info) return false;
+    if (bytes) *bytes = info->bytes;
+    if (tag) *tag = info->tag;
     return true;
 }
 
@@ -165,12 +164,12 @@ std::vector<PoolTagUsage> PoolTracker::Usage(bool outstandingOnly, const std::se
     if (!skip.empty()) {
         for (const Shard& shard : shards_) {
             std::lock_guard<AdaptiveMutex> guard(shard.lock);
-            for (const auto& [block, info] : shard.live) {
-                if (!skip.count(info.owner)) continue;
+            shard.live.ForEach([&](uint64_t, const Block& info) {
+                if (!skip.count(info.owner)) return;
                 Counters& c = tags[info.tag];
                 c.blocks--;
                 c.bytes -= info.bytes;
-            }
+            });
         }
     }
     std::vector<PoolTagUsage> usage;
@@ -185,12 +184,12 @@ std::vector<PoolTagUsage> PoolTracker::OwnedUsage(const void* owner) const {
     std::map<ULONG, Counters> tags;
     for (const Shard& shard : shards_) {
         std::lock_guard<AdaptiveMutex> guard(shard.lock);
-        for (const auto& [block, info] : shard.live) {
-            if (info.owner != owner) continue;
+        shard.live.ForEach([&](uint64_t, const Block& info) {
+            if (info.owner != owner) return;
             Counters& c = tags[info.tag];
             c.blocks++;
             c.bytes += info.bytes;
-        }
+        });
     }
     std::vector<PoolTagUsage> usage;
     for (const auto& [tag, c] : tags) usage.push_back(PoolTagUsage{PoolTagText(tag), 0, 0, c.blocks, c.bytes});

@@ -8,12 +8,12 @@
 #include <mutex>
 #include <set>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include <emu/machine.h>
 
 #include "machine/adaptive_mutex.h"
+#include "machine/flat_table.h"
 
 namespace tervane::emu {
 
@@ -60,10 +60,12 @@ private:
     // counters are the sum over the shards.
     struct alignas(64) Shard {
         mutable AdaptiveMutex lock;
-        std::unordered_map<const void*, Block> live;
-        std::unordered_map<ULONG, Counters> tags;
+        FlatTable<Block> live;     // by address
+        FlatTable<Counters> tags;  // by TagKey
+
     };
     static constexpr size_t kShards = 32;
+    static uint64_t TagKey(ULONG tag) { return (uint64_t{1} << 32) | tag; }
     Shard& ShardOf(const void* block) const;
     // Every tag's counters, summed over the shards (each shard's lock taken in turn).
     std::map<ULONG, Counters> SumTags() const;

@@ -145,8 +145,8 @@ struct OpenedFile {
 // Gives the volume a control block for the host file OPENED, unless an open
 // of the same file made one meanwhile: that one wins, and OPENED keeps its
 // descriptor for the caller to close. Needs the volume mutex.
-NTSTATUS InstallFcb(CreateRequest& rq, OpenedFile& opened, const std::u16string& fullName,
-                    const std::string& hostPath, Fcb** out) {
+NTSTATUS InstallFcb(CreateRequest& rq, OpenedFile& opened, std::u16string fullName, std::string hostPath,
+                    Fcb** out) {
     Vcb* vcb = rq.vcb;
     auto it = vcb->fcbs.find(opened.st.st_ino);
     if (it != vcb->fcbs.end()) {
@@ -158,8 +158,8 @@ NTSTATUS InstallFcb(CreateRequest& rq, OpenedFile& opened, const std::u16string&
     fcb->fd = std::exchange(opened.fd.fd, -1);
     fcb->fdWritable = opened.writable;
     fcb->isDirectory = S_ISDIR(opened.st.st_mode);
-    fcb->fullName = fullName;
-    fcb->hostPath = hostPath;
+    fcb->fullName = std::move(fullName);
+    fcb->hostPath = std::move(hostPath);
     fcb->meta = std::move(opened.meta);
     // What the open read of the file without the volume mutex may predate
     // writes through a control block of it that went away since (an append
@@ -475,16 +475,22 @@ struct ParentDir {
 bool HostSpelling(const std::vector<std::u16string>& comps, size_t count, std::string* host) {
     host->clear();
     for (size_t i = 0; i < count; ++i) {
-        std::string part;
-        if (!NtNameToHost(comps[i], &part)) return false;
-        *host = JoinHost(*host, part);
+        if (i) host->push_back('/');
+        if (!AppendNtNameAsHost(comps[i], host)) return false;
     }
     return true;
 }
 
 std::u16string JoinComponents(const std::vector<std::u16string>& comps, size_t count) {
-    std::u16string name = u"\\";
-    for (size_t i = 0; i < count; ++i) name = JoinNt(name, comps[i]);
+    if (count == 0) return u"\\";
+    size_t length = 0;
+    for (size_t i = 0; i < count; ++i) length += 1 + comps[i].size();
+    std::u16string name;
+    name.reserve(length);
+    for (size_t i = 0; i < count; ++i) {
+        name.push_back(u'\\');
+        name.append(comps[i]);
+    }
     return name;
 }
 
@@ -560,7 +566,7 @@ NTSTATUS OpenSpelledFile(CreateRequest& rq, const std::vector<std::u16string>& c
         LoadMeta(rq.vcb, opened.fd.fd, opened.st, &opened.meta);
     }
     HoldTables(rq);
-    NTSTATUS status = InstallFcb(rq, opened, JoinComponents(comps, comps.size()), hostPath, fcb);
+    NTSTATUS status = InstallFcb(rq, opened, JoinComponents(comps, comps.size()), std::move(hostPath), fcb);
     parent.fd.reset(std::exchange(opened.fd.fd, -1));
     return status;
 }

@@ -43,11 +43,20 @@ NTSTATUS StatusFromErrno(int err) {
 }
 
 std::string JoinHost(const std::string& dir, const std::string& name) {
-    return dir.empty() ? name : dir + "/" + name;
+    if (dir.empty()) return name;
+    std::string path;
+    path.reserve(dir.size() + 1 + name.size());
+    path.append(dir).append(1, '/').append(name);
+    return path;
 }
 
 std::u16string JoinNt(const std::u16string& dir, const std::u16string& name) {
-    return dir == u"\\" ? u"\\" + name : dir + u"\\" + name;
+    const bool root = dir == u"\\";
+    std::u16string path;
+    path.reserve((root ? 0 : dir.size()) + 1 + name.size());
+    if (!root) path.append(dir);
+    path.append(1, u'\\').append(name);
+    return path;
 }
 
 int OpenHostDir(Vcb* vcb, const std::string& hostPath) {

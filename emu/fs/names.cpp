@@ -105,13 +105,22 @@ bool HostNameToNt(std::string_view host, std::u16string* nt) {
 
 bool NtNameToHost(std::u16string_view nt, std::string* host) {
     host->clear();
+    return AppendNtNameAsHost(nt, host);
+}
+
+bool AppendNtNameAsHost(std::u16string_view nt, std::string* host) {
+    const size_t start = host->size();
     for (size_t i = 0; i < nt.size(); ++i) {
         uint32_t cp = nt[i];
         if (cp >= 0xD800 && cp <= 0xDBFF) {
-            if (i + 1 >= nt.size() || nt[i + 1] < 0xDC00 || nt[i + 1] > 0xDFFF) return false;
+            if (i + 1 >= nt.size() || nt[i + 1] < 0xDC00 || nt[i + 1] > 0xDFFF) {
+                host->resize(start);
+                return false;
+            }
             cp = 0x10000 + ((cp - 0xD800) << 10) + (nt[i + 1] - 0xDC00);
             ++i;
         } else if (cp >= 0xDC00 && cp <= 0xDFFF) {
+            host->resize(start);
             return false;
         }
         if (cp < 0x80) {

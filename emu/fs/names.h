@@ -37,6 +37,8 @@ NTSTATUS SplitPath(std::u16string_view path, std::vector<std::u16string>* compon
 bool HostNameToNt(std::string_view host, std::u16string* nt);
 // False when NAME holds an unpaired surrogate (no UTF-8 form).
 bool NtNameToHost(std::u16string_view nt, std::string* host);
+// The same, appended to *HOST (which is left as it was on failure).
+bool AppendNtNameAsHost(std::u16string_view nt, std::string* host);
 
 // FsRtlIsNameInExpression semantics, without regard to case: * and ?,
 // and the DOS wildcards < (DOS_STAR), > (DOS_QM) and " (DOS_DOT).

@@ -122,8 +122,8 @@ void CompleteServiceIrp(PIRP irp) {
         }
     }
     IoFreeIrp(irp);
-    if (userEvent && file && !synchronousApi) ObfDereferenceObject(userEvent);  // the caller's event object
-    if (file && !create) ObfDereferenceObject(file);
+    if (userEvent && file && !synchronousApi) ObpDereferenceHeld(userEvent);  // the caller's event object
+    if (file && !create) ObpDereferenceHeld(file);
 }
 
 }  // namespace

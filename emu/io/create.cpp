@@ -129,12 +129,12 @@ public:
     ObjectReference() = default;
     explicit ObjectReference(PVOID object) : object_(object) {}
     ~ObjectReference() {
-        if (object_) ObfDereferenceObject(object_);
+        if (object_) ObpDereferenceHeld(object_);
     }
     ObjectReference(const ObjectReference&) = delete;
     ObjectReference& operator=(const ObjectReference&) = delete;
     void Reset(PVOID object) {
-        if (object_) ObfDereferenceObject(object_);
+        if (object_) ObpDereferenceHeld(object_);
         object_ = object;
     }
     PVOID Get() const { return object_; }

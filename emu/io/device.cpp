@@ -168,11 +168,12 @@ PDEVICE_OBJECT IoAttachDeviceToDeviceStack(PDEVICE_OBJECT SourceDevice, PDEVICE_
     std::lock_guard<std::recursive_mutex> guard(g_stackLock);
     PDEVICE_OBJECT top = IoGetAttachedDevice(TargetDevice);
     if (IopDeviceExtension(top)->deletePending) return nullptr;
-    top->AttachedDevice = SourceDevice;
     SourceDevice->StackSize = CCHAR(top->StackSize + 1);
     SourceDevice->AlignmentRequirement = top->AlignmentRequirement;
     SourceDevice->SectorSize = top->SectorSize;
     IopDeviceExtension(SourceDevice)->AttachedTo = top;
+    // Published last: a reader that finds the new device finds it whole.
+    __atomic_store_n(&top->AttachedDevice, SourceDevice, __ATOMIC_RELEASE);
     return top;
 }
 
@@ -181,13 +182,17 @@ VOID IoDetachDevice(PDEVICE_OBJECT TargetDevice) {
     PDEVICE_OBJECT above = TargetDevice->AttachedDevice;
     if (!above) return;
     IopDeviceExtension(above)->AttachedTo = nullptr;
-    TargetDevice->AttachedDevice = nullptr;
+    __atomic_store_n(&TargetDevice->AttachedDevice, nullptr, __ATOMIC_RELEASE);
 }
 
+// Every request finds its stack's top here, so the links are read without
+// the stack lock: they change only under it, each by one atomic store.
 PDEVICE_OBJECT IoGetAttachedDevice(PDEVICE_OBJECT DeviceObject) {
-    std::lock_guard<std::recursive_mutex> guard(g_stackLock);
-    while (DeviceObject->AttachedDevice) DeviceObject = DeviceObject->AttachedDevice;
-    return DeviceObject;
+    for (;;) {
+        PDEVICE_OBJECT above = __atomic_load_n(&DeviceObject->AttachedDevice, __ATOMIC_ACQUIRE);
+        if (!above) return DeviceObject;
+        DeviceObject = above;
+    }
 }
 
 PDEVICE_OBJECT IoGetAttachedDeviceReference(PDEVICE_OBJECT DeviceObject) {

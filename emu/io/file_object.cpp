@@ -65,7 +65,7 @@ void DeleteFile(PVOID object) {
     if (file->Vpb) InterlockedDecrement(reinterpret_cast<LONG volatile*>(&file->Vpb->ReferenceCount));
     if (PDEVICE_OBJECT device = file->DeviceObject) {
         InterlockedDecrement(&device->ReferenceCount);
-        ObfDereferenceObject(device);
+        ObpDereferenceHeld(device);
     }
     std::lock_guard<std::mutex> guard(g_filesLock);
     Files().erase(file);
@@ -100,7 +100,7 @@ NTSTATUS IopCreateFileObject(PDEVICE_OBJECT device, PVPB vpb, const std::u16stri
         std::lock_guard<std::mutex> guard(g_filesLock);
         Files().insert(file);
     }
-    ObfReferenceObject(device);
+    ObpReferenceHeld(device);
     InterlockedIncrement(&device->ReferenceCount);
     file->DeviceObject = device;
     if (vpb) {

@@ -90,16 +90,20 @@ PIRP IoAllocateIrp(CCHAR StackSize, BOOLEAN ChargeQuota) {
         flags |= IRP_LOOKASIDE_ALLOCATION;
         // A packet from the lookaside counts as an allocation for fault
         // injection: NT's list may be empty at any call.
-        std::unique_lock<AdaptiveMutex> guard(g_lookasideLock);
-        if (g_lookaside) {
-            guard.unlock();
-            if (CurrentMachine().pool.ShouldFail(kTagIrp)) return nullptr;
-            guard.lock();
+        {
+            std::lock_guard<AdaptiveMutex> guard(g_lookasideLock);
+            if (g_lookaside) {
+                tracker = g_lookaside;
+                g_lookaside = tracker->nextFree;
+                --g_lookasideCount;
+            }
         }
-        if (g_lookaside) {
-            tracker = g_lookaside;
-            g_lookaside = tracker->nextFree;
-            --g_lookasideCount;
+        if (tracker && CurrentMachine().pool.ShouldFail(kTagIrp)) {
+            std::lock_guard<AdaptiveMutex> guard(g_lookasideLock);
+            tracker->nextFree = g_lookaside;
+            g_lookaside = tracker;
+            ++g_lookasideCount;
+            return nullptr;
         }
     }
     if (!tracker) {

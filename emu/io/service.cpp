@@ -15,14 +15,14 @@ NTSTATUS IopReferenceFileRequest(HANDLE handle, ACCESS_MASK access, HANDLE event
     if (!NT_SUCCESS(status)) return status;
     // ACCESS lists the rights of which the handle needs at least one.
     if (mode != KernelMode && access && !(info.GrantedAccess & access)) {
-        ObfDereferenceObject(object);
+        ObpDereferenceHeld(object);
         return STATUS_ACCESS_DENIED;
     }
     if (event) {
         PVOID eventObject;
         status = ObpReferenceByHandle(event, EVENT_MODIFY_STATE, ObpEventType, mode, &eventObject, nullptr);
         if (!NT_SUCCESS(status)) {
-            ObfDereferenceObject(object);
+            ObpDereferenceHeld(object);
             return status;
         }
         request->event = static_cast<PKEVENT>(eventObject);
@@ -39,8 +39,8 @@ NTSTATUS IopReferenceFileRequest(HANDLE handle, ACCESS_MASK access, HANDLE event
 void IopReleaseRequest(FileRequest* request) {
     if (!request->file) return;
     if (request->synchronous) IopReleaseFileObjectLock(request->file);
-    if (request->event) ObfDereferenceObject(request->event);
-    ObfDereferenceObject(request->file);
+    if (request->event) ObpDereferenceHeld(request->event);
+    ObpDereferenceHeld(request->file);
     *request = {};
 }
 
@@ -130,7 +130,7 @@ NTSTATUS IopSynchronousServiceTail(FileRequest* request, PIRP irp) {
     // alive ourselves while we wait on it. As NT, every request clears the
     // file object's event: a caller of an asynchronous file object without
     // an event of its own waits on the file object for this request.
-    ObfReferenceObject(file);
+    ObpReferenceHeld(file);
     KeClearEvent(&file->Event);
     NTSTATUS status = IofCallDriver(request->device, irp);
     if (synchronous) {
@@ -141,7 +141,7 @@ NTSTATUS IopSynchronousServiceTail(FileRequest* request, PIRP irp) {
         }
         IopReleaseFileObjectLock(file);
     }
-    ObfDereferenceObject(file);
+    ObpDereferenceHeld(file);
     *request = {};
     return status;
 }
@@ -157,8 +157,8 @@ NTSTATUS IopSynchronousApi(FileRequest* request, PIRP irp, PIO_STATUS_BLOCK call
     irp->UserIosb = localIosb;
     irp->UserEvent = localEvent;
     PFILE_OBJECT file = request->file;
-    ObfReferenceObject(file);
-    if (request->event) ObfDereferenceObject(request->event);  // a synchronous API signals no caller event
+    ObpReferenceHeld(file);
+    if (request->event) ObpDereferenceHeld(request->event);  // a synchronous API signals no caller event
     *request = {};
     NTSTATUS status = IofCallDriver(IoGetRelatedDeviceObject(file), irp);
     bool pended = status == STATUS_PENDING;
@@ -167,7 +167,7 @@ NTSTATUS IopSynchronousApi(FileRequest* request, PIRP irp, PIO_STATUS_BLOCK call
         status = localIosb->Status;
     }
     if (pended || !NT_ERROR(status)) *callerIosb = *localIosb;
-    ObfDereferenceObject(file);
+    ObpDereferenceHeld(file);
     return status;
 }
 

@@ -146,8 +146,9 @@ LONGLONG KeSystemTimeNow() {
 
 using namespace tervane::emu;
 
+// No thread may wait on an event while it is being initialised, so this
+// takes no dispatcher lock (it runs for every file object and request).
 extern "C" VOID KeInitializeEvent(PRKEVENT Event, EVENT_TYPE Type, BOOLEAN State) {
-    std::lock_guard<std::mutex> guard(g_dispatcherLock);
     Event->Header.Type = static_cast<UCHAR>(Type);
     Event->Header.Absolute = 0;
     Event->Header.Size = sizeof(KEVENT) / sizeof(LONG);

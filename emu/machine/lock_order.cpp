@@ -32,8 +32,12 @@ constexpr size_t kHeldShards = 16;
 
 struct LockOrder {
     std::mutex lock;  // the graph and what was reported
-    std::map<const void*, std::set<const void*>> after;  // lock -> locks taken while holding it
+    std::map<const void*, std::set<const void*>> after;   // lock -> locks taken while holding it
+    std::map<const void*, std::set<const void*>> before;  // the same edges the other way round
     std::set<std::pair<const void*, const void*>> reported;
+    // Every lock that has an edge: a lock initialised or deleted outside it
+    // (most are) is forgotten without the graph's lock.
+    ShardedPointerSet<const void> inGraph;
     HeldShard heldShards[kHeldShards];
     HeldShard& HeldOf(_ETHREAD* thread) { return heldShards[ShardIndex(thread, kHeldShards)]; }
 };
@@ -83,7 +87,8 @@ void VerifierLockAcquiring(const void* lock, const char* kind, bool blocking) {
         std::lock_guard<std::mutex> guard(s.lock);
         if (std::find(held.begin(), held.end(), lock) == held.end()) {
             for (const void* before : held) {
-                if (s.after[before].count(lock)) continue;
+                auto known = s.after.find(before);
+                if (known != s.after.end() && known->second.count(lock)) continue;
                 if (Reaches(s, lock, before)) {
                     auto pair = std::minmax(before, lock);
                     if (s.reported.insert(pair).second)
@@ -92,6 +97,9 @@ void VerifierLockAcquiring(const void* lock, const char* kind, bool blocking) {
                     continue;
                 }
                 s.after[before].insert(lock);
+                s.before[lock].insert(before);
+                s.inGraph.Insert(before);
+                s.inGraph.Insert(lock);
             }
         }
     }
@@ -120,9 +128,24 @@ void VerifierLockReleased(const void* lock, _ETHREAD* owner) {
 
 void VerifierLockForget(const void* lock) {
     LockOrder& s = State();
+    if (!s.inGraph.Contains(lock)) return;
     std::lock_guard<std::mutex> guard(s.lock);
-    s.after.erase(lock);
-    for (auto& [before, locks] : s.after) locks.erase(lock);
+    s.inGraph.Erase(lock);
+    // Its edges both ways, found through the two indexes.
+    auto drop = [lock](std::map<const void*, std::set<const void*>>& from,
+                       std::map<const void*, std::set<const void*>>& back) {
+        auto it = from.find(lock);
+        if (it == from.end()) return;
+        for (const void* other : it->second) {
+            auto b = back.find(other);
+            if (b == back.end()) continue;
+            b->second.erase(lock);
+            if (b->second.empty()) back.erase(b);
+        }
+        from.erase(it);
+    };
+    drop(s.after, s.before);
+    drop(s.before, s.after);
     for (auto it = s.reported.begin(); it != s.reported.end();)
         it = (it->first == lock || it->second == lock) ? s.reported.erase(it) : std::next(it);
 }
@@ -132,7 +155,9 @@ void LockOrderReset() {
     {
         std::lock_guard<std::mutex> guard(s.lock);
         s.after.clear();
+        s.before.clear();
         s.reported.clear();
+        s.inGraph.TakeAll();
     }
     for (HeldShard& shard : s.heldShards) {
         std::lock_guard<std::mutex> guard(shard.lock);

@@ -6,10 +6,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
-#include <unordered_set>
 #include <vector>
 
 #include "machine/adaptive_mutex.h"
+#include "machine/flat_table.h"
 
 namespace tervane::emu {
 
@@ -26,25 +26,25 @@ public:
     void Insert(T* p) {
         Shard& s = ShardOf(p);
         std::lock_guard<AdaptiveMutex> guard(s.lock);
-        s.items.insert(p);
+        s.items[Key(p)] = 1;
     }
     // Whether P was in the set.
     bool Erase(T* p) {
         Shard& s = ShardOf(p);
         std::lock_guard<AdaptiveMutex> guard(s.lock);
-        return s.items.erase(p) != 0;
+        return s.items.Erase(Key(p));
     }
     bool Contains(const T* p) const {
         const Shard& s = ShardOf(p);
         std::lock_guard<AdaptiveMutex> guard(s.lock);
-        return s.items.count(const_cast<T*>(p)) != 0;
+        return s.items.Find(Key(p)) != nullptr;
     }
     // Empties the set, handing every member to the caller.
     std::vector<T*> TakeAll() {
         std::vector<T*> all;
         for (Shard& s : shards_) {
             std::lock_guard<AdaptiveMutex> guard(s.lock);
-            all.insert(all.end(), s.items.begin(), s.items.end());
+            s.items.ForEach([&all](uint64_t key, char) { all.push_back(reinterpret_cast<T*>(key)); });
             s.items.clear();
         }
         return all;
@@ -54,8 +54,9 @@ private:
     static constexpr size_t kShards = 64;
     struct alignas(64) Shard {
         mutable AdaptiveMutex lock;
-        std::unordered_set<T*> items;
+        FlatTable<char> items;  // keyed by address
     };
+    static uint64_t Key(const void* p) { return FlatTable<char>::KeyOf(p); }
     Shard& ShardOf(const void* p) { return shards_[ShardIndex(p, kShards)]; }
     const Shard& ShardOf(const void* p) const { return shards_[ShardIndex(p, kShards)]; }
 

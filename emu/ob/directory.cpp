@@ -32,15 +32,15 @@ NTSTATUS CreateDirectoryObject(PVOID* object) {
 // Looks the component of PATH at POS (LENGTH characters) up in DIRECTORY;
 // the lock is held. The upcased key is made in a buffer of the thread's
 // own, so that a lookup allocates nothing once it has seen a name as long.
-PVOID FindEntry(PVOID directory, const std::u16string& path, size_t pos, size_t length, bool caseInsensitive) {
+PVOID FindEntry(PVOID directory, std::u16string_view path, size_t pos, size_t length, bool caseInsensitive) {
     thread_local std::u16string key;
-    key.assign(path, pos, length);
+    key.assign(path.substr(pos, length));
     for (auto& c : key) c = static_cast<char16_t>(RtlUpcaseUnicodeChar(static_cast<WCHAR>(c)));
     auto& entries = *Dir(directory)->entries;
     auto it = entries.find(key);
     if (it == entries.end()) return nullptr;
     const std::u16string& name = ObpHeader(it->second)->name;
-    if (!caseInsensitive && name.compare(0, name.size(), path, pos, length) != 0) return nullptr;
+    if (!caseInsensitive && name != path.substr(pos, length)) return nullptr;
     return it->second;
 }
 
@@ -76,18 +76,19 @@ std::u16string ObpUpcase(const std::u16string& s) {
     return up;
 }
 
-NTSTATUS ObpLookup(PVOID root, const std::u16string& name, bool caseInsensitive, bool openLink, PVOID* object,
+NTSTATUS ObpLookup(PVOID root, std::u16string_view name, bool caseInsensitive, bool openLink, PVOID* object,
                    std::u16string* remaining) {
     *object = nullptr;
     remaining->clear();
-    std::u16string path = name;
+    std::u16string_view path = name;
+    std::u16string rewritten;  // the name once a symbolic link replaced its start
     PVOID current;
     size_t pos;
     if (root) {
         if (!IsDirectory(root)) {  // a file or key parses the whole name itself
             ObfReferenceObject(root);
             *object = root;
-            *remaining = name;
+            remaining->assign(name);
             return STATUS_SUCCESS;
         }
         if (!path.empty() && path[0] == u'\\') return STATUS_OBJECT_PATH_SYNTAX_BAD;
@@ -103,7 +104,7 @@ NTSTATUS ObpLookup(PVOID root, const std::u16string& name, bool caseInsensitive,
     int reparse = 0;
     for (;;) {
         if (pos == path.size()) {  // "\" or an empty name relative to a directory
-            ObfReferenceObject(current);
+            ObpReferenceHeld(current);
             *object = current;
             return STATUS_SUCCESS;
         }
@@ -117,13 +118,16 @@ NTSTATUS ObpLookup(PVOID root, const std::u16string& name, bool caseInsensitive,
             const std::u16string& target = *static_cast<ObpSymbolicLink*>(child)->target;
             if (++reparse > kMaxReparse) return STATUS_OBJECT_NAME_NOT_FOUND;
             if (target.empty() || target[0] != u'\\') return STATUS_OBJECT_PATH_SYNTAX_BAD;
-            path = target + path.substr(end);
+            std::u16string next = target;
+            next.append(path.data() + end, path.size() - end);
+            rewritten.swap(next);
+            path = rewritten;
             current = g_root;
             pos = 1;
             continue;
         }
         if (last) {
-            ObfReferenceObject(child);
+            ObpReferenceHeld(child);
             *object = child;
             return STATUS_SUCCESS;
         }
@@ -134,9 +138,9 @@ NTSTATUS ObpLookup(PVOID root, const std::u16string& name, bool caseInsensitive,
             continue;
         }
         // An object that parses the rest of the name itself (a device, a key).
-        ObfReferenceObject(child);
+        ObpReferenceHeld(child);
         *object = child;
-        *remaining = path.substr(end);
+        remaining->assign(path.substr(end));
         return STATUS_SUCCESS;
     }
 }

@@ -73,7 +73,7 @@ void CloseEntry(const HandleTable::Entry& entry, _EPROCESS* process) {
     if (header->type->init.closeProcedure)
         header->type->init.closeProcedure(process, entry.object, entry.granted, ULONG(left));
     if (left == 0 && header->temporaryName) ObpRemoveName(entry.object);
-    ObfDereferenceObject(entry.object);
+    ObpDereferenceHeld(entry.object);
 }
 
 }  // namespace
@@ -103,7 +103,7 @@ NTSTATUS ObInsertHandle(PVOID object, ACCESS_MASK grantedAccess, ULONG attribute
     POBJECT_TYPE type = ObGetObjectType(object);
     RtlMapGenericMask(&grantedAccess, &type->init.mapping);
     if (grantedAccess & MAXIMUM_ALLOWED) grantedAccess = (grantedAccess & ~MAXIMUM_ALLOWED) | type->init.validAccess;
-    ObfReferenceObject(object);
+    ObpReferenceHeld(object);
     ObpHeader(object)->handleCount.fetch_add(1);
     size_t slot;
     {
@@ -138,7 +138,7 @@ NTSTATUS ObpReferenceByHandle(HANDLE handle, ACCESS_MASK desiredAccess, POBJECT_
     if (type && ObGetObjectType(entry.object) != type) return STATUS_OBJECT_TYPE_MISMATCH;
     // Kernel-mode callers are trusted with any handle, as in NT.
     if (mode != KernelMode && (desiredAccess & ~entry.granted)) return STATUS_ACCESS_DENIED;
-    ObfReferenceObject(entry.object);
+    ObpReferenceHeld(entry.object);
     *object = entry.object;
     if (info) {
         info->HandleAttributes = entry.attributes;

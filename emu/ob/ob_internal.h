@@ -38,6 +38,12 @@ inline ObjectHeader* ObpHeader(PVOID object) {
 }
 inline PVOID ObpBody(ObjectHeader* header) { return reinterpret_cast<char*>(header) + kObjectHeaderSize; }
 
+// A reference the machine itself takes or gives back on an object it holds
+// a reference to already (through a handle, a packet, a lookup): the
+// verifier's check that the object is alive is for the drivers' calls.
+inline void ObpReferenceHeld(PVOID object) { ObpHeader(object)->pointerCount.fetch_add(1); }
+void ObpDereferenceHeld(PVOID object);  // deletes the object with its last reference
+
 // Bodies of the object manager's own types.
 struct ObpDirectory {
     std::map<std::u16string, PVOID>* entries;  // key: upper-cased name
@@ -75,7 +81,7 @@ NTSTATUS ObpCaptureName(PCUNICODE_STRING name, std::u16string* out);
 // The full namespace walk. ROOT (referenced by the caller, may be null)
 // is where a relative NAME starts. With OPENLINK a symbolic link named by the
 // last component is returned itself instead of being followed.
-NTSTATUS ObpLookup(PVOID root, const std::u16string& name, bool caseInsensitive, bool openLink,
+NTSTATUS ObpLookup(PVOID root, std::u16string_view name, bool caseInsensitive, bool openLink,
                    PVOID* object, std::u16string* remaining);
 
 // Resolves OBJECT_ATTRIBUTES (name and optional RootDirectory handle) for the

@@ -67,6 +67,11 @@ NTSTATUS ObCreateObject(POBJECT_TYPE type, ULONG bodySize, PVOID* object) {
     return STATUS_SUCCESS;
 }
 
+void ObpDereferenceHeld(PVOID object) {
+    ObjectHeader* header = ObpHeader(object);
+    if (header->pointerCount.fetch_sub(1) == 1) DeleteObject(header);
+}
+
 POBJECT_TYPE ObGetObjectType(PVOID object) { return object ? ObpHeader(object)->type : nullptr; }
 LONG ObPointerCount(PVOID object) { return ObpHeader(object)->pointerCount.load(); }
 LONG ObHandleCount(PVOID object) { return ObpHeader(object)->handleCount.load(); }

@@ -30,9 +30,15 @@ NTSTATUS ObpLookupByAttributes(POBJECT_ATTRIBUTES attributes, KPROCESSOR_MODE mo
     *object = nullptr;
     NTSTATUS status = CheckAttributes(attributes);
     if (!NT_SUCCESS(status)) return status;
-    std::u16string name;
-    status = ObpCaptureName(attributes->ObjectName, &name);
-    if (!NT_SUCCESS(status)) return status;
+    // The name is checked as a capture checks it and read in place: the
+    // lookup copies what it keeps.
+    PCUNICODE_STRING given = attributes->ObjectName;
+    std::u16string_view name;
+    if (given) {
+        if ((given->Length & 1) || given->Length > given->MaximumLength || (given->Length && !given->Buffer))
+            return STATUS_OBJECT_NAME_INVALID;
+        name = std::u16string_view(reinterpret_cast<const char16_t*>(given->Buffer), given->Length / 2);
+    }
     PVOID root = nullptr;
     if (attributes->RootDirectory) {
         status = ObpReferenceByHandle(attributes->RootDirectory, 0, nullptr, mode, &root, nullptr);
