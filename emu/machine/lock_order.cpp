@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "kernel.h"
+#include "machine/adaptive_mutex.h"
 #include "machine/services.h"
 #include "machine/sharded_set.h"
 #include "ps/process.h"
@@ -25,7 +26,7 @@ namespace {
 // apart from the graph, split by thread, so that an acquire with nothing
 // held (most of them) costs no lock that other threads take.
 struct HeldShard {
-    std::mutex lock;
+    AdaptiveMutex lock;
     std::unordered_map<_ETHREAD*, std::vector<const void*>> held;
 };
 constexpr size_t kHeldShards = 16;
@@ -77,9 +78,9 @@ void VerifierLockAcquiring(const void* lock, const char* kind, bool blocking) {
     std::vector<const void*> held;
     {
         HeldShard& shard = s.HeldOf(thread);
-        std::lock_guard<std::mutex> guard(shard.lock);
+        std::lock_guard<AdaptiveMutex> guard(shard.lock);
         auto it = shard.held.find(thread);
-        if (it == shard.held.end()) return;  // nothing held: no order to record
+        if (it == shard.held.end() || it->second.empty()) return;  // nothing held: no order to record
         held = it->second;
     }
     std::vector<std::string> inversions;
@@ -110,20 +111,20 @@ void VerifierLockAcquired(const void* lock) {
     _ETHREAD* thread = CurrentThread();
     if (!thread) return;
     HeldShard& shard = State().HeldOf(thread);
-    std::lock_guard<std::mutex> guard(shard.lock);
+    std::lock_guard<AdaptiveMutex> guard(shard.lock);
     shard.held[thread].push_back(lock);
 }
 
 void VerifierLockReleased(const void* lock, _ETHREAD* owner) {
     if (!owner) return;
     HeldShard& shard = State().HeldOf(owner);
-    std::lock_guard<std::mutex> guard(shard.lock);
+    std::lock_guard<AdaptiveMutex> guard(shard.lock);
     auto it = shard.held.find(owner);
     if (it == shard.held.end()) return;
     auto& held = it->second;
     auto last = std::find(held.rbegin(), held.rend(), lock);
     if (last != held.rend()) held.erase(std::next(last).base());
-    if (held.empty()) shard.held.erase(it);
+    // An emptied list stays with its thread: the next acquire allocates nothing.
 }
 
 void VerifierLockForget(const void* lock) {
@@ -160,7 +161,7 @@ void LockOrderReset() {
         s.inGraph.TakeAll();
     }
     for (HeldShard& shard : s.heldShards) {
-        std::lock_guard<std::mutex> guard(shard.lock);
+        std::lock_guard<AdaptiveMutex> guard(shard.lock);
         shard.held.clear();
     }
 }

@@ -113,8 +113,13 @@ TEST_F(IoTest, ASynchronousFileObjectWaitsForAPendingPacketAndTheFilterSeesPendi
         EXPECT_EQ(std::string(buffer, 4), "rrrr");
         NtClose(h);
     });
+    // The completer thread may still be closing the file (it held the last
+    // reference): read the record under its lock.
     bool sawPending = false;
-    for (const auto& call : world.fastCalls) sawPending |= call == "filter completion 3 pending";
+    {
+        std::lock_guard<std::mutex> guard(world.lock);
+        for (const auto& call : world.fastCalls) sawPending |= call == "filter completion 3 pending";
+    }
     EXPECT_TRUE(sawPending);
 }
 
