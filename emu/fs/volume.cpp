@@ -260,7 +260,6 @@ NTSTATUS FsMountVolume(const std::string& hostDir, std::u16string* deviceName) {
         storage->Vpb = vpb;
         vcb->ownVpb = true;
     }
-    vpb->Flags |= VPB_MOUNTED;
     vpb->DeviceObject = volume;
     vpb->RealDevice = storage;
     vpb->SerialNumber = vcb->serialNumber;
@@ -273,6 +272,9 @@ NTSTATUS FsMountVolume(const std::string& hostDir, std::u16string* deviceName) {
     Vcb* raw = vcb.release();
     *static_cast<VolumeExtension*>(storage->DeviceExtension) = {kExtensionMagic, raw};
     *static_cast<VolumeExtension*>(volume->DeviceExtension) = {kExtensionMagic, raw};
+    // Last, and published: an open that finds the volume mounted without
+    // the mount lock finds the volume whole.
+    __atomic_or_fetch(&vpb->Flags, VPB_MOUNTED, __ATOMIC_RELEASE);
     g.volumes.push_back(raw);
     *deviceName = name;
     return STATUS_SUCCESS;

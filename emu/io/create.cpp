@@ -66,6 +66,11 @@ NTSTATUS IopMountIfNeeded(PDEVICE_OBJECT device, PVPB* result) {
     *result = nullptr;
     PVPB vpb = device->Vpb;
     if (!vpb) return STATUS_SUCCESS;
+    // Once mounted, a volume stays so: most opens need not wait for a mount.
+    if (__atomic_load_n(&vpb->Flags, __ATOMIC_ACQUIRE) & VPB_MOUNTED) {
+        *result = vpb;
+        return STATUS_SUCCESS;
+    }
     std::lock_guard<std::mutex> guard(g_mountLock);
     if (vpb->Flags & VPB_MOUNTED) {
         *result = vpb;
@@ -86,7 +91,7 @@ NTSTATUS IopMountIfNeeded(PDEVICE_OBJECT device, PVPB* result) {
         sp->Parameters.MountVolume.DeviceObject = IoGetAttachedDevice(device);
         NTSTATUS status = IopSendAndWait(top, irp, &event, &iosb);
         if (NT_SUCCESS(status) && vpb->DeviceObject) {
-            vpb->Flags |= VPB_MOUNTED;
+            __atomic_or_fetch(&vpb->Flags, VPB_MOUNTED, __ATOMIC_RELEASE);
             *result = vpb;
             return STATUS_SUCCESS;
         }

@@ -1,11 +1,13 @@
-// Request packets: allocation (with a lookaside of packets of up to eight
-// stack locations, as NT keeps one), initialisation, reuse and freeing.
+// Request packets: allocation (with lookasides of packets of up to eight
+// stack locations, one per group of threads as NT keeps one per processor),
+// initialisation, reuse and freeing.
 // Each packet the I/O manager allocates is preceded by a small tracker that
 // lets the verifier tell a live packet from a freed one and see whether a
 // packet is still with a driver.
 #include "io/irp_tracker.h"
 #include "machine/adaptive_mutex.h"
 #include "machine/machine_impl.h"
+#include "machine/sharded_set.h"
 
 #include <utility>
 
@@ -13,11 +15,23 @@ namespace tervane::emu {
 namespace {
 
 constexpr CCHAR kLookasideStackSize = 8;
-constexpr int kLookasideDepth = 64;
+constexpr size_t kLookasides = 8;
+constexpr int kLookasideDepth = 8;  // per lookaside
 
-AdaptiveMutex g_lookasideLock;
-IrpTracker* g_lookaside;  // freed packets of kLookasideStackSize locations
-int g_lookasideCount;
+// Freed packets of kLookasideStackSize locations. A thread takes and gives
+// back packets at the lookaside of its group, so that threads on different
+// cores rarely share one.
+struct alignas(64) Lookaside {
+    AdaptiveMutex lock;
+    IrpTracker* head = nullptr;
+    int count = 0;
+};
+Lookaside g_lookasides[kLookasides];
+
+Lookaside& ThreadLookaside() {
+    thread_local char marker;
+    return g_lookasides[ShardIndex(&marker, kLookasides)];
+}
 
 PIRP TrackedIrp(IrpTracker* tracker) {
     return reinterpret_cast<PIRP>(reinterpret_cast<char*>(tracker) + kIrpTrackerSize);
@@ -46,14 +60,15 @@ void ReleaseRequestingThread(IrpTracker* tracker) {
 }  // namespace
 
 void IopDrainIrpLookaside() {
-    std::lock_guard<AdaptiveMutex> guard(g_lookasideLock);
-    while (g_lookaside) {
-        IrpTracker* next = g_lookaside->nextFree;
-        g_lookaside->~IrpTracker();
-        ExFreePoolWithTag(g_lookaside, kTagIrp);
-        g_lookaside = next;
+    for (Lookaside& lookaside : g_lookasides) {
+        std::lock_guard<AdaptiveMutex> guard(lookaside.lock);
+        while (IrpTracker* packet = lookaside.head) {
+            lookaside.head = packet->nextFree;
+            packet->~IrpTracker();
+            ExFreePoolWithTag(packet, kTagIrp);
+        }
+        lookaside.count = 0;
     }
-    g_lookasideCount = 0;
 }
 
 PIRP IopAllocateIrpMustSucceed(CCHAR stackSize) {
@@ -90,19 +105,19 @@ PIRP IoAllocateIrp(CCHAR StackSize, BOOLEAN ChargeQuota) {
         flags |= IRP_LOOKASIDE_ALLOCATION;
         // A packet from the lookaside counts as an allocation for fault
         // injection: NT's list may be empty at any call.
+        Lookaside& lookaside = ThreadLookaside();
         {
-            std::lock_guard<AdaptiveMutex> guard(g_lookasideLock);
-            if (g_lookaside) {
-                tracker = g_lookaside;
-                g_lookaside = tracker->nextFree;
-                --g_lookasideCount;
+            std::lock_guard<AdaptiveMutex> guard(lookaside.lock);
+            if ((tracker = lookaside.head)) {
+                lookaside.head = tracker->nextFree;
+                --lookaside.count;
             }
         }
         if (tracker && CurrentMachine().pool.ShouldFail(kTagIrp)) {
-            std::lock_guard<AdaptiveMutex> guard(g_lookasideLock);
-            tracker->nextFree = g_lookaside;
-            g_lookaside = tracker;
-            ++g_lookasideCount;
+            std::lock_guard<AdaptiveMutex> guard(lookaside.lock);
+            tracker->nextFree = lookaside.head;
+            lookaside.head = tracker;
+            ++lookaside.count;
             return nullptr;
         }
     }
@@ -151,11 +166,12 @@ VOID IoFreeIrp(PIRP Irp) {
     tracker->magic = kIrpFreeMagic;
     Irp->Type = 0;
     if (Irp->AllocationFlags & IRP_LOOKASIDE_ALLOCATION) {
-        std::lock_guard<AdaptiveMutex> guard(g_lookasideLock);
-        if (g_lookasideCount < kLookasideDepth) {
-            tracker->nextFree = g_lookaside;
-            g_lookaside = tracker;
-            ++g_lookasideCount;
+        Lookaside& lookaside = ThreadLookaside();
+        std::lock_guard<AdaptiveMutex> guard(lookaside.lock);
+        if (lookaside.count < kLookasideDepth) {
+            tracker->nextFree = lookaside.head;
+            lookaside.head = tracker;
+            ++lookaside.count;
             return;
         }
     }

@@ -75,13 +75,13 @@ void VerifierLockAcquiring(const void* lock, const char* kind, bool blocking) {
     if (!thread) return;
     LockOrder& s = State();
     if (!blocking) return;
-    std::vector<const void*> held;
+    thread_local std::vector<const void*> held;  // a copy, in a buffer that stays with the thread
     {
         HeldShard& shard = s.HeldOf(thread);
         std::lock_guard<AdaptiveMutex> guard(shard.lock);
         auto it = shard.held.find(thread);
         if (it == shard.held.end() || it->second.empty()) return;  // nothing held: no order to record
-        held = it->second;
+        held.assign(it->second.begin(), it->second.end());
     }
     std::vector<std::string> inversions;
     {

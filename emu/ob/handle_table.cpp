@@ -117,8 +117,8 @@ NTSTATUS ObInsertHandle(PVOID object, ACCESS_MASK grantedAccess, ULONG attribute
         }
         table->entries[slot] = {object, grantedAccess, ULONG(attributes & (OBJ_INHERIT | OBJ_PERMANENT)),
                                 LdrCurrentOwner()};
-        if (table == KernelTable()) table->pid = 4;
-        else if (process) table->pid = process->UniqueProcessId;
+        if (kernel || !process) table->pid = 4;  // the kernel's table
+        else table->pid = process->UniqueProcessId;
     }
     uintptr_t value = (slot + 1) * 4;
     if (kernel) value |= kKernelHandleBit;
