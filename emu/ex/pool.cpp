@@ -65,24 +65,34 @@ PoolTracker::TagSlot* PoolTracker::FindTagSlot(ULONG tag, bool claim) const {
     return nullptr;
 }
 
-uint64_t PoolTracker::CountTagAttempt(ULONG tag) {
-    if (TagSlot* slot = FindTagSlot(tag, true)) return slot->count.fetch_add(1, std::memory_order_relaxed) + 1;
+size_t PoolTracker::LaneIndex() {
+    thread_local char marker;
+    return ShardIndex(&marker, kLanes);
+}
+
+void PoolTracker::CountAttempt(ULONG tag) {
+    Lane& lane = lanes_[LaneIndex()];
+    lane.attempts.fetch_add(1, std::memory_order_relaxed);
+    if (TagSlot* slot = FindTagSlot(tag, true)) {
+        lane.tagAttempts[slot - tagSlots_].fetch_add(1, std::memory_order_relaxed);
+        return;
+    }
     std::lock_guard<std::mutex> guard(moreLock_);
-    return ++moreTagAttempts_[tag];
+    ++moreTagAttempts_[tag];
 }
 
 bool PoolTracker::ShouldFail(ULONG tag) {
     if (!armed_.load(std::memory_order_acquire)) {
-        attempts_.fetch_add(1, std::memory_order_relaxed);
-        CountTagAttempt(tag);
+        CountAttempt(tag);
         return false;
     }
     FaultInjected fault;
     std::function<void(const FaultInjected&)> observer;
     {
         std::lock_guard<std::mutex> guard(lock_);
-        fault.serial = attempts_.fetch_add(1, std::memory_order_relaxed) + 1;
-        fault.tagSerial = CountTagAttempt(tag);
+        CountAttempt(tag);
+        fault.serial = Attempts();
+        fault.tagSerial = AttemptsWithTag(tag);
         bool fail = false;
         if (failTagSet_ && tag == failTag_) {
             if (failTagSkip_ == 0)
@@ -100,10 +110,18 @@ bool PoolTracker::ShouldFail(ULONG tag) {
     return true;
 }
 
-uint64_t PoolTracker::Attempts() const { return attempts_.load(std::memory_order_relaxed); }
+uint64_t PoolTracker::Attempts() const {
+    uint64_t sum = 0;
+    for (const Lane& lane : lanes_) sum += lane.attempts.load(std::memory_order_relaxed);
+    return sum;
+}
 
 uint64_t PoolTracker::AttemptsWithTag(ULONG tag) const {
-    if (const TagSlot* slot = FindTagSlot(tag, false)) return slot->count.load(std::memory_order_relaxed);
+    if (const TagSlot* slot = FindTagSlot(tag, false)) {
+        uint64_t sum = 0;
+        for (const Lane& lane : lanes_) sum += lane.tagAttempts[slot - tagSlots_].load(std::memory_order_relaxed);
+        return sum;
+    }
     std::lock_guard<std::mutex> guard(moreLock_);
     auto it = moreTagAttempts_.find(tag);
     return it == moreTagAttempts_.end() ? 0 : it->second;

@@ -71,22 +71,30 @@ private:
     std::map<ULONG, Counters> SumTags() const;
     mutable Shard shards_[kShards];
     mutable std::mutex lock_;  // fault injection
-    // Counts one attempt with TAG; its number among the attempts with TAG.
-    uint64_t CountTagAttempt(ULONG tag);
+    // Counts one attempt with TAG.
+    void CountAttempt(ULONG tag);
     // Attempts are counted without a lock while no fault is armed: one slot
     // per tag, found by open addressing (a key is the tag with bit 32 set).
     struct TagSlot {
         std::atomic<uint64_t> key{0};
-        std::atomic<uint64_t> count{0};
     };
     static constexpr size_t kTagSlots = 1024;
     mutable TagSlot tagSlots_[kTagSlots];
+    // The counts themselves, in lanes: a thread counts in the lane of its
+    // group, so that threads on different cores do not write one cache line
+    // on every allocation; a count is the sum over the lanes.
+    static constexpr size_t kLanes = 4;
+    struct alignas(64) Lane {
+        std::atomic<uint64_t> attempts{0};  // every allocation asked for, refused ones included
+        std::atomic<uint64_t> tagAttempts[kTagSlots] = {};
+    };
+    Lane lanes_[kLanes];
+    static size_t LaneIndex();
     // TAG's slot (CLAIM: a free one is taken for it); null when it has none
     // and, with CLAIM, when every slot is taken.
     TagSlot* FindTagSlot(ULONG tag, bool claim) const;
     mutable std::mutex moreLock_;
     std::map<ULONG, uint64_t> moreTagAttempts_;  // under moreLock_, once every slot is taken
-    std::atomic<uint64_t> attempts_{0};   // every allocation asked for, refused ones included
     std::atomic<bool> armed_{false};      // a fault is set: attempts take lock_
     void Rearm() { armed_.store(failCountdown_ != 0 || failTagSet_, std::memory_order_release); }  // under lock_
     uint64_t failCountdown_ = 0;          // 0: off
