@@ -8,6 +8,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <emu/machine.h>
@@ -167,7 +168,7 @@ _EPROCESS* PsLookupProcess(uint32_t pid);  // no reference taken; null if none
 // Image name of a process as the host sees it ("System").
 std::string PsImageName(const _EPROCESS* process);
 // Writes to the kernel debug log (text already formatted, ANSI/UTF-8).
-void DbgLogWrite(const std::string& text);
+void DbgLogWrite(std::string_view text);
 // Registry (cm/): created by the machine after ObStartup, torn down before
 // ObShutdown.
 void CmStartup();

@@ -11,7 +11,7 @@
 
 namespace tervane::emu {
 
-void DebugLog::Write(const std::string& text) {
+void DebugLog::Write(std::string_view text) {
     std::lock_guard<std::mutex> guard(lock_);
     text_ += text;
     // Trimmed in steps of half the capacity, so each byte is moved about
@@ -61,7 +61,7 @@ uint64_t DebugLog::DroppedLines() const {
     return droppedLines_;
 }
 
-void DbgLogWrite(const std::string& text) { CurrentMachine().log.Write(text); }
+void DbgLogWrite(std::string_view text) { CurrentMachine().log.Write(text); }
 
 }  // namespace tervane::emu
 
@@ -77,7 +77,8 @@ extern "C" ULONG vDbgPrintEx(ULONG ComponentId, ULONG Level, PCSTR Format, va_li
     size_t length = n < 0 ? sizeof(buffer) - 1 : static_cast<size_t>(n);
     // Plain ASCII reads the same in UTF-8; only other text is converted.
     bool ascii = std::all_of(buffer, buffer + length, [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-    DbgLogWrite(ascii ? std::string(buffer, length) : AnsiToUtf8(buffer, length));
+    if (ascii) DbgLogWrite(std::string_view(buffer, length));
+    else DbgLogWrite(AnsiToUtf8(buffer, length));
     return STATUS_SUCCESS;
 }
 

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace tervane::emu {
@@ -15,7 +16,7 @@ public:
     DebugLog(bool echo, size_t capacity) : echo_(echo), capacity_(capacity == 0 ? 1 : capacity) {}
     // Appends TEXT (UTF-8). A write without a trailing newline leaves the
     // line open; the next write continues it.
-    void Write(const std::string& text);
+    void Write(std::string_view text);
     // Complete lines, then the open line if any, without their newlines.
     std::vector<std::string> Lines() const;
     // Everything written since the previous call that is still kept.

@@ -9,6 +9,7 @@
 // prints "(null)". An unknown conversion character prints itself.
 #include <cstdarg>
 #include <cstdint>
+#include <cstring>
 
 #include "rtl/codepage.h"
 #include <nt/rtl.h>
@@ -29,12 +30,11 @@ public:
     int Run(const CharT* format, va_list args) {
         va_copy(args_, args);
         while (*format) {
-            CharT c = *format++;
-            if (c != '%') {
-                Put(c);
-                continue;
-            }
-            format = Conversion(format);
+            // The text up to the next conversion, in one piece.
+            const CharT* run = format;
+            while (*format && *format != '%') ++format;
+            PutRun(run, static_cast<size_t>(format - run));
+            if (*format) format = Conversion(format + 1);
         }
         va_end(args_);
         if (total_ > count_) return -1;
@@ -54,12 +54,21 @@ private:
         if (total_ < count_) buffer_[total_] = c;
         ++total_;
     }
+    // N characters of this engine's width, as N calls of Put would write them.
+    void PutRun(const CharT* text, size_t n) {
+        if (total_ < count_) {
+            const size_t room = count_ - total_;
+            std::memcpy(buffer_ + total_, text, (n < room ? n : room) * sizeof(CharT));
+        }
+        total_ += n;
+    }
     void Pad(int n, CharT c) {
         for (; n > 0; --n) Put(c);
     }
-    // One character of the other width, converted to this engine's width.
+    // One character of the other width, converted to this engine's width
+    // (ASCII stands for itself in every ANSI code page).
     static CharT FromWide(WCHAR w) {
-        if constexpr (sizeof(CharT) == 1) return UnicodeToAnsiChar(w);
+        if constexpr (sizeof(CharT) == 1) return w < 0x80 ? static_cast<char>(w) : UnicodeToAnsiChar(w);
         else return w;
     }
     static CharT FromNarrow(char a) {
@@ -76,9 +85,13 @@ private:
         if (!directive.left && !directive.zero) Pad(padding, ' ');
         for (int i = 0; i < prefixLength; ++i) Put(static_cast<CharT>(prefix[i]));
         if (!directive.left && directive.zero) Pad(padding, '0');
-        for (int i = 0; i < length; ++i) {
-            if constexpr (sizeof(TextT) == 1) Put(FromNarrow(text[i]));
-            else Put(FromWide(text[i]));
+        if constexpr (sizeof(TextT) == sizeof(CharT)) {
+            PutRun(reinterpret_cast<const CharT*>(text), static_cast<size_t>(length > 0 ? length : 0));
+        } else {
+            for (int i = 0; i < length; ++i) {
+                if constexpr (sizeof(TextT) == 1) Put(FromNarrow(text[i]));
+                else Put(FromWide(text[i]));
+            }
         }
         if (directive.left) Pad(padding, ' ');
     }
@@ -115,10 +128,14 @@ private:
         // padding; a zero printed with precision 0 prints no digits.
         if (directive.precision < 0) directive.precision = 1;
         else directive.zero = false;
+        // Constant divisors: a division by a variable base costs far more.
         uint64_t v = magnitude;
-        while (v != 0) {
-            digits[n++] = set[v % base];
-            v /= base;
+        if (base == 16) {
+            for (; v != 0; v >>= 4) digits[n++] = set[v & 15];
+        } else if (base == 8) {
+            for (; v != 0; v >>= 3) digits[n++] = set[v & 7];
+        } else {
+            for (; v != 0; v /= 10) digits[n++] = set[v % 10];
         }
         if (directive.precision > 64) directive.precision = 64;
         while (n < directive.precision) digits[n++] = '0';
