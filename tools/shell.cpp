@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <iostream>
 #include <optional>
+#include <poll.h>
 #include <sys/select.h>
 #include <unistd.h>
 
@@ -109,6 +110,36 @@ char** Complete(const char* text, int start, int end) {
 
 // ---- Reading lines ----------------------------------------------------------------
 
+// Keys are read from a descriptor of the terminal's own, not blocking:
+// Ctrl-C makes the terminal throw away input not yet read, so a key that
+// select() reported may be gone by the time it is read, and a blocking read
+// would then wait for the next key however often Ctrl-C is pressed.
+int g_keys = -1;
+
+// Readline's key reader: the next key, or NUL (set-mark, which changes
+// nothing that stays) once Ctrl-C was pressed, so that the line reader gets
+// back to its loop and drops the line.
+int ReadKey(FILE*) {
+    for (;;) {
+        unsigned char key;
+        ssize_t n = read(g_keys, &key, 1);
+        if (n == 1) return key;
+        if (n == 0 || (errno != EAGAIN && errno != EINTR)) return EOF;
+        pollfd ready[2] = {{g_keys, POLLIN, 0}, {g_interruptPipe[0], POLLIN, 0}};
+        if (poll(ready, 2, -1) < 0 && errno != EINTR) return EOF;
+        if (ready[1].revents & POLLIN) return 0;
+    }
+}
+
+// Opens the key descriptor and hands readline the reader; where the
+// terminal cannot be opened again, readline reads as it does by itself.
+void UseOwnKeyReader() {
+    const char* terminal = ttyname(STDIN_FILENO);
+    if (!terminal) return;
+    g_keys = open(terminal, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (g_keys >= 0) rl_getc_function = ReadKey;
+}
+
 struct PendingLine {
     bool done = false;
     std::optional<std::string> text;  // nothing: end of input
@@ -193,6 +224,7 @@ int RunShell(bool json) {
         rl_completer_quote_characters = "\"";
         rl_variable_bind("completion-ignore-case", "on");  // NT names ignore case
         rl_catch_signals = 0;
+        UseOwnKeyReader();
         std::cout << "tervane shell: scenario commands, one a line. help lists them, help COMMAND explains one, "
                      "Tab completes,\nCtrl-C drops the line, exit or Ctrl-D ends the shell and shuts the machine "
                      "down.\n";
@@ -221,6 +253,11 @@ int RunShell(bool json) {
         }
     }
     g_session = nullptr;
+    if (g_keys >= 0) {
+        rl_getc_function = rl_getc;
+        close(g_keys);
+        g_keys = -1;
+    }
     int code = interpreter.Finish();
     if (interpreter.ExpectationFailed()) code = kExitExpectationFailed;
     interpreter.PrintSummary(code);

@@ -194,4 +194,25 @@ TEST_F(CliTest, ShellAtATerminal) {
     EXPECT_TRUE(fs::exists(dir_ / "v" / "notes.txt"));
 }
 
+// Ctrl-C pressed right after a line was typed, before the shell read it:
+// the terminal throws the line away with the signal, and the shell must
+// still answer the Ctrl-C at once instead of waiting for another key.
+TEST_F(CliTest, ShellAnswersCtrlCRightAfterTyping) {
+#ifdef TERVANE_PLAIN_SHELL
+    GTEST_SKIP() << "this build's shell reads plain lines (no readline)";
+#endif
+    Terminal t(dir_);
+    ASSERT_TRUE(t.Shows("help lists them")) << t.Seen();
+    ASSERT_TRUE(t.Shows("tervane> ")) << t.Seen();
+    for (int round = 0; round < 200; ++round) {
+        t.Type("volume C: v");
+        t.Type("\x03");
+        ASSERT_TRUE(t.Shows("^C")) << "round " << round << "\n" << t.Seen();
+        ASSERT_TRUE(t.Shows("tervane> ")) << "round " << round << "\n" << t.Seen();
+    }
+    t.Type("exit\r");
+    EXPECT_EQ(t.Exit(), 0) << t.Seen();
+    EXPECT_NE(t.Seen().find("summary: 0 commands"), std::string::npos) << t.Seen();
+}
+
 }  // namespace
