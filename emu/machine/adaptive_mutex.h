@@ -38,7 +38,10 @@ private:
     // kHeldWithSleepers: a thread may sleep on the futex, so the owner wakes
     // one when it lets go.
     static constexpr uint32_t kFree = 0, kHeld = 1, kHeldWithSleepers = 2;
-    static constexpr int kSpins = 100;
+    // The sections it guards last tens of nanoseconds: a short spin catches
+    // an owner about to let go, and a long one burns a core when the owner
+    // was preempted (more threads than cores).
+    static constexpr int kSpins = 16;
 
     static void CpuRelax() {
 #if defined(__x86_64__) || defined(__i386__)
