@@ -62,7 +62,6 @@ private:
         mutable AdaptiveMutex lock;
         FlatTable<Block> live;     // by address
         FlatTable<Counters> tags;  // by TagKey
-
     };
     static constexpr size_t kShards = 32;
     static uint64_t TagKey(ULONG tag) { return (uint64_t{1} << 32) | tag; }

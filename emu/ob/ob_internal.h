@@ -41,8 +41,9 @@ inline PVOID ObpBody(ObjectHeader* header) { return reinterpret_cast<char*>(head
 // A reference the machine itself takes or gives back on an object it holds
 // a reference to already (through a handle, a packet, a lookup): the
 // verifier's check that the object is alive is for the drivers' calls.
-inline void ObpReferenceHeld(PVOID object) { ObpHeader(object)->pointerCount.fetch_add(1); }
-void ObpDereferenceHeld(PVOID object);  // deletes the object with its last reference
+// Both return the count left.
+inline LONG ObpReferenceHeld(PVOID object) { return ObpHeader(object)->pointerCount.fetch_add(1) + 1; }
+LONG ObpDereferenceHeld(PVOID object);  // deletes the object with its last reference
 
 // Bodies of the object manager's own types.
 struct ObpDirectory {
@@ -77,6 +78,8 @@ std::u16string ObpUpcase(const std::u16string& s);
 // Copies a caller's UNICODE_STRING into host memory; STATUS_OBJECT_NAME_INVALID
 // for an odd length, a length beyond the maximum or a null buffer with a length.
 NTSTATUS ObpCaptureName(PCUNICODE_STRING name, std::u16string* out);
+// The same checks, and the name read in place (empty for a null string).
+NTSTATUS ObpNameView(PCUNICODE_STRING name, std::u16string_view* out);
 
 // The full namespace walk. ROOT (referenced by the caller, may be null)
 // is where a relative NAME starts. With OPENLINK a symbolic link named by the

@@ -67,9 +67,11 @@ NTSTATUS ObCreateObject(POBJECT_TYPE type, ULONG bodySize, PVOID* object) {
     return STATUS_SUCCESS;
 }
 
-void ObpDereferenceHeld(PVOID object) {
+LONG ObpDereferenceHeld(PVOID object) {
     ObjectHeader* header = ObpHeader(object);
-    if (header->pointerCount.fetch_sub(1) == 1) DeleteObject(header);
+    LONG count = header->pointerCount.fetch_sub(1) - 1;
+    if (count == 0) DeleteObject(header);
+    return count;
 }
 
 POBJECT_TYPE ObGetObjectType(PVOID object) { return object ? ObpHeader(object)->type : nullptr; }
@@ -85,7 +87,7 @@ LONG_PTR FASTCALL ObfReferenceObject(PVOID Object) {
         VerifierViolation("ObReferenceObject on an object that is not alive (" + Hex(Object) + ")");
         return 0;
     }
-    return ObpHeader(Object)->pointerCount.fetch_add(1) + 1;
+    return ObpReferenceHeld(Object);
 }
 
 LONG_PTR FASTCALL ObfDereferenceObject(PVOID Object) {
@@ -93,10 +95,7 @@ LONG_PTR FASTCALL ObfDereferenceObject(PVOID Object) {
         VerifierViolation("ObDereferenceObject on an object that is not alive (" + Hex(Object) + ")");
         return 0;
     }
-    ObjectHeader* header = ObpHeader(Object);
-    LONG count = header->pointerCount.fetch_sub(1) - 1;
-    if (count == 0) DeleteObject(header);
-    return count;
+    return ObpDereferenceHeld(Object);
 }
 
 NTSTATUS ObReferenceObjectByPointer(PVOID Object, ACCESS_MASK DesiredAccess, POBJECT_TYPE ObjectType,

@@ -5,13 +5,20 @@
 
 namespace tervane::emu {
 
-NTSTATUS ObpCaptureName(PCUNICODE_STRING name, std::u16string* out) {
-    out->clear();
+NTSTATUS ObpNameView(PCUNICODE_STRING name, std::u16string_view* out) {
+    *out = {};
     if (!name) return STATUS_SUCCESS;
     if ((name->Length & 1) || name->Length > name->MaximumLength || (name->Length && !name->Buffer))
         return STATUS_OBJECT_NAME_INVALID;
-    out->assign(reinterpret_cast<const char16_t*>(name->Buffer), name->Length / 2);
+    *out = std::u16string_view(reinterpret_cast<const char16_t*>(name->Buffer), name->Length / 2);
     return STATUS_SUCCESS;
+}
+
+NTSTATUS ObpCaptureName(PCUNICODE_STRING name, std::u16string* out) {
+    std::u16string_view view;
+    NTSTATUS status = ObpNameView(name, &view);
+    out->assign(view);
+    return status;
 }
 
 namespace {
@@ -30,15 +37,10 @@ NTSTATUS ObpLookupByAttributes(POBJECT_ATTRIBUTES attributes, KPROCESSOR_MODE mo
     *object = nullptr;
     NTSTATUS status = CheckAttributes(attributes);
     if (!NT_SUCCESS(status)) return status;
-    // The name is checked as a capture checks it and read in place: the
-    // lookup copies what it keeps.
-    PCUNICODE_STRING given = attributes->ObjectName;
+    // Read in place: the lookup copies what it keeps.
     std::u16string_view name;
-    if (given) {
-        if ((given->Length & 1) || given->Length > given->MaximumLength || (given->Length && !given->Buffer))
-            return STATUS_OBJECT_NAME_INVALID;
-        name = std::u16string_view(reinterpret_cast<const char16_t*>(given->Buffer), given->Length / 2);
-    }
+    status = ObpNameView(attributes->ObjectName, &name);
+    if (!NT_SUCCESS(status)) return status;
     PVOID root = nullptr;
     if (attributes->RootDirectory) {
         status = ObpReferenceByHandle(attributes->RootDirectory, 0, nullptr, mode, &root, nullptr);
