@@ -65,13 +65,8 @@ PoolTracker::TagSlot* PoolTracker::FindTagSlot(ULONG tag, bool claim) const {
     return nullptr;
 }
 
-size_t PoolTracker::LaneIndex() {
-    thread_local char marker;
-    return ShardIndex(&marker, kLanes);
-}
-
 void PoolTracker::CountAttempt(ULONG tag) {
-    Lane& lane = lanes_[LaneIndex()];
+    Lane& lane = lanes_[ThreadShardIndex(kLanes)];
     lane.attempts.fetch_add(1, std::memory_order_relaxed);
     if (TagSlot* slot = FindTagSlot(tag, true)) {
         lane.tagAttempts[slot - tagSlots_].fetch_add(1, std::memory_order_relaxed);

@@ -88,7 +88,6 @@ private:
         std::atomic<uint64_t> tagAttempts[kTagSlots] = {};
     };
     Lane lanes_[kLanes];
-    static size_t LaneIndex();
     // TAG's slot (CLAIM: a free one is taken for it); null when it has none
     // and, with CLAIM, when every slot is taken.
     TagSlot* FindTagSlot(ULONG tag, bool claim) const;

@@ -28,10 +28,7 @@ struct alignas(64) Lookaside {
 };
 Lookaside g_lookasides[kLookasides];
 
-Lookaside& ThreadLookaside() {
-    thread_local char marker;
-    return g_lookasides[ShardIndex(&marker, kLookasides)];
-}
+Lookaside& ThreadLookaside() { return g_lookasides[ThreadShardIndex(kLookasides)]; }
 
 PIRP TrackedIrp(IrpTracker* tracker) {
     return reinterpret_cast<PIRP>(reinterpret_cast<char*>(tracker) + kIrpTrackerSize);

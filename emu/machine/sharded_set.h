@@ -20,6 +20,13 @@ inline size_t ShardIndex(const void* p, size_t shards) {
     return (v ^ (v >> 7) ^ (v >> 13)) % shards;
 }
 
+// The shard, of SHARDS, of the calling host thread: threads that run at
+// once mostly fall in different ones.
+inline size_t ThreadShardIndex(size_t shards) {
+    thread_local char marker;
+    return ShardIndex(&marker, shards);
+}
+
 template <typename T>
 class ShardedPointerSet {
 public:
