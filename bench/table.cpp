@@ -106,7 +106,12 @@ std::vector<Row> BuildTable(const Results& results) {
         for (const char* size : {"4k", "1m"}) {
             const std::string base = std::string("io/") + op + "/" + size;
             const std::string label = std::string(size[0] == '4' ? "4 KiB " : "1 MiB ") + op;
-            timeRow(io, label + ", pass-through", base + "/passthrough");
+            if (std::string(op) == "read") {
+                timeRow(io, label + ", host pread", base + "/host");
+                timeRow(io, label + ", pass-through", base + "/passthrough", base + "/host", "host");
+            } else {
+                timeRow(io, label + ", pass-through", base + "/passthrough");
+            }
             timeRow(io, label + ", redirected", base + "/redirected", base + "/passthrough", "pass-through",
                     std::string(op) == "read" && size[0] == '4' ? "≤ 1.5×" : "");
         }

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -25,13 +26,25 @@ public:
     uint64_t DroppedLines() const;
 
 private:
+    static constexpr size_t kChunkBytes = 64 * 1024;
+
     void Trim();
+    // The kept offset of the first C at or after kept offset FROM, or npos.
+    size_t Find(size_t from, char c) const;
+    // The kept text from kept offset FROM on, in one piece.
+    std::string Kept(size_t from) const;
 
     mutable std::mutex lock_;
     bool echo_;
     size_t capacity_;
-    std::string text_;         // the kept output: whole lines, then the open line
-    uint64_t base_ = 0;        // bytes written before text_[0]
+    // The kept output (whole lines, then the open line) in chunks of at most
+    // kChunkBytes (a longer write makes a chunk of its own); the first chunk's
+    // first head_ bytes are no longer kept.
+    std::deque<std::string> chunks_;
+    std::string spare_;        // the chunk last freed, kept for the next one
+    size_t head_ = 0;
+    size_t size_ = 0;          // bytes kept
+    uint64_t base_ = 0;        // bytes written before the first kept one
     uint64_t taken_ = 0;       // bytes written before the first one TakeNew has not returned
     uint64_t droppedLines_ = 0;
 };

@@ -32,7 +32,7 @@ public:
         while (*format) {
             // The text up to the next conversion, in one piece.
             const CharT* run = format;
-            while (*format && *format != '%') ++format;
+            format = NextConversion(format);
             PutRun(run, static_cast<size_t>(format - run));
             if (*format) format = Conversion(format + 1);
         }
@@ -49,6 +49,27 @@ private:
         int precision = -1;
         Size size = kDefault;
     };
+
+    // The first '%' or the terminator at or after TEXT.
+    static const CharT* NextConversion(const CharT* text) {
+        if constexpr (sizeof(CharT) == 1) {
+            return strchrnul(text, '%');
+        } else {
+            while (*text && *text != '%') ++text;
+            return text;
+        }
+    }
+    // Units before the terminator, at most LIMIT.
+    template <typename TextT>
+    static int Length(const TextT* text, int limit) {
+        if constexpr (sizeof(TextT) == 1) {
+            return static_cast<int>(strnlen(text, static_cast<size_t>(limit)));
+        } else {
+            int length = 0;
+            while (length < limit && text[length]) ++length;
+            return length;
+        }
+    }
 
     void Put(CharT c) {
         if (total_ < count_) buffer_[total_] = c;
@@ -87,11 +108,16 @@ private:
         if (!directive.left && directive.zero) Pad(padding, '0');
         if constexpr (sizeof(TextT) == sizeof(CharT)) {
             PutRun(reinterpret_cast<const CharT*>(text), static_cast<size_t>(length > 0 ? length : 0));
-        } else {
-            for (int i = 0; i < length; ++i) {
-                if constexpr (sizeof(TextT) == 1) Put(FromNarrow(text[i]));
-                else Put(FromWide(text[i]));
+        } else if (length > 0) {
+            // Converted straight into the buffer as far as it has room.
+            const size_t room = total_ < count_ ? count_ - total_ : 0;
+            const size_t fits = static_cast<size_t>(length) < room ? static_cast<size_t>(length) : room;
+            CharT* out = buffer_ + total_;
+            for (size_t i = 0; i < fits; ++i) {
+                if constexpr (sizeof(TextT) == 1) out[i] = FromNarrow(text[i]);
+                else out[i] = FromWide(text[i]);
             }
+            total_ += static_cast<size_t>(length);
         }
         if (directive.left) Pad(padding, ' ');
     }
@@ -102,10 +128,8 @@ private:
             EmitString(directive, "(null)");
             return;
         }
-        int length = 0;
-        int limit = directive.precision < 0 ? INT32_MAX : directive.precision;
-        while (length < limit && text[length]) ++length;
-        Emit(directive, "", text, length);
+        const int limit = directive.precision < 0 ? INT32_MAX : directive.precision;
+        Emit(directive, "", text, Length(text, limit));
     }
 
     void EmitCounted(const Directive& directive, const void* counted, bool wide) {
@@ -121,8 +145,10 @@ private:
     }
 
     void EmitInteger(Directive directive, uint64_t magnitude, bool negative, unsigned base, bool upper, bool hexPrefix) {
-        char digits[80];
-        int n = 0;
+        // Digits are written backwards from the end of TEXT.
+        char text[80];
+        char* const end = text + sizeof text;
+        char* digit = end;
         const char* set = upper ? "0123456789ABCDEF" : "0123456789abcdef";
         // Precision gives the minimum number of digits and turns off zero
         // padding; a zero printed with precision 0 prints no digits.
@@ -131,23 +157,26 @@ private:
         // Constant divisors: a division by a variable base costs far more.
         uint64_t v = magnitude;
         if (base == 16) {
-            for (; v != 0; v >>= 4) digits[n++] = set[v & 15];
+            for (; v != 0; v >>= 4) *--digit = set[v & 15];
         } else if (base == 8) {
-            for (; v != 0; v >>= 3) digits[n++] = set[v & 7];
+            for (; v != 0; v >>= 3) *--digit = set[v & 7];
         } else {
-            for (; v != 0; v /= 10) digits[n++] = set[v % 10];
+            for (; v != 0; v /= 10) *--digit = static_cast<char>('0' + v % 10);
         }
         if (directive.precision > 64) directive.precision = 64;
-        while (n < directive.precision) digits[n++] = '0';
-        if (base == 8 && directive.alt && (n == 0 || digits[n - 1] != '0')) digits[n++] = '0';
-        char text[80];
-        for (int i = 0; i < n; ++i) text[i] = digits[n - 1 - i];
+        while (end - digit < directive.precision) *--digit = '0';
+        if (base == 8 && directive.alt && (digit == end || *digit != '0')) *--digit = '0';
+        const int n = static_cast<int>(end - digit);
         const char* prefix = "";
         if (negative) prefix = "-";
         else if (directive.plus) prefix = "+";
         else if (directive.space) prefix = " ";
         if (hexPrefix && directive.alt && magnitude != 0) prefix = upper ? "0X" : "0x";
-        Emit(directive, prefix, text, n);
+        if (*prefix == 0 && directive.width <= n && sizeof(CharT) == 1) {
+            PutRun(reinterpret_cast<const CharT*>(digit), static_cast<size_t>(n));  // no padding, no prefix
+            return;
+        }
+        Emit(directive, prefix, digit, n);
     }
 
     const CharT* Conversion(const CharT* f) {
