@@ -70,6 +70,7 @@ bool HasExclusiveWaiter(ResourceState* s) {
 
 // The resource has just become free: hand it to the waiters whose turn it is.
 void GrantWaiters(ResourceState* s, bool afterExclusive) {
+    if (s->waiters.empty()) return;  // nobody to hand it to, nobody to wake
     bool anyShared = false;
     for (Waiter* w : s->waiters) anyShared |= !w->exclusive;
     if (anyShared && (afterExclusive || !HasExclusiveWaiter(s))) {

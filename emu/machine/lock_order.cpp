@@ -6,8 +6,10 @@
 // pair is reported once. A lock that is deleted or initialised again loses
 // its edges (its memory may hold another lock next).
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <unordered_map>
@@ -23,12 +25,20 @@ namespace tervane::emu {
 namespace {
 
 // The locks each thread holds, in acquire order, recursion repeated. Kept
-// apart from the graph, split by thread, so that an acquire with nothing
-// held (most of them) costs no lock that other threads take.
+// apart from the graph, one list per thread, so that an acquire with nothing
+// held (most of them) costs no lock that other threads take. A lock released
+// for another thread changes that thread's list, hence its own mutex.
+struct HeldList {
+    AdaptiveMutex lock;
+    std::vector<const void*> locks;
+};
 struct HeldShard {
     AdaptiveMutex lock;
-    std::unordered_map<_ETHREAD*, std::vector<const void*>> held;
+    std::unordered_map<_ETHREAD*, std::unique_ptr<HeldList>> held;
 };
+// Bumped when the lists are forgotten, so that no thread keeps using its
+// cached one.
+std::atomic<uint64_t> g_heldGeneration{1};
 constexpr size_t kHeldShards = 16;
 
 struct LockOrder {
@@ -46,6 +56,33 @@ struct LockOrder {
 LockOrder& State() {
     static LockOrder* state = new LockOrder();  // lives as long as the host process
     return *state;
+}
+
+// THREAD's held-lock list, made when CREATE (else null when it has none).
+// The calling thread finds its own through a cache, without the shard.
+HeldList* HeldListOf(LockOrder& s, _ETHREAD* thread, bool create) {
+    struct Cache {
+        _ETHREAD* thread = nullptr;
+        uint64_t generation = 0;
+        HeldList* list = nullptr;
+    };
+    thread_local Cache cache;
+    const uint64_t generation = g_heldGeneration.load(std::memory_order_acquire);
+    const bool mine = thread == CurrentThread();
+    if (mine && cache.thread == thread && cache.generation == generation) return cache.list;
+    HeldList* list;
+    {
+        HeldShard& shard = s.HeldOf(thread);
+        std::lock_guard<AdaptiveMutex> guard(shard.lock);
+        auto it = shard.held.find(thread);
+        if (it == shard.held.end()) {
+            if (!create) return nullptr;
+            it = shard.held.emplace(thread, std::make_unique<HeldList>()).first;
+        }
+        list = it->second.get();
+    }
+    if (mine) cache = Cache{thread, generation, list};
+    return list;
 }
 
 bool Reaches(LockOrder& s, const void* from, const void* to) {
@@ -77,11 +114,11 @@ void VerifierLockAcquiring(const void* lock, const char* kind, bool blocking) {
     if (!blocking) return;
     thread_local std::vector<const void*> held;  // a copy, in a buffer that stays with the thread
     {
-        HeldShard& shard = s.HeldOf(thread);
-        std::lock_guard<AdaptiveMutex> guard(shard.lock);
-        auto it = shard.held.find(thread);
-        if (it == shard.held.end() || it->second.empty()) return;  // nothing held: no order to record
-        held.assign(it->second.begin(), it->second.end());
+        HeldList* list = HeldListOf(s, thread, false);
+        if (!list) return;
+        std::lock_guard<AdaptiveMutex> guard(list->lock);
+        if (list->locks.empty()) return;  // nothing held: no order to record
+        held.assign(list->locks.begin(), list->locks.end());
     }
     std::vector<std::string> inversions;
     {
@@ -110,18 +147,17 @@ void VerifierLockAcquiring(const void* lock, const char* kind, bool blocking) {
 void VerifierLockAcquired(const void* lock) {
     _ETHREAD* thread = CurrentThread();
     if (!thread) return;
-    HeldShard& shard = State().HeldOf(thread);
-    std::lock_guard<AdaptiveMutex> guard(shard.lock);
-    shard.held[thread].push_back(lock);
+    HeldList* list = HeldListOf(State(), thread, true);
+    std::lock_guard<AdaptiveMutex> guard(list->lock);
+    list->locks.push_back(lock);
 }
 
 void VerifierLockReleased(const void* lock, _ETHREAD* owner) {
     if (!owner) return;
-    HeldShard& shard = State().HeldOf(owner);
-    std::lock_guard<AdaptiveMutex> guard(shard.lock);
-    auto it = shard.held.find(owner);
-    if (it == shard.held.end()) return;
-    auto& held = it->second;
+    HeldList* list = HeldListOf(State(), owner, false);
+    if (!list) return;
+    std::lock_guard<AdaptiveMutex> guard(list->lock);
+    auto& held = list->locks;
     auto last = std::find(held.rbegin(), held.rend(), lock);
     if (last != held.rend()) held.erase(std::next(last).base());
     // An emptied list stays with its thread: the next acquire allocates nothing.
@@ -160,6 +196,7 @@ void LockOrderReset() {
         s.reported.clear();
         s.inGraph.TakeAll();
     }
+    g_heldGeneration.fetch_add(1, std::memory_order_acq_rel);
     for (HeldShard& shard : s.heldShards) {
         std::lock_guard<AdaptiveMutex> guard(shard.lock);
         shard.held.clear();

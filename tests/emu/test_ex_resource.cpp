@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <thread>
 
 #include <emu/machine.h>
 
@@ -172,19 +173,42 @@ TEST(FastMutex, ExcludesAcrossThreads) {
 TEST(Resource, ReleaseForThreadNamesTheOwner) {
     Machine machine;
     Process* p = machine.CreateProcess(1100, "handoff.exe");
-    ERESOURCE r;
-    ERESOURCE_THREAD owner = 0;
+    ERESOURCE r, r2;
     machine.Run(p, [&] {
         ExInitializeResourceLite(&r);
+        ExInitializeResourceLite(&r2);
+    });
+    std::atomic<ERESOURCE_THREAD> owner{0};
+    std::atomic<bool> released{false};
+    auto ownerThread = machine.StartThread(p, [&] {
+        KeEnterCriticalRegion();
         ExAcquireResourceSharedLite(&r, TRUE);
         owner = ExGetCurrentResourceThread();
+        while (!released) std::this_thread::yield();
+        EXPECT_EQ(ExIsResourceAcquiredSharedLite(&r), 0u);
+        // The owner no longer holds it for the lock order either: had the
+        // release left it in the owner's held list, taking r2 here would
+        // record r before r2, and taking r under r2 below an inversion.
+        ExAcquireResourceExclusiveLite(&r2, TRUE);
+        ExReleaseResourceLite(&r2);
+        KeLeaveCriticalRegion();
     });
+    while (owner == 0) std::this_thread::yield();
     // Another thread releases on the owner's behalf.
     auto other = machine.StartThread(p, [&] { ExReleaseResourceForThreadLite(&r, owner); });
     other->Join();
+    released = true;
+    ownerThread->Join();
     machine.Run(p, [&] {
-        EXPECT_EQ(ExIsResourceAcquiredSharedLite(&r), 0u);
+        KeEnterCriticalRegion();
+        ExAcquireResourceExclusiveLite(&r2, TRUE);
+        ExAcquireResourceExclusiveLite(&r, TRUE);
+        ExReleaseResourceLite(&r);
+        ExReleaseResourceLite(&r2);
+        KeLeaveCriticalRegion();
+        ExDeleteResourceLite(&r2);
         ExDeleteResourceLite(&r);
     });
-    EXPECT_TRUE(machine.Shutdown().Clean());
+    VerifierReport report = machine.Shutdown();
+    EXPECT_TRUE(report.Clean()) << report.ToString();
 }
