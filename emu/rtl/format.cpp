@@ -112,10 +112,9 @@ private:
             // Converted straight into the buffer as far as it has room.
             const size_t room = total_ < count_ ? count_ - total_ : 0;
             const size_t fits = static_cast<size_t>(length) < room ? static_cast<size_t>(length) : room;
-            CharT* out = buffer_ + total_;
             for (size_t i = 0; i < fits; ++i) {
-                if constexpr (sizeof(TextT) == 1) out[i] = FromNarrow(text[i]);
-                else out[i] = FromWide(text[i]);
+                if constexpr (sizeof(TextT) == 1) buffer_[total_ + i] = FromNarrow(text[i]);
+                else buffer_[total_ + i] = FromWide(text[i]);
             }
             total_ += static_cast<size_t>(length);
         }

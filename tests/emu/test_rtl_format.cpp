@@ -105,21 +105,24 @@ TEST(Format, CutOutputReturnsMinusOneAndAnExactFitIsNotTerminated) {
         {3, -1, u"hel###"},  // cut: COUNT characters, no terminator
         {0, -1, u"######"},
     };
-    // The same text as an argument, as literal text, and split between both.
+    // The same text as an argument, as literal text, split between both,
+    // and as an argument of the other width (converted on the way).
     for (const Case& c : cases) {
-        for (int form = 0; form < 3; ++form) {
+        for (int form = 0; form < 4; ++form) {
             WCHAR buffer[16];
             for (WCHAR& w : buffer) w = L'#';
             const int wide = form == 0 ? _snwprintf(buffer, c.count, L"%s", L"hello")
                              : form == 1 ? _snwprintf(buffer, c.count, L"hello")
-                                         : _snwprintf(buffer, c.count, L"he%sl%c", L"l", L'o');
+                             : form == 2 ? _snwprintf(buffer, c.count, L"he%sl%c", L"l", L'o')
+                                         : _snwprintf(buffer, c.count, L"%hs", "hello");
             EXPECT_EQ(wide, c.want) << c.count << " form " << form;
             EXPECT_EQ(std::u16string(reinterpret_cast<char16_t*>(buffer), 6), c.contents) << c.count << " form " << form;
             char narrow[16];
             std::memset(narrow, '#', sizeof(narrow));
             const int ansi = form == 0 ? _snprintf(narrow, c.count, "%s", "hello")
                              : form == 1 ? _snprintf(narrow, c.count, "hello")
-                                         : _snprintf(narrow, c.count, "he%sl%c", "l", 'o');
+                             : form == 2 ? _snprintf(narrow, c.count, "he%sl%c", "l", 'o')
+                                         : _snprintf(narrow, c.count, "%ws", L"hello");
             EXPECT_EQ(ansi, c.want) << c.count << " form " << form;
             std::string expected(c.contents.begin(), c.contents.end());
             EXPECT_EQ(std::string(narrow, 6), expected) << c.count << " form " << form;
