@@ -1,8 +1,11 @@
 // The object namespace: directory objects, named insertion and removal, and
 // the walk from a name to an object through directories and symbolic links.
-// One lock guards every directory; a directory holds a reference on each
-// object it names.
+// One lock guards every directory (a short spin before sleeping: every open
+// by name walks the namespace under it); a directory holds a reference on
+// each object it names.
 #include "ob/ob_internal.h"
+
+#include "machine/adaptive_mutex.h"
 
 namespace tervane::emu {
 
@@ -10,7 +13,7 @@ POBJECT_TYPE ObpDirectoryType;
 
 namespace {
 
-std::recursive_mutex g_namespaceLock;
+AdaptiveMutex g_namespaceLock;
 PVOID g_root;  // "\"
 
 constexpr int kMaxReparse = 32;  // symbolic links followed in one lookup
@@ -56,7 +59,7 @@ bool SplitName(const std::u16string& name, std::u16string* parent, std::u16strin
 void RemoveAllNames(PVOID directory) {
     std::vector<PVOID> children;
     {
-        std::lock_guard<std::recursive_mutex> guard(g_namespaceLock);
+        std::lock_guard<AdaptiveMutex> guard(g_namespaceLock);
         for (auto& [key, child] : *Dir(directory)->entries) children.push_back(child);
         Dir(directory)->entries->clear();
         for (PVOID child : children) ObpHeader(child)->directory = nullptr;
@@ -76,8 +79,11 @@ std::u16string ObpUpcase(const std::u16string& s) {
     return up;
 }
 
-NTSTATUS ObpLookup(PVOID root, std::u16string_view name, bool caseInsensitive, bool openLink, PVOID* object,
-                   std::u16string* remaining) {
+namespace {
+
+// ObpLookup with the namespace lock held by the caller.
+NTSTATUS LookupLocked(PVOID root, std::u16string_view name, bool caseInsensitive, bool openLink, PVOID* object,
+                      std::u16string* remaining) {
     *object = nullptr;
     remaining->clear();
     std::u16string_view path = name;
@@ -99,7 +105,6 @@ NTSTATUS ObpLookup(PVOID root, std::u16string_view name, bool caseInsensitive, b
         current = g_root;
         pos = 1;
     }
-    std::lock_guard<std::recursive_mutex> guard(g_namespaceLock);
     if (!current) return STATUS_OBJECT_PATH_NOT_FOUND;
     int reparse = 0;
     for (;;) {
@@ -145,8 +150,16 @@ NTSTATUS ObpLookup(PVOID root, std::u16string_view name, bool caseInsensitive, b
     }
 }
 
+}  // namespace
+
+NTSTATUS ObpLookup(PVOID root, std::u16string_view name, bool caseInsensitive, bool openLink, PVOID* object,
+                   std::u16string* remaining) {
+    std::lock_guard<AdaptiveMutex> guard(g_namespaceLock);
+    return LookupLocked(root, name, caseInsensitive, openLink, object, remaining);
+}
+
 std::u16string ObpFullName(PVOID object) {
-    std::lock_guard<std::recursive_mutex> guard(g_namespaceLock);
+    std::lock_guard<AdaptiveMutex> guard(g_namespaceLock);
     std::u16string full;
     for (PVOID o = object; o && ObpHeader(o)->directory; o = ObpHeader(o)->directory)
         full = u"\\" + ObpHeader(o)->name + full;
@@ -165,10 +178,10 @@ NTSTATUS ObpInsertName(PVOID object, const std::u16string& name) {
     if (name.empty() || name[0] != u'\\' || !SplitName(name, &parentName, &leaf))
         return STATUS_OBJECT_PATH_SYNTAX_BAD;
     if (leaf.empty()) return STATUS_OBJECT_NAME_INVALID;
-    std::lock_guard<std::recursive_mutex> guard(g_namespaceLock);
+    std::lock_guard<AdaptiveMutex> guard(g_namespaceLock);
     PVOID parent;
     std::u16string rest;
-    NTSTATUS status = ObpLookup(nullptr, parentName, true, false, &parent, &rest);
+    NTSTATUS status = LookupLocked(nullptr, parentName, true, false, &parent, &rest);
     if (!NT_SUCCESS(status)) return status == STATUS_OBJECT_NAME_NOT_FOUND ? STATUS_OBJECT_PATH_NOT_FOUND : status;
     if (!IsDirectory(parent) || !rest.empty()) {
         ObfDereferenceObject(parent);
@@ -195,7 +208,7 @@ NTSTATUS ObpInsertName(PVOID object, const std::u16string& name) {
 bool ObpRemoveName(PVOID object) {
     PVOID parent;
     {
-        std::lock_guard<std::recursive_mutex> guard(g_namespaceLock);
+        std::lock_guard<AdaptiveMutex> guard(g_namespaceLock);
         ObjectHeader* header = ObpHeader(object);
         parent = header->directory;
         if (!parent) return false;
