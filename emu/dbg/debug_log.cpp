@@ -13,7 +13,7 @@
 namespace tervane::emu {
 
 void DebugLog::Write(std::string_view text) {
-    std::lock_guard<std::mutex> guard(lock_);
+    std::lock_guard<AdaptiveMutex> guard(lock_);
     if (chunks_.empty() || chunks_.back().size() + text.size() > kChunkBytes) {
         // A fresh chunk is given its full size at once (or is the one the
         // last trim freed), so appends never copy what is already kept.
@@ -88,7 +88,7 @@ std::string DebugLog::Kept(size_t from) const {
 }
 
 std::vector<std::string> DebugLog::Lines() const {
-    std::lock_guard<std::mutex> guard(lock_);
+    std::lock_guard<AdaptiveMutex> guard(lock_);
     const std::string text = Kept(0);
     std::vector<std::string> lines;
     size_t start = 0;
@@ -104,7 +104,7 @@ std::vector<std::string> DebugLog::Lines() const {
 }
 
 std::string DebugLog::TakeNew() {
-    std::lock_guard<std::mutex> guard(lock_);
+    std::lock_guard<AdaptiveMutex> guard(lock_);
     size_t from = taken_ > base_ ? static_cast<size_t>(taken_ - base_) : 0;
     std::string fresh = Kept(from);
     taken_ = base_ + size_;
@@ -112,7 +112,7 @@ std::string DebugLog::TakeNew() {
 }
 
 uint64_t DebugLog::DroppedLines() const {
-    std::lock_guard<std::mutex> guard(lock_);
+    std::lock_guard<AdaptiveMutex> guard(lock_);
     return droppedLines_;
 }
 

@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "machine/adaptive_mutex.h"
+
 namespace tervane::emu {
 
 class DebugLog {
@@ -34,7 +36,7 @@ private:
     // The kept text from kept offset FROM on, in one piece.
     std::string Kept(size_t from) const;
 
-    mutable std::mutex lock_;
+    mutable AdaptiveMutex lock_;  // every driver log line takes it: a short spin before sleeping
     bool echo_;
     size_t capacity_;
     // The kept output (whole lines, then the open line) in chunks of at most

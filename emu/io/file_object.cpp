@@ -6,9 +6,9 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
-#include <set>
 
 #include "io/io_internal.h"
+#include "machine/sharded_set.h"
 
 namespace {
 POBJECT_TYPE g_fileType;
@@ -19,13 +19,7 @@ POBJECT_TYPE* IoFileObjectType = &g_fileType;
 namespace tervane::emu {
 namespace {
 
-std::mutex g_filesLock;
-std::set<PFILE_OBJECT>* g_files;  // every file object alive
-
-std::set<PFILE_OBJECT>& Files() {
-    if (!g_files) g_files = new std::set<PFILE_OBJECT>();
-    return *g_files;
-}
+ShardedPointerSet<FILE_OBJECT> g_files;  // every file object alive, until its deletion starts
 
 // Sends a packet of the close path (cleanup, close, the unlock-all before
 // cleanup) for FILE and waits for it; such packets are never refused.
@@ -59,6 +53,8 @@ void CloseFile(_EPROCESS* process, PVOID object, ACCESS_MASK granted, ULONG hand
 
 void DeleteFile(PVOID object) {
     auto* file = static_cast<PFILE_OBJECT>(object);
+    // First, so that no description reads what is freed below.
+    g_files.Erase(file);
     if (IopFileExtension(file)->opened) SendCloseOperation(file, IRP_MJ_CLOSE);
     if (file->FileName.Buffer) ExFreePoolWithTag(file->FileName.Buffer, kTagName);
     file->FileName = {};
@@ -67,8 +63,6 @@ void DeleteFile(PVOID object) {
         InterlockedDecrement(&device->ReferenceCount);
         ObpDereferenceHeld(device);
     }
-    std::lock_guard<std::mutex> guard(g_filesLock);
-    Files().erase(file);
 }
 
 }  // namespace
@@ -96,10 +90,7 @@ NTSTATUS IopCreateFileObject(PDEVICE_OBJECT device, PVPB vpb, const std::u16stri
     KeInitializeEvent(&file->Lock, SynchronizationEvent, FALSE);
     KeInitializeEvent(&file->Event, NotificationEvent, FALSE);
     InitializeListHead(&file->IrpList);
-    {
-        std::lock_guard<std::mutex> guard(g_filesLock);
-        Files().insert(file);
-    }
+    g_files.Insert(file);
     ObpReferenceHeld(device);
     InterlockedIncrement(&device->ReferenceCount);
     file->DeviceObject = device;
@@ -176,16 +167,19 @@ NTSTATUS IopQueryFileObjectName(PVOID object, std::u16string* name) {
 }
 
 std::vector<std::string> IoDescribeFileObjects() {
-    std::vector<std::string> lines;
-    std::lock_guard<std::mutex> guard(g_filesLock);
-    for (PFILE_OBJECT file : Files()) {
+    // In address order, each described under its shard's lock.
+    std::vector<std::pair<PFILE_OBJECT, std::string>> described;
+    g_files.ForEach([&described](PFILE_OBJECT file) {
         std::u16string name = file->DeviceObject ? ObpFullName(file->DeviceObject) : u"";
         name.append(reinterpret_cast<const char16_t*>(file->FileName.Buffer), file->FileName.Length / 2);
         char head[96];
         snprintf(head, sizeof head, "file object %p (%d references, %d handles) ", static_cast<void*>(file),
                  int(ObPointerCount(file)), int(ObHandleCount(file)));
-        lines.push_back(head + Utf16ToUtf8(name));
-    }
+        described.emplace_back(file, head + Utf16ToUtf8(name));
+    });
+    std::sort(described.begin(), described.end());
+    std::vector<std::string> lines;
+    for (auto& [file, line] : described) lines.push_back(std::move(line));
     return lines;
 }
 

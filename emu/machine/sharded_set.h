@@ -46,6 +46,15 @@ public:
         std::lock_guard<AdaptiveMutex> guard(s.lock);
         return s.items.Find(Key(p)) != nullptr;
     }
+    // Calls FN with each member, under the lock of the member's shard: a
+    // member erased at once waits until FN is done with it.
+    template <typename Fn>
+    void ForEach(Fn fn) const {
+        for (const Shard& s : shards_) {
+            std::lock_guard<AdaptiveMutex> guard(s.lock);
+            s.items.ForEach([&fn](uint64_t key, char) { fn(reinterpret_cast<T*>(key)); });
+        }
+    }
     // Empties the set, handing every member to the caller.
     std::vector<T*> TakeAll() {
         std::vector<T*> all;

@@ -356,3 +356,32 @@ TEST_F(FsTest, OpensOfDifferentFilesRunAtOnceWhileNamesChange) {
     EXPECT_TRUE(std::filesystem::exists(host / "d" / "moving.txt"));
     EXPECT_FALSE(std::filesystem::exists(host / "d" / "new0"));
 }
+
+// File objects held past their last handle are what the verifier lists as
+// alive, by name and in address order, until their last reference goes.
+TEST_F(FsTest, FileObjectsHeldPastTheirHandlesAreListedUntilReleased) {
+    HostFile("held-a.txt", "a");
+    HostFile("held-b.txt", "b");
+    std::vector<PVOID> held;
+    Run([&] {
+        for (const char16_t* name : {u"\\held-a.txt", u"\\held-b.txt"}) {
+            OpenResult r = Open(name);
+            ASSERT_EQ(r.status, STATUS_SUCCESS);
+            PVOID object = nullptr;
+            ASSERT_EQ(ObReferenceObjectByHandle(r.handle, 0, *IoFileObjectType, KernelMode, &object, nullptr),
+                      STATUS_SUCCESS);
+            held.push_back(object);
+            EXPECT_EQ(Close(r.handle), STATUS_SUCCESS);
+        }
+    });
+    const std::vector<std::string> alive = machine->Snapshot().fileObjects;
+    ASSERT_EQ(alive.size(), 2u);
+    const bool aFirst = held[0] < held[1];
+    EXPECT_NE(alive[aFirst ? 0 : 1].find("held-a.txt"), std::string::npos) << alive[0];
+    EXPECT_NE(alive[aFirst ? 1 : 0].find("held-b.txt"), std::string::npos) << alive[1];
+    EXPECT_NE(alive[0].find("(1 references, 0 handles)"), std::string::npos) << alive[0];
+    Kernel([&] {
+        for (PVOID object : held) ObDereferenceObject(object);
+    });
+    EXPECT_TRUE(machine->Snapshot().fileObjects.empty());
+}
