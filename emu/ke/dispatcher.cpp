@@ -10,6 +10,7 @@
 #include <mutex>
 #include <unordered_map>
 
+#include "machine/adaptive_mutex.h"
 #include "machine/machine_impl.h"
 #include "ps/process.h"
 
@@ -24,7 +25,7 @@ struct UserApc {
 };
 
 struct ThreadWait {
-    std::condition_variable wake;
+    std::condition_variable_any wake;
     PVOID object = nullptr;   // what the thread waits on, null when not waiting
     bool satisfied = false;
     bool alertable = false;
@@ -35,7 +36,8 @@ struct ThreadWait {
     std::deque<UserApc> userApcs;
 };
 
-std::mutex g_dispatcherLock;
+// Taken by every KeSetEvent (several per request): a short spin before sleeping.
+AdaptiveMutex g_dispatcherLock;
 std::unordered_map<PVOID, std::deque<ThreadWait*>> g_waitLists;
 thread_local ThreadWait tUnboundWait;  // waits by host threads outside the machine
 
@@ -94,7 +96,7 @@ bool UserApcsDeliverable(const ThreadWait* wait, KPROCESSOR_MODE mode, BOOLEAN a
 
 // Called with the dispatcher lock held (GUARD); drops it and runs every
 // queued user APC in order, as the thread's return to user mode would.
-NTSTATUS DeliverUserApcs(ThreadWait* wait, std::unique_lock<std::mutex>& guard) {
+NTSTATUS DeliverUserApcs(ThreadWait* wait, std::unique_lock<AdaptiveMutex>& guard) {
     std::deque<UserApc> due;
     due.swap(wait->userApcs);
     guard.unlock();
@@ -121,14 +123,14 @@ void KeInitializeThreadWait(_KTHREAD* thread) { thread->WaitBlock = new ThreadWa
 void KeDeleteThreadWait(_KTHREAD* thread) {
     // User APCs still queued die with the thread unrun.
     std::unique_ptr<ThreadWait> wait(static_cast<ThreadWait*>(thread->WaitBlock));
-    std::lock_guard<std::mutex> guard(g_dispatcherLock);
+    std::lock_guard<AdaptiveMutex> guard(g_dispatcherLock);
     thread->WaitBlock = nullptr;
     wait->userApcs.clear();
 }
 
 void KeQueueUserApc(_KTHREAD* thread, PIO_APC_ROUTINE routine, PVOID context, PIO_STATUS_BLOCK ioStatusBlock) {
     if (!thread || !routine) return;
-    std::lock_guard<std::mutex> guard(g_dispatcherLock);
+    std::lock_guard<AdaptiveMutex> guard(g_dispatcherLock);
     ThreadWait* wait = WaitStateOf(thread);
     if (!wait) return;  // the thread has ended: as NT, its APCs are not queued
     wait->userApcs.push_back({routine, context, ioStatusBlock});
@@ -158,7 +160,7 @@ extern "C" VOID KeInitializeEvent(PRKEVENT Event, EVENT_TYPE Type, BOOLEAN State
 }
 
 extern "C" LONG KeSetEvent(PRKEVENT Event, KPRIORITY Increment, BOOLEAN Wait) {
-    std::lock_guard<std::mutex> guard(g_dispatcherLock);
+    std::lock_guard<AdaptiveMutex> guard(g_dispatcherLock);
     LONG previous = Event->Header.SignalState;
     Event->Header.SignalState = 1;
     SatisfyWaiters(Event);
@@ -166,19 +168,19 @@ extern "C" LONG KeSetEvent(PRKEVENT Event, KPRIORITY Increment, BOOLEAN Wait) {
 }
 
 extern "C" LONG KeResetEvent(PRKEVENT Event) {
-    std::lock_guard<std::mutex> guard(g_dispatcherLock);
+    std::lock_guard<AdaptiveMutex> guard(g_dispatcherLock);
     LONG previous = Event->Header.SignalState;
     Event->Header.SignalState = 0;
     return previous;
 }
 
 extern "C" VOID KeClearEvent(PRKEVENT Event) {
-    std::lock_guard<std::mutex> guard(g_dispatcherLock);
+    std::lock_guard<AdaptiveMutex> guard(g_dispatcherLock);
     Event->Header.SignalState = 0;
 }
 
 extern "C" LONG KeReadStateEvent(PRKEVENT Event) {
-    std::lock_guard<std::mutex> guard(g_dispatcherLock);
+    std::lock_guard<AdaptiveMutex> guard(g_dispatcherLock);
     return Event->Header.SignalState;
 }
 
@@ -190,7 +192,7 @@ extern "C" NTSTATUS KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason,
     ThreadWait* wait = WaitStateOf(thread);
     DISPATCHER_HEADER* header = HeaderOf(Object);
 
-    std::unique_lock<std::mutex> guard(g_dispatcherLock);
+    std::unique_lock<AdaptiveMutex> guard(g_dispatcherLock);
     // Order as on NT: a signalled object wins over a pending alert, which
     // wins over a zero time-out.
     if (header->SignalState > 0) {
@@ -231,7 +233,7 @@ extern "C" NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Ale
     _ETHREAD* current = CurrentThread();
     _KTHREAD* thread = current ? &current->Tcb : nullptr;
     ThreadWait* wait = WaitStateOf(thread);
-    std::unique_lock<std::mutex> guard(g_dispatcherLock);
+    std::unique_lock<AdaptiveMutex> guard(g_dispatcherLock);
     if (TakeAlert(thread, wait, Alertable)) return STATUS_ALERTED;
     if (UserApcsDeliverable(wait, WaitMode, Alertable)) return DeliverUserApcs(wait, guard);
     LONGLONG interval = Interval ? Interval->QuadPart : 0;
@@ -256,7 +258,7 @@ extern "C" NTSTATUS KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Ale
 // otherwise the alert stays pending for its next alertable wait. Returns
 // whether an alert was already pending.
 extern "C" BOOLEAN KeAlertThread(PKTHREAD Thread, KPROCESSOR_MODE AlertMode) {
-    std::lock_guard<std::mutex> guard(g_dispatcherLock);
+    std::lock_guard<AdaptiveMutex> guard(g_dispatcherLock);
     ThreadWait* wait = WaitStateOf(Thread);
     if (!wait) return FALSE;  // the thread has ended
     BOOLEAN previous = wait->alerted ? TRUE : FALSE;
@@ -272,7 +274,7 @@ extern "C" NTSTATUS NtTestAlert(VOID) {
     _ETHREAD* current = CurrentThread();
     _KTHREAD* thread = current ? &current->Tcb : nullptr;
     ThreadWait* wait = WaitStateOf(thread);
-    std::unique_lock<std::mutex> guard(g_dispatcherLock);
+    std::unique_lock<AdaptiveMutex> guard(g_dispatcherLock);
     NTSTATUS status = TakeAlert(thread, wait, TRUE) ? STATUS_ALERTED : STATUS_SUCCESS;
     if (!wait->userApcs.empty()) DeliverUserApcs(wait, guard);
     return status;
