@@ -4,6 +4,7 @@
 // while exclusive waiters queue (unless the thread already owns the resource
 // shared). When the exclusive owner lets go, the shared waiters are granted
 // first; when the last shared owner lets go, the first exclusive waiter is.
+#include <atomic>
 #include <condition_variable>
 #include <cstring>
 #include <vector>
@@ -23,8 +24,13 @@ constexpr USHORT kResourceOwnedExclusive = 0x80;
 struct Waiter {
     _ETHREAD* thread;
     bool exclusive;
-    bool granted = false;
+    std::atomic<bool> granted{false};  // set under the state's lock, read by the spin without it
 };
+
+// How long a waiter looks for its grant before it sleeps: an owner of the
+// open-file table or a list lets go within a microsecond or so, and a grant
+// seen while spinning spares a sleep and a wake-up.
+constexpr int kGrantSpins = 64;
 
 struct ResourceState {
     std::mutex lock;
@@ -79,14 +85,14 @@ void GrantWaiters(ResourceState* s, bool afterExclusive) {
                 ++it;
                 continue;
             }
-            (*it)->granted = true;
+            (*it)->granted.store(true, std::memory_order_release);
             s->shared.emplace_back((*it)->thread, 1);
             it = s->waiters.erase(it);
         }
     } else {
         for (auto it = s->waiters.begin(); it != s->waiters.end(); ++it) {
             if (!(*it)->exclusive) continue;
-            (*it)->granted = true;
+            (*it)->granted.store(true, std::memory_order_release);
             s->exclusiveOwner = (*it)->thread;
             s->exclusiveCount = 1;
             s->waiters.erase(it);
@@ -101,7 +107,14 @@ BOOLEAN WaitForGrant(PERESOURCE resource, ResourceState* s, std::unique_lock<std
     Waiter waiter{self, exclusive};
     s->waiters.push_back(&waiter);
     Publish(resource, s);
-    s->granted.wait(guard, [&] { return waiter.granted; });
+    guard.unlock();
+    for (int spin = 0; spin < kGrantSpins && !waiter.granted.load(std::memory_order_acquire); ++spin) {
+#if defined(__x86_64__) || defined(__i386__)
+        __builtin_ia32_pause();
+#endif
+    }
+    guard.lock();
+    s->granted.wait(guard, [&] { return waiter.granted.load(std::memory_order_relaxed); });
     Publish(resource, s);
     return TRUE;
 }
