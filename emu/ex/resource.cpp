@@ -10,6 +10,7 @@
 #include <vector>
 #include <mutex>
 
+#include "machine/adaptive_mutex.h"
 #include "machine/machine_impl.h"
 #include "machine/sharded_set.h"
 #include "machine/services.h"
@@ -108,11 +109,7 @@ BOOLEAN WaitForGrant(PERESOURCE resource, ResourceState* s, std::unique_lock<std
     s->waiters.push_back(&waiter);
     Publish(resource, s);
     guard.unlock();
-    for (int spin = 0; spin < kGrantSpins && !waiter.granted.load(std::memory_order_acquire); ++spin) {
-#if defined(__x86_64__) || defined(__i386__)
-        __builtin_ia32_pause();
-#endif
-    }
+    for (int spin = 0; spin < kGrantSpins && !waiter.granted.load(std::memory_order_acquire); ++spin) CpuRelax();
     guard.lock();
     s->granted.wait(guard, [&] { return waiter.granted.load(std::memory_order_relaxed); });
     Publish(resource, s);

@@ -14,6 +14,13 @@
 
 namespace tervane::emu {
 
+// One step of a spin-wait: tells the core that this thread only waits.
+inline void CpuRelax() {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#endif
+}
+
 class AdaptiveMutex {
 public:
     AdaptiveMutex() = default;
@@ -43,11 +50,6 @@ private:
     // was preempted (more threads than cores).
     static constexpr int kSpins = 16;
 
-    static void CpuRelax() {
-#if defined(__x86_64__) || defined(__i386__)
-        __builtin_ia32_pause();
-#endif
-    }
     __attribute__((noinline)) void LockContended() {
         for (int spin = 0; spin < kSpins; ++spin) {
             uint32_t seen = state_.load(std::memory_order_relaxed);
