@@ -163,10 +163,10 @@ NTSTATUS InstallFcb(CreateRequest& rq, OpenedFile& opened, std::u16string fullNa
     fcb->meta = std::move(opened.meta);
     // What the open read of the file without the volume mutex may predate
     // writes through a control block of it that went away since (an append
-    // would then land inside them): once any control block went, the sizes,
+    // would then land inside them): once one of this file went, the sizes,
     // and the metadata if any was saved meanwhile, are read again.
     struct stat now = opened.st;
-    if (vcb->fcbsUnlinked.load(std::memory_order_relaxed) != rq.fcbsUnlinked) {
+    if (UnlinkedSince(vcb, rq.fcbsUnlinked, fcb->ino)) {
         if (fstat(fcb->fd, &now) != 0) now = opened.st;
         if (MetaStore::Saves() != opened.metaSaves) LoadMeta(vcb, fcb->fd, now, &fcb->meta);
     }

@@ -42,8 +42,18 @@ void UnlinkFcb(Vcb* vcb, Fcb* fcb) {
     auto it = vcb->fcbs.find(fcb->ino);
     if (it != vcb->fcbs.end() && it->second == fcb) {
         vcb->fcbs.erase(it);
-        vcb->fcbsUnlinked.fetch_add(1, std::memory_order_relaxed);
+        const uint64_t n = vcb->fcbsUnlinked.load(std::memory_order_relaxed);
+        vcb->unlinkedInodes[n % Vcb::kUnlinkedKept] = fcb->ino;
+        vcb->fcbsUnlinked.store(n + 1, std::memory_order_relaxed);
     }
+}
+
+bool UnlinkedSince(const Vcb* vcb, uint64_t since, uint64_t ino) {
+    const uint64_t now = vcb->fcbsUnlinked.load(std::memory_order_relaxed);
+    if (now - since > Vcb::kUnlinkedKept) return true;
+    for (uint64_t n = since; n != now; ++n)
+        if (vcb->unlinkedInodes[n % Vcb::kUnlinkedKept] == ino) return true;
+    return false;
 }
 
 Ccb* CreateCcb() {

@@ -147,9 +147,13 @@ struct Vcb {
     // a shared nameLock leave it for their host calls.
     VolumeMutex mutex;
     std::unordered_map<uint64_t, Fcb*> fcbs;            // by inode
-    // Control blocks taken out of fcbs so far: an open that read a file's
-    // status before one went reads it again before it makes a new one.
+    // Control blocks taken out of fcbs so far, and the inodes of the last
+    // kUnlinkedKept of them (unlink N at N % kUnlinkedKept): an open that
+    // read a file's status before a control block of that file went reads
+    // it again before it makes a new one (see UnlinkedSince).
+    static constexpr uint64_t kUnlinkedKept = 64;
     std::atomic<uint64_t> fcbsUnlinked{0};
+    uint64_t unlinkedInodes[kUnlinkedKept] = {};
     std::unordered_map<uint64_t, std::u16string> idPaths;  // inode -> full name last seen
     std::map<uint64_t, DirCache> dirCaches;              // by directory inode
     std::vector<NotifyWaiter> notifyWaiters;
@@ -216,6 +220,9 @@ Fcb* CreateFcb(Vcb* vcb, uint64_t ino);
 void DeleteFcb(Fcb* fcb);
 // Takes FCB out of the volume's tables (it stays allocated).
 void UnlinkFcb(Vcb* vcb, Fcb* fcb);
+// True when a control block of inode INO may have gone since the volume's
+// unlink count was SINCE; also when too many went to tell. Needs vcb->mutex.
+bool UnlinkedSince(const Vcb* vcb, uint64_t since, uint64_t ino);
 Ccb* CreateCcb();
 void DeleteCcb(Ccb* ccb);
 Fcb* FcbOf(PFILE_OBJECT fileObject);
