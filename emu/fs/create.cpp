@@ -134,12 +134,28 @@ void SetSizes(Fcb* fcb, const struct stat& st) {
 }
 
 // A host file opened for a new control block, and what was read of it.
+// The control block itself is made beside the host calls, outside the
+// volume mutex; when that fails, InstallFcb makes it under the mutex, so a
+// failed allocation fails the open only where it did before.
 struct OpenedFile {
     HostFd fd;
     bool writable = false;
     struct stat st {};
     FileMeta meta;
     uint64_t metaSaves = 0;  // the stores' save count before META was loaded
+    Fcb* fcb = nullptr;      // made ahead; freed here when not installed
+    OpenedFile() = default;
+    OpenedFile(const OpenedFile&) = delete;
+    OpenedFile& operator=(const OpenedFile&) = delete;
+    ~OpenedFile() {
+        if (fcb) DeleteFcb(fcb);
+    }
+    // Reads what a new control block needs of the host file open as FD.
+    void Load(Vcb* vcb) {
+        metaSaves = MetaStore::Saves();
+        LoadMeta(vcb, fd.fd, st, &meta);
+        fcb = CreateFcb(vcb, st.st_ino);
+    }
 };
 
 // Gives the volume a control block for the host file OPENED, unless an open
@@ -153,7 +169,7 @@ NTSTATUS InstallFcb(CreateRequest& rq, OpenedFile& opened, std::u16string fullNa
         *out = it->second;
         return STATUS_SUCCESS;
     }
-    Fcb* fcb = CreateFcb(vcb, opened.st.st_ino);
+    Fcb* fcb = opened.fcb ? std::exchange(opened.fcb, nullptr) : CreateFcb(vcb, opened.st.st_ino);
     if (!fcb) return STATUS_INSUFFICIENT_RESOURCES;
     fcb->fd = std::exchange(opened.fd.fd, -1);
     fcb->fdWritable = opened.writable;
@@ -196,8 +212,7 @@ NTSTATUS GetFcb(CreateRequest& rq, int parentFd, const Lookup& lk, const std::u1
         opened.fd.reset(hostPath.empty() ? openat(vcb->rootFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)
                                          : OpenHostChild(parentFd, lk.hostName, directory, &opened.writable));
         err = errno;
-        opened.metaSaves = MetaStore::Saves();
-        if (opened.fd.fd >= 0) LoadMeta(vcb, opened.fd.fd, lk.st, &opened.meta);
+        if (opened.fd.fd >= 0) opened.Load(vcb);
     }
     if (opened.fd.fd < 0) return StatusFromErrno(err);
     return InstallFcb(rq, opened, fullName, hostPath, out);
@@ -562,8 +577,7 @@ NTSTATUS OpenSpelledFile(CreateRequest& rq, const std::vector<std::u16string>& c
             parent.leafAbsent = errno == ENOENT;
             return STATUS_SUCCESS;
         }
-        opened.metaSaves = MetaStore::Saves();
-        LoadMeta(rq.vcb, opened.fd.fd, opened.st, &opened.meta);
+        opened.Load(rq.vcb);
     }
     HoldTables(rq);
     NTSTATUS status = InstallFcb(rq, opened, JoinComponents(comps, comps.size()), std::move(hostPath), fcb);
