@@ -385,3 +385,41 @@ TEST_F(FsTest, FileObjectsHeldPastTheirHandlesAreListedUntilReleased) {
     });
     EXPECT_TRUE(machine->Snapshot().fileObjects.empty());
 }
+
+// A new control block reads its file's status again only when a control
+// block of the same file went away since the open began, or when more went
+// than the volume keeps a record of.
+TEST_F(FsTest, UnlinkedSinceNamesOnlyTheFilesThatLostAControlBlock) {
+    namespace fs = tervane::emu::fs;
+    using fs::Vcb;
+    struct Case {
+        const char* what;
+        std::vector<uint64_t> before, after;  // inodes unlinked before and after the open began
+        uint64_t ino;
+        bool reread;
+    } cases[] = {
+        {"nothing went", {}, {}, 7, false},
+        {"another file's went", {}, {8}, 7, false},
+        {"its own went", {}, {8, 7, 9}, 7, true},
+        {"its own went before the open", {7}, {8}, 7, false},
+        {"as many as the record keeps", {}, std::vector<uint64_t>(Vcb::kUnlinkedKept, 8), 7, false},
+        {"more than the record keeps", {7}, std::vector<uint64_t>(Vcb::kUnlinkedKept + 1, 8), 7, true},
+    };
+    Run([&] {
+        for (const Case& c : cases) {
+            SCOPED_TRACE(c.what);
+            Vcb vcb;
+            auto unlink = [&](uint64_t ino) {
+                fs::Fcb* fcb = fs::CreateFcb(&vcb, ino);
+                ASSERT_NE(fcb, nullptr);
+                vcb.fcbs[ino] = fcb;
+                fs::UnlinkFcb(&vcb, fcb);
+                fs::DeleteFcb(fcb);
+            };
+            for (uint64_t ino : c.before) unlink(ino);
+            const uint64_t since = vcb.fcbsUnlinked.load();
+            for (uint64_t ino : c.after) unlink(ino);
+            EXPECT_EQ(fs::UnlinkedSince(&vcb, since, c.ino), c.reread);
+        }
+    });
+}
