@@ -72,6 +72,23 @@ TEST(FsNames, HostNamesRoundTripOnlyWhenValid) {
         EXPECT_FALSE(HostNameToNt(bad, &nt)) << bad;
     EXPECT_FALSE(NtNameToHost(u"a\xd800", &host));   // unpaired high surrogate
     EXPECT_FALSE(NtNameToHost(u"\xdc00z", &host));   // unpaired low surrogate
+    // Appending after an ASCII head: what was there stays, and a name that
+    // has no host spelling adds nothing to it.
+    struct Append {
+        std::u16string nt;
+        bool ok;
+        std::string host;
+    } appends[] = {
+        {u"plain.txt", true, "dir/plain.txt"},
+        {u"caf\u00e9 \u20ac", true, "dir/caf\xc3\xa9 \xe2\x82\xac"},
+        {u"ab\xd800", false, "dir/"},
+        {u"abc\U0001F600d\xdc00", false, "dir/"},
+    };
+    for (const Append& a : appends) {
+        host = "dir/";
+        EXPECT_EQ(AppendNtNameAsHost(a.nt, &host), a.ok) << a.host;
+        EXPECT_EQ(host, a.host);
+    }
 }
 
 TEST(FsNames, CaseFolding) {
